@@ -1,0 +1,76 @@
+// The persistent digest cache: for every file hashed, its partial and full digests keyed by volume
+// and inode, with the size and times it had then. A digest is served only while the file still has
+// exactly that size and those times, so a changed file is always read again.
+//
+// Owns one SQLite connection. Every public operation runs entirely under one lock, so the hashing
+// threads may share an instance. Only opening can fail; after that a broken, locked or full
+// database behaves like an empty one and never stops a scan. Writes are grouped into transactions
+// and committed every few hundred stores, by flush() and on destruction.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <unordered_map>
+#include <variant>
+#include <vector>
+
+#include "file_records.h"
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace dedup {
+
+class HashCache {
+public:
+    enum class Kind { partial, full };
+    using Value = std::variant<std::monostate, int64_t, std::string>;
+
+    struct Error : std::runtime_error {
+        using std::runtime_error::runtime_error;
+    };
+
+    static constexpr const char* schema =
+        "PRAGMA journal_mode = WAL;\n"
+        "CREATE TABLE IF NOT EXISTS hashes (\n"
+        "    volume TEXT NOT NULL, inode INTEGER NOT NULL, path TEXT NOT NULL,\n"
+        "    size INTEGER NOT NULL, mtime INTEGER NOT NULL, mtime_ns INTEGER NOT NULL,\n"
+        "    ctime INTEGER NOT NULL, ctime_ns INTEGER NOT NULL,\n"
+        "    partial TEXT, full TEXT,\n"
+        "    PRIMARY KEY (volume, inode));";
+
+    // Opens or creates the database, making its folder. Throws Error, or std::filesystem's error
+    // when the folder cannot be made.
+    explicit HashCache(const std::string& path);
+    ~HashCache();
+    HashCache(const HashCache&) = delete;
+    HashCache& operator=(const HashCache&) = delete;
+
+    std::optional<std::string> digest(Kind kind, const ScannedFile& file);
+    void store(const std::string& digest, Kind kind, const ScannedFile& file);
+    // Deletes the records of files under `roots` that are not among `seen`.
+    void prune(const std::vector<std::string>& roots, const std::vector<ScannedFile>& seen);
+    // Commits the writes made so far.
+    void flush();
+
+private:
+    std::vector<std::vector<Value>> query(const std::string& sql, const std::vector<Value>& parameters);
+    std::optional<std::string> volumeOf(uint64_t device, const std::string& path);
+    void beginWrite();
+    void commit();
+
+    std::mutex lock_;
+    sqlite3* db_ = nullptr;
+    std::unordered_map<std::string, sqlite3_stmt*> statements_;
+    std::unordered_map<uint64_t, std::optional<std::string>> volumes_;
+    bool inTransaction_ = false;
+    int pendingWrites_ = 0;
+    int skipWrites_ = 0;  // stores left out after the database refused a write lock
+};
+
+const char* columnName(HashCache::Kind kind);
+
+}  // namespace dedup

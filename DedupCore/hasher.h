@@ -1,0 +1,49 @@
+// SHA-256 digests of file contents, of a prefix or of the whole file, for many files at once, with
+// the digest cache in front of the disk; and the byte-for-byte comparison that is the last proof of
+// identical content before a copy is replaced.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "file_records.h"
+#include "locked.h"
+
+namespace dedup {
+
+class HashCache;
+
+using Digest = std::array<unsigned char, 32>;
+
+// 64 lower-case hexadecimal characters: the digest's text everywhere (groups, cache, journal, CSV).
+std::string digestText(const Digest& digest);
+
+namespace ContentHash {
+inline constexpr size_t chunkSize = 1 << 20;
+inline constexpr int64_t partialLimit = 65536;
+inline constexpr int64_t fullLimit = std::numeric_limits<int64_t>::max();
+
+// The digest of the first `limit` bytes (all of a shorter file). Throws SystemError.
+Digest sha256(const std::string& path, int64_t limit);
+}  // namespace ContentHash
+
+namespace Hasher {
+// One optional digest text per file, at the same index; absent when the file could not be read or
+// cancellation came first. Never throws. Solid-state volumes are read by `workers` threads (0: one
+// per core); rotational ones by one thread in list order, unless `workers` says otherwise.
+// `reading` and `isCancelled` are called from worker threads.
+std::vector<std::optional<std::string>> digests(const std::vector<ScannedFile>& files, int64_t limit,
+                                                bool rotational, HashCache* cache, Locked<int64_t>& bytesRead,
+                                                const std::function<void(const std::string&)>& reading,
+                                                const std::function<bool()>& isCancelled, int workers = 0);
+}  // namespace Hasher
+
+// Compares two files chunk by chunk. Throws SystemError when one cannot be opened or read.
+bool sameContent(const std::string& a, const std::string& b);
+
+}  // namespace dedup

@@ -1,0 +1,52 @@
+// The engine's only door to file descriptors. Every wrapper retries EINTR and turns a failure into
+// a SystemError naming the call and the path.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string>
+
+namespace dedup::platform {
+
+// Owns one open file descriptor (opened with O_CLOEXEC); closes it when destroyed. Move-only.
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.release()) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor() { reset(); }
+
+    int get() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
+    void reset();
+
+private:
+    int fd_ = -1;
+};
+
+// Opens a user file for reading its content: never follows a final symbolic link, leaves the
+// access time alone where the kernel allows it (owner or root), and tells the kernel that the
+// file will be read once from start to end. Throws SystemError("open", path, errno).
+FileDescriptor openForReading(const std::string& path);
+
+// Opens a folder for listing without following a final symbolic link.
+// Throws SystemError("open", path, errno).
+FileDescriptor openDirectory(const std::string& path);
+
+// Reads up to buffer.size() bytes; 0 means end of file. Throws SystemError("read", path, errno).
+size_t readSome(const FileDescriptor& fd, const std::string& path, std::span<std::byte> buffer);
+
+// Writes the whole text to a temporary file beside `path`, flushes it and renames it over `path`,
+// so readers see the old or the new content, never a part. Throws SystemError.
+void writeFileAtomically(const std::string& path, const std::string& content);
+
+}  // namespace dedup::platform

@@ -1,0 +1,147 @@
+#include "scan_options.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+
+#include <nlohmann/json.hpp>
+
+#include "file_records.h"
+#include "platform/file_io.h"
+#include "platform/system.h"
+
+namespace dedup {
+
+ScanOptions::ScanOptions() : homeFolder(platform::homeDirectory()) {}
+
+ScanOptions ScanOptions::recommended() {
+    ScanOptions options;
+    options.minimumSize = recommendedMinimumSize;
+    return options;
+}
+
+void to_json(nlohmann::json& j, const ScanOptions& o) {
+    j = {{"minimumSize", o.minimumSize},         {"excludedPaths", o.excludedPaths},
+         {"includePackages", o.includePackages}, {"includeLibrary", o.includeLibrary},
+         {"includeCloudFiles", o.includeCloudFiles}, {"homeFolder", o.homeFolder}};
+    if (o.allowedExtensions) j["allowedExtensions"] = *o.allowedExtensions;
+}
+
+void from_json(const nlohmann::json& j, ScanOptions& o) {
+    j.at("minimumSize").get_to(o.minimumSize);
+    o.allowedExtensions.reset();
+    if (auto it = j.find("allowedExtensions"); it != j.end() && !it->is_null()) {
+        o.allowedExtensions = it->get<std::set<std::string>>();
+    }
+    j.at("excludedPaths").get_to(o.excludedPaths);
+    j.at("includePackages").get_to(o.includePackages);
+    j.at("includeLibrary").get_to(o.includeLibrary);
+    j.at("includeCloudFiles").get_to(o.includeCloudFiles);
+    j.at("homeFolder").get_to(o.homeFolder);
+}
+
+std::string toString(Profile::Kind kind) {
+    switch (kind) {
+        case Profile::Kind::developer: return "developer";
+        case Profile::Kind::photo: return "photo";
+        case Profile::Kind::home: return "home";
+    }
+    return "";
+}
+
+std::optional<Profile::Kind> profileKind(const std::string& name) {
+    for (auto kind : Profile::allKinds) {
+        if (toString(kind) == name) return kind;
+    }
+    return std::nullopt;
+}
+
+Profile::Profile(Kind kind_, const std::string& home, const std::vector<std::string>& volumes) : kind(kind_) {
+    std::vector<std::string> candidates;
+    switch (kind) {
+        // The cache folder is named as a root of its own: a root is always entered, while the
+        // walk's rule keeps it out of a scan of the home folder.
+        case Kind::developer: candidates = {home, home + "/.cache"}; break;
+        case Kind::photo:
+            candidates = {home + "/Pictures"};
+            candidates.insert(candidates.end(), volumes.begin(), volumes.end());
+            break;
+        case Kind::home: candidates = {home}; break;
+    }
+    for (auto& candidate : candidates) {
+        if (platform::pathExists(candidate)) roots.push_back(candidate);
+    }
+    options.minimumSize = ScanOptions::recommendedMinimumSize;
+    options.includePackages = kind == Kind::photo;
+    options.homeFolder = home;
+}
+
+std::vector<std::string> Profile::externalCloneVolumes() {
+    static const std::set<std::string> cloning = {"btrfs", "xfs", "bcachefs", "ocfs2", "zfs"};
+    std::vector<std::string> result;
+    for (const auto& mount : platform::mounts()) {
+        if (mount.mountPoint == "/" || mount.readOnly || !cloning.contains(mount.fileSystem)) continue;
+        if (!mount.source.starts_with("/dev/")) continue;  // local disks only
+        result.push_back(mount.mountPoint);
+    }
+    return result;
+}
+
+SourceSet SourceSet::make(std::string name, const std::vector<std::string>& folders, ScanOptions options) {
+    return SourceSet{std::move(name), folders, std::move(options)};
+}
+
+std::vector<std::string> SourceSet::resolve() const { return bookmarks; }
+
+void to_json(nlohmann::json& j, const SourceSet& s) {
+    j = {{"name", s.name}, {"bookmarks", s.bookmarks}, {"options", s.options}};
+}
+void from_json(const nlohmann::json& j, SourceSet& s) {
+    j.at("name").get_to(s.name);
+    j.at("bookmarks").get_to(s.bookmarks);
+    j.at("options").get_to(s.options);
+}
+
+void SourceSet::save(const std::string& path) const {
+    // nlohmann's object keeps its keys sorted, so the file is stable from one save to the next.
+    platform::writeFileAtomically(path, nlohmann::json(*this).dump(2) + "\n");
+}
+
+SourceSet SourceSet::load(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) throw SystemError("open", path, errno);
+    return nlohmann::json::parse(in).get<SourceSet>();
+}
+
+namespace Locations {
+
+namespace {
+std::string xdgFolder(const char* variable, const char* fallback) {
+    if (const char* value = std::getenv(variable); value && value[0] == '/') return value;
+    return platform::homeDirectory() + fallback;
+}
+}  // namespace
+
+std::optional<std::string> override() {
+    if (const char* value = std::getenv("DEDUP_DATA_DIR"); value && *value) return std::string(value);
+    return std::nullopt;
+}
+
+std::string data() {
+    if (auto o = override()) return *o;
+    return xdgFolder("XDG_DATA_HOME", "/.local/share") + "/VELMORA.dedup";
+}
+
+std::string cache() {
+    if (auto o = override()) return *o;
+    return xdgFolder("XDG_CACHE_HOME", "/.cache") + "/VELMORA.dedup";
+}
+
+std::string journal() { return data() + "/journal.jsonl"; }
+std::string selection() { return data() + "/selection.json"; }
+std::string sources() { return data() + "/sources.json"; }
+std::string hashes() { return cache() + "/hashes.sqlite"; }
+
+}  // namespace Locations
+
+}  // namespace dedup

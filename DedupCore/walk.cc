@@ -1,0 +1,159 @@
+#include "walk.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <string_view>
+#include <sys/stat.h>
+
+#include "platform/system.h"
+#include "temporary_name.h"
+
+namespace dedup {
+
+namespace {
+
+std::string childPath(const std::string& folder, const std::string& name) {
+    if (folder == "/") return "/" + name;
+    std::string path;
+    path.reserve(folder.size() + 1 + name.size());
+    path.append(folder).append("/").append(name);
+    return path;
+}
+
+std::string parentOf(const std::string& path) {
+    auto slash = path.find_last_of('/');
+    if (slash == std::string::npos) return "";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+// The extension as file managers show it: what follows the last dot, unless that dot starts the
+// name (".bashrc" has none).
+std::string lowerExtension(std::string_view name) {
+    auto dot = name.find_last_of('.');
+    if (dot == std::string_view::npos || dot == 0) return "";
+    std::string ext(name.substr(dot + 1));
+    std::transform(ext.begin(), ext.end(), ext.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return ext;
+}
+
+bool startsWith(std::string_view s, std::string_view prefix) {
+    return s.substr(0, prefix.size()) == prefix;
+}
+
+}  // namespace
+
+Walk::Walk(ScanOptions options_) : options(std::move(options_)) {}
+
+bool Walk::isVolumeSystemFolder(const std::string& name) {
+    static constexpr std::array<std::string_view, 8> names = {
+        "proc", "sys", "dev", "run", "lost+found", ".snapshots", "timeshift", ".Trash"};
+    return std::find(names.begin(), names.end(), name) != names.end() || startsWith(name, ".Trash-");
+}
+
+bool Walk::isVolumeRoot(const std::string& path) { return platform::isMountRoot(path); }
+
+bool Walk::isExcluded(const std::string& path) const {
+    for (const auto& e : options.excludedPaths) {
+        if (e.empty()) continue;
+        if (path == e) return true;
+        if (e.back() == '/') {
+            if (startsWith(path, e)) return true;
+        } else if (path.size() > e.size() && path[e.size()] == '/' && startsWith(path, e)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool Walk::descends(const std::string& path, const std::string& name, bool atVolumeRoot) const {
+    if (unfiltered) return !startsWith(name, temporaryMarker);
+    if (name.ends_with(".app") || startsWith(name, temporaryMarker)) return false;
+    if (atVolumeRoot && isVolumeSystemFolder(name)) return false;
+    // The per-user cache plays the part of the Library: rebuilt at will, full of copies nobody
+    // means to keep, and not worth a clone.
+    if (!options.includeLibrary && name == ".cache" && parentOf(path) == options.homeFolder) return false;
+    // There are no packages on Linux and cloud drives are FUSE mounts, which the device test keeps
+    // out, so the package and cloud rules decide nothing here.
+    return true;
+}
+
+bool Walk::includes(const DirectoryEntry& entry) const {
+    if (entry.status.size < std::max<int64_t>(1, options.minimumSize)) return false;
+    constexpr uint32_t locked = FileFlags::systemImmutable | FileFlags::systemAppend | FileFlags::dataless;
+    if (entry.status.flags & locked) return false;
+    if (entry.name == ".DS_Store") return false;
+    if (!options.allowedExtensions) return true;
+    return options.allowedExtensions->contains(lowerExtension(entry.name));
+}
+
+void Walk::visit(const std::string& root) {
+    FileStatus status;
+    try {
+        status = FileStatus::read(root);
+    } catch (const SystemError&) {
+        unreadable.push_back(root);
+        return;
+    }
+    if (status.isRegularFile()) {
+        std::optional<CloneInfo> clones;
+        try {
+            clones = CloneInfo::read(root);
+        } catch (const SystemError&) {
+        }
+        if (inodes.insert({status.device, status.inode}).second) {
+            files.push_back({root, status, clones});
+        }
+        return;
+    }
+    std::vector<std::string> stack{root};
+    while (!stack.empty()) {
+        std::string folder = std::move(stack.back());
+        stack.pop_back();
+        if (isCancelled && isCancelled()) return;
+        visitFolder(folder, status.device, [&stack](std::string path) { stack.push_back(std::move(path)); });
+    }
+}
+
+void Walk::visitFolder(const std::string& folder, uint64_t device,
+                       const std::function<void(std::string)>& subfolder) {
+    folders.insert(folder);
+    if (progress) {
+        progress(ScanProgress{ScanProgress::Phase::walking, static_cast<int64_t>(files.size()), 0, folder});
+    }
+    std::vector<DirectoryEntry> entries;
+    try {
+        entries = DirectoryReader::read(folder);
+    } catch (const SystemError&) {
+        unreadable.push_back(folder);
+        return;
+    }
+    // Asked once, and only when the folder holds a folder: the answer matters for nothing else.
+    std::optional<bool> atVolumeRoot;
+    for (auto& entry : entries) {
+        std::string path = childPath(folder, entry.name);
+        if (isExcluded(path)) continue;
+        const auto& st = entry.status;
+        if (st.isDirectory()) {
+            if (!atVolumeRoot) atVolumeRoot = isVolumeRoot(folder);
+            if (!descends(path, entry.name, *atVolumeRoot)) continue;
+            // The listing's status is the folder's own (the kernel crosses into a mounted file
+            // system), so a mount point or a Btrfs subvolume shows another device here.
+            if (st.device == device) subfolder(std::move(path));
+        } else if (st.isSymbolicLink()) {
+            if (unfiltered) links.emplace_back(path, platform::readLink(path));
+        } else if (st.isRegularFile()) {
+            if (isTemporaryName(entry.name)) {
+                leftovers.push_back(std::move(path));
+                continue;
+            }
+            if (unfiltered ? entry.name == ".DS_Store" : !includes(entry)) continue;
+            if (!inodes.insert({st.device, st.inode}).second) continue;
+            files.push_back({std::move(path), st, std::move(entry.clones)});
+        }
+    }
+}
+
+}  // namespace dedup

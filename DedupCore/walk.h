@@ -1,0 +1,66 @@
+// Turns chosen roots into the list of candidate files. Never follows a symbolic link, never leaves
+// the device of the root (so it stops at mount points and Btrfs subvolumes), and never yields the
+// same file twice, even when it is reachable from two roots or through a hard link.
+//
+// A Walk is made for one scan and used by one thread; its callbacks run on that thread. It never
+// throws: folders it cannot read are listed in `unreadable`.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "directory_reader.h"
+#include "file_records.h"
+#include "scan_options.h"
+#include "scan_progress.h"
+
+namespace dedup {
+
+struct InodeKey {
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    bool operator==(const InodeKey&) const = default;
+};
+
+struct InodeKeyHash {
+    size_t operator()(const InodeKey& k) const noexcept {
+        return std::hash<uint64_t>{}(k.inode * 0x9E3779B97F4A7C15ull ^ k.device);
+    }
+};
+
+struct Walk {
+    ScanOptions options;
+    std::function<void(const ScanProgress&)> progress;  // once per folder entered
+    std::function<bool()> isCancelled;                   // once per folder, before it is read
+    std::vector<ScannedFile> files;
+    std::vector<std::string> unreadable;
+    std::vector<std::string> leftovers;
+    bool unfiltered = false;  // take every regular file and enter every folder (tree comparison)
+    std::vector<std::pair<std::string, std::string>> links;  // unfiltered only: (path, destination)
+    std::unordered_set<std::string> folders;
+    std::unordered_set<InodeKey, InodeKeyHash> inodes;
+
+    explicit Walk(ScanOptions options = {});
+
+    // Walks one root (a folder or a single file). A single-file root is taken without filters.
+    void visit(const std::string& root);
+
+    // Reads one folder; hands every folder to be entered to `subfolder`.
+    void visitFolder(const std::string& folder, uint64_t device,
+                     const std::function<void(std::string)>& subfolder);
+
+    bool descends(const std::string& path, const std::string& name, bool atVolumeRoot) const;
+    bool includes(const DirectoryEntry& entry) const;
+    bool isExcluded(const std::string& path) const;
+    static bool isVolumeRoot(const std::string& path);
+
+    // Folders never entered at the root of a volume: the kernel's virtual trees, the recovery and
+    // snapshot folders, and the per-volume Trash.
+    static bool isVolumeSystemFolder(const std::string& name);
+};
+
+}  // namespace dedup

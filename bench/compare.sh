@@ -1,0 +1,431 @@
+#!/usr/bin/env bash
+# Times `dedup scan` and other duplicate finders on one generated tree, in one run, and checks that
+# they all find the same duplicate bytes.
+#
+#   bench/compare.sh [--scale N] [--dir DIR] [--tools "dedup jdupes ..."] [--threads N] [--reflink]
+#
+# Every tool only looks for duplicates: nothing is deleted or linked. Each is timed twice: with a
+# warm page cache (a first, untimed run reads the tree into memory) and, when run as root, right
+# after the kernel dropped its caches. dedup also gets a second scan of the unchanged tree that
+# reuses the digest cache of its first one.
+#
+# Settings are made equivalent where the tools allow it (see peer_command): every regular file of
+# one byte or more, hidden files included, symbolic links never followed, hard links to one file
+# never counted as copies of each other. What still differs is printed under the table.
+set -euo pipefail
+
+readonly all_tools="dedup jdupes rmlint fdupes rdfind"
+here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+repo="$(dirname "$here")"
+
+usage() {
+  cat <<EOF
+usage: bench/compare.sh [--scale N] [--dir DIR] [--tools "LIST"] [--threads N] [--reflink]
+  --scale N      size of the generated tree; 1 is ~60,000 files and ~2.7 GB (default 1)
+  --dir DIR      where the tree and the results go; not on tmpfs (default /var/tmp/dedup-bench)
+  --tools LIST   which tools to run, out of: $all_tools (default: all)
+  --threads N    passed to dedup as --threads N
+  --reflink      generate the tree with block-sharing clones where the file system allows it
+Needs build/dedup and build/bench/make_dataset: run ./setup.sh first.
+EOF
+}
+
+die() { echo "compare.sh: $*" >&2; exit 1; }
+say() { echo "compare.sh: $*" >&2; }
+
+scale=1
+dir=/var/tmp/dedup-bench
+tools="$all_tools"
+threads=""
+reflink=0
+while [ $# -gt 0 ]; do
+  case "$1" in
+    --scale) [ $# -ge 2 ] || die "--scale needs a value"; scale="$2"; shift 2 ;;
+    --scale=*) scale="${1#*=}"; shift ;;
+    --dir) [ $# -ge 2 ] || die "--dir needs a value"; dir="$2"; shift 2 ;;
+    --dir=*) dir="${1#*=}"; shift ;;
+    --tools) [ $# -ge 2 ] || die "--tools needs a value"; tools="$2"; shift 2 ;;
+    --tools=*) tools="${1#*=}"; shift ;;
+    --threads) [ $# -ge 2 ] || die "--threads needs a value"; threads="$2"; shift 2 ;;
+    --threads=*) threads="${1#*=}"; shift ;;
+    --reflink) reflink=1; shift ;;
+    -h|--help) usage; exit 0 ;;
+    *) usage >&2; die "unknown argument: $1" ;;
+  esac
+done
+
+[[ "$scale" =~ ^([0-9]+\.?[0-9]*|\.[0-9]+)$ ]] || die "--scale must be a positive number, not '$scale'"
+[ -z "$threads" ] || [[ "$threads" =~ ^[1-9][0-9]*$ ]] || die "--threads must be a positive integer"
+# One spelling per scale, so that "0.050" reuses the tree made for "0.05".
+scale="$(LC_ALL=C awk -v s="$scale" 'BEGIN { printf "%g", s }')"
+[ "$scale" != 0 ] || die "--scale must be above 0"
+
+read -r -a tool_list <<<"$tools"
+[ ${#tool_list[@]} -gt 0 ] || die "--tools is empty"
+for t in "${tool_list[@]}"; do
+  [[ " $all_tools " == *" $t "* ]] || die "unknown tool '$t' (known: $all_tools)"
+done
+wants() { [[ " ${tool_list[*]} " == *" $1 "* ]]; }
+
+# ---- What must be there ----------------------------------------------------------------------------
+
+make_dataset="${MAKE_DATASET:-$repo/build/bench/make_dataset}"
+[ -x "$make_dataset" ] || die "$make_dataset is missing: run ./setup.sh first"
+dedup=""
+if wants dedup; then
+  for candidate in "${DEDUP:-}" "$repo/build/dedup" "$repo/build/cli/dedup"; do
+    if [ -n "$candidate" ] && [ -x "$candidate" ]; then dedup="$candidate"; break; fi
+  done
+  [ -n "$dedup" ] || die "build/dedup is missing: run ./setup.sh first (or leave dedup out with --tools)"
+fi
+
+missing=()
+for t in "${tool_list[@]}"; do
+  [ "$t" = dedup ] || command -v "$t" >/dev/null || missing+=("$t")
+done
+[ -x /usr/bin/time ] || missing+=(time)
+command -v jq >/dev/null || missing+=(jq)
+if [ ${#missing[@]} -gt 0 ]; then
+  sudo_cmd=()
+  if [ "$(id -u)" -ne 0 ]; then
+    command -v sudo >/dev/null || die "missing ${missing[*]}, and not root to install them"
+    sudo_cmd=(sudo)
+  fi
+  say "installing ${missing[*]}"
+  "${sudo_cmd[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+mkdir -p "$dir"
+dir="$(cd "$dir" && pwd -P)"
+fs_type="$(stat -f -c %T "$dir")"
+# On tmpfs the page cache is the data itself: a cold run would measure nothing.
+case "$fs_type" in
+  tmpfs|ramfs) die "$dir is on $fs_type; choose a folder on a disk with --dir" ;;
+esac
+
+# ---- The tree --------------------------------------------------------------------------------------
+# Made once and kept: the stamp names the scale, the clone option and the generator's source, so a
+# tree is reused only when it would come out byte for byte the same.
+
+tree="$dir/tree"
+stamp="$dir/stamp"
+summary="$dir/summary.txt"
+want_stamp="scale=$scale reflink=$reflink generator=$(sha256sum "$here/make_dataset.cc" | cut -c1-16)"
+if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$want_stamp" ] && [ -d "$tree" ] && [ -f "$summary" ]; then
+  say "reusing the tree in $tree ($want_stamp)"
+else
+  if [ -e "$tree" ]; then
+    # Only a tree this script made (it leaves a stamp before writing) is ever removed.
+    [ -f "$stamp" ] || die "$tree exists but was not made by this script; remove it or choose another --dir"
+    say "removing the old tree ($(cat "$stamp"))"
+    rm -rf -- "$tree"
+  fi
+  echo "incomplete" >"$stamp"
+  say "generating the tree (scale $scale) in $tree"
+  gen_args=(--scale "$scale")
+  [ "$reflink" -eq 0 ] || gen_args+=(--reflink)
+  "$make_dataset" "${gen_args[@]}" "$tree" >"$summary.new"
+  mv "$summary.new" "$summary"
+  echo "$want_stamp" >"$stamp"
+fi
+sed 's/^/  /' "$summary" >&2
+
+summary_value() { sed -n "s/^$1: //p" "$summary"; }
+expected="$(summary_value "expected duplicate bytes")"
+expected_apart="$(summary_value "expected duplicate bytes, clones counted apart")"
+candidates="$(summary_value "files a scan takes")"
+if [ -z "$expected" ] || [ -z "$candidates" ]; then
+  die "$summary does not hold the expected figures; remove $stamp and run again"
+fi
+
+# ---- Scratch space -----------------------------------------------------------------------------------
+# Beside the tree, on the same disk, so dedup's digest database is written where a user's would be.
+
+work="$(mktemp -d "$dir/run.XXXXXX")"
+cleanup() { rm -rf -- "$work"; }
+trap cleanup EXIT
+trap 'exit 130' INT TERM
+
+# Which inode each path is, to count the copies a tool lists once per file (see figures).
+find "$tree" -type f -printf '%i\t%p\n' >"$work/inodes.tsv"
+
+can_drop=0
+if [ "$(id -u)" -eq 0 ] && { sync; echo 3 >/proc/sys/vm/drop_caches; } 2>/dev/null; then can_drop=1; fi
+drop_caches() { sync; echo 3 >/proc/sys/vm/drop_caches; }
+
+# ---- Running one tool -------------------------------------------------------------------------------
+
+# Fills cmd (and out, the file the duplicate list lands in) for one tool.
+#  - jdupes: -r recurse; -q no progress; -S prints the size above every set. Empty files are left
+#    out unless -z; symlinked folders are not entered without -s, and symlinks to files are not
+#    taken; hard links to one file are not matched with each other (-H would). -Q (skip the
+#    byte-for-byte check) is not used: it trades correctness for speed.
+#  - fdupes: -r; -n leaves empty files out (fdupes takes them by default); -q; -S as above.
+#    Symlinked folders are not entered without -s; hard links are not matched without -H.
+#  - rmlint: -T df only duplicate files (no other kinds of lint); -o json:FILE is the only output
+#    (no shell script, no summary); --hidden because rmlint skips hidden files by default;
+#    --no-followlinks ignores symlinks entirely (by default it would see them as small files);
+#    --no-hardlinked keeps one name per hard-linked file; --size 1 is its default, spelled out.
+#  - rdfind: -dryrun true never touches a file; -outputname puts results.txt in our scratch folder;
+#    -minsize 1, -followsymlinks false and -removeidentinode true (one name per inode) are its
+#    defaults, spelled out.
+#  - dedup: scan --min-size 1 --json, --threads N when asked.
+set_command() {
+  local tool="$1" base="$2"
+  out="$base.out"
+  case "$tool" in
+    dedup)
+      cmd=("$dedup" scan --min-size 1 --json)
+      [ -z "$threads" ] || cmd+=(--threads "$threads")
+      cmd+=("$tree") ;;
+    jdupes) cmd=(jdupes -r -q -S "$tree") ;;
+    fdupes) cmd=(fdupes -r -n -q -S "$tree") ;;
+    rmlint)
+      out="$base.json"
+      cmd=(rmlint -T df -o "json:$out" --hidden --no-followlinks --no-hardlinked --size 1 "$tree") ;;
+    rdfind)
+      out="$base.txt"
+      cmd=(rdfind -dryrun true -outputname "$out" -minsize 1 -followsymlinks false -removeidentinode true "$tree") ;;
+  esac
+}
+
+# Runs cmd under /usr/bin/time from the scratch folder (rmlint and rdfind like to leave files in
+# the current folder). Sets secs, kib and status; stdout goes to $base.stdout unless the tool
+# writes its list there.
+timed() {
+  local base="$1" stdout="$1.stdout"
+  [ "$out" = "$base.out" ] && stdout="$out"
+  status=0
+  (cd "$work" && /usr/bin/time -f '%e %M' -o "$base.time" "${cmd[@]}" >"$stdout" 2>"$base.stderr") || status=$?
+  # time writes "Command exited with non-zero status N" above its line when the tool failed.
+  read -r secs kib < <(tail -n 1 "$base.time")
+}
+
+# Turns a tool's list into lines "set<TAB>size<TAB>path".
+to_sets() {
+  local tool="$1" file="$2"
+  case "$tool" in
+    jdupes|fdupes)
+      awk '/^[0-9]+ bytes? +each:$/ { set++; size = $1; next }
+           /^$/ { next }
+           { printf "%d\t%s\t%s\n", set, size, $0 }' "$file" ;;
+    rmlint)
+      jq -r '.[] | select(.type? == "duplicate_file") | [.checksum, .size, .path] | @tsv' "$file" ;;
+    rdfind)
+      awk '/^#/ { next }
+           { id = $2 < 0 ? -$2 : $2; size = $4; path = $0
+             sub(/^([^ ]+ ){7}/, "", path)
+             printf "%s\t%s\t%s\n", id, size, path }' "$file" ;;
+  esac
+}
+
+# Prints "listed once_per_inode unknown" for a sets file: the duplicate bytes as the tool lists
+# them (sum over sets of (n-1)*size) and with the names of one inode counted once, plus how many
+# listed paths are not in the tree (they would make the second figure unreliable).
+figures() {
+  awk -F '\t' 'NR == FNR { inode[$2] = $1; next }
+    { size[$1] = $2; n[$1]++
+      key = ($3 in inode) ? inode[$3] : "?" $3
+      if (!($3 in inode)) unknown++
+      if (!(($1, key) in seen)) { seen[$1, key] = 1; u[$1]++ } }
+    END { for (s in n) { listed += (n[s] - 1) * size[s]; once += (u[s] - 1) * size[s] }
+          printf "%.0f %.0f %d\n", listed, once, unknown }' "$work/inodes.tsv" "$1"
+}
+
+# dedup reports what replacing the copies would free (its reclaimableBytes, counted in blocks where
+# the file system tells them); by_size is the plain count, (units - 1) * size, where files sharing
+# all their blocks form one unit, as the generator counts.
+dedup_figures() {
+  jq -r '[
+      ([.groups[].reclaimableBytes] | add // 0),
+      ([.groups[] | (.files[0].status.size) as $size
+         | ([.files[] | if (.clones != null and .clones.privateSize == 0)
+                        then "clone \(.status.device) \(.clones.cloneID)" else "file \(.path)" end]
+            | unique | length) as $units
+         | ($units - 1) * $size] | add // 0),
+      (.filesSeen // 0), (.cancelled // false)
+    ] | map(tostring) | join(" ")' "$1"
+}
+
+# ---- Results ----------------------------------------------------------------------------------------
+
+rows=()   # "label|condition|secs|kib|dup bytes|dup bytes once per inode, or ref|files" per timed run
+notes=()
+dedup_ref=""
+dedup_by_size=""
+
+add_note() { [[ " ${notes[*]-} " == *" $1 "* ]] || notes+=("$1"); }
+
+# One timed run of a tool under a condition; label tells the table row apart.
+measure() {
+  local tool="$1" condition="$2" label="$3" base="$4"
+  set_command "$tool" "$base"
+  [ "$condition" = warm ] || drop_caches
+  sync
+  say "$condition: $label"
+  timed "$base"
+  if [ "$tool" = dedup ]; then
+    local reclaim by_size seen cancelled
+    if ! read -r reclaim by_size seen cancelled < <(dedup_figures "$out" 2>/dev/null); then
+      rows+=("$label|$condition|$secs|$kib|failed (exit $status)|-|-")
+      sed 's/^/    /' "$base.stderr" | tail -n 5 >&2
+      return 0
+    fi
+    [ "$cancelled" = false ] || add_note "dedup reported its scan as cancelled."
+    [ "$status" -eq 0 ] || add_note "dedup exited with status $status although its output was complete."
+    rows+=("$label|$condition|$secs|$kib|$reclaim|ref|$seen")
+    dedup_ref="$reclaim"
+    dedup_by_size="$by_size"
+    return 0
+  fi
+  # An empty list is a valid answer from jdupes and fdupes; rmlint and rdfind always write a file.
+  if [ "$status" -ne 0 ] || [ ! -f "$out" ]; then
+    rows+=("$label|$condition|$secs|$kib|failed (exit $status)|-|-")
+    sed 's/^/    /' "$base.stderr" | tail -n 5 >&2
+    return 0
+  fi
+  to_sets "$tool" "$out" >"$base.sets"
+  local listed once unknown
+  read -r listed once unknown < <(figures "$base.sets")
+  [ "$unknown" -eq 0 ] || add_note "$tool listed $unknown paths that are not in the tree; its per-inode figure is unreliable."
+  rows+=("$label|$condition|$secs|$kib|$listed|$once|$candidates")
+}
+
+run_condition() {
+  local condition="$1" t
+  for t in "${tool_list[@]}"; do
+    if [ "$condition" = warm ]; then
+      # The untimed run brings the tree into the page cache; for dedup it gets a digest database
+      # of its own, so the timed run that follows is still a first scan.
+      set_command "$t" "$work/$t.warmup"
+      say "warm: $t (untimed run to fill the page cache)"
+      if [ "$t" = dedup ]; then
+        DEDUP_DATA_DIR="$(mktemp -d "$work/data.XXXXXX")"
+        export DEDUP_DATA_DIR
+      fi
+      timed "$work/$t.warmup"
+      unset DEDUP_DATA_DIR
+    fi
+    if [ "$t" = dedup ]; then
+      DEDUP_DATA_DIR="$(mktemp -d "$work/data.XXXXXX")"
+      export DEDUP_DATA_DIR
+      measure dedup "$condition" dedup "$work/dedup.$condition.1"
+      measure dedup "$condition" "dedup, 2nd scan" "$work/dedup.$condition.2"
+      unset DEDUP_DATA_DIR
+    else
+      measure "$t" "$condition" "$t" "$work/$t.$condition"
+    fi
+  done
+}
+
+sync
+run_condition warm
+if [ "$can_drop" -eq 1 ]; then
+  run_condition cold
+else
+  add_note "No cold-cache runs: dropping the page cache needs root (echo 3 > /proc/sys/vm/drop_caches)."
+fi
+
+# ---- The table --------------------------------------------------------------------------------------
+
+versions() {
+  local t
+  for t in "${tool_list[@]}"; do
+    case "$t" in
+      dedup) printf '%s ' "dedup ($dedup)" ;;
+      jdupes) printf '%s; ' "$(jdupes -v 2>&1 | head -n 1)" ;;
+      fdupes) printf '%s; ' "$(fdupes --version 2>&1 | head -n 1)" ;;
+      rdfind) printf '%s; ' "$(rdfind --version 2>&1 | head -n 1)" ;;
+      rmlint) printf 'rmlint %s; ' "$(rmlint --version 2>&1 | head -n 1 | sed 's/\x1b\[[0-9;]*m//g; s/^version //; s/ compiled.*//')" ;;
+    esac
+  done
+}
+
+reference="$expected"
+reference_name="expected"
+if [ -n "$dedup_ref" ]; then
+  reference="$dedup_ref"
+  reference_name="dedup"
+  if [ "$dedup_ref" != "$expected" ]; then
+    if [ "$dedup_by_size" = "$expected" ]; then
+      add_note "dedup's figure counts freed blocks ($dedup_ref); by file size its groups hold $dedup_by_size, the expected figure."
+    else
+      add_note "dedup found $dedup_ref duplicate bytes ($dedup_by_size by file size) where $expected were expected."
+    fi
+  fi
+fi
+
+# dedup's first-scan seconds per cache condition, whatever the order of --tools.
+declare -A dedup_secs=()
+for row in "${rows[@]}"; do
+  IFS='|' read -r tool condition secs _ <<<"$row"
+  [ "$tool" != dedup ] || dedup_secs[$condition]="$secs"
+done
+
+ratio_of() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; else print "-" }'; }
+
+# How a tool's figure compares with the reference, and why when it differs for a known reason.
+match_of() {
+  local tool="$1" dup="$2" once="$3"
+  if [ "$once" = ref ]; then
+    echo "(reference)"
+  elif [ "$dup" = "$reference" ]; then
+    echo "yes"
+  elif [ "$once" = "$reference" ]; then
+    echo "yes, per inode"
+  elif [ "$reference_name" = dedup ] && [ "$dup" = "$dedup_by_size" ]; then
+    echo "yes, by size"
+  elif [ "$expected_apart" != "$expected" ] && [ "$dup" = "$expected_apart" ]; then
+    echo "no: clones"
+  else
+    echo "no ($((dup - reference)))"
+  fi
+}
+
+report() {
+  local row tool condition secs kib dup once files ratio mib per_file match
+  echo "Tree: $tree ($fs_type), scale $scale: $(summary_value "regular file names") names," \
+    "$candidates files a scan takes, $(summary_value bytes) bytes"
+  echo "Expected duplicate bytes (from the generator): $expected"
+  [ "$expected_apart" = "$expected" ] || echo "  with clones counted as copies, as the peers count them: $expected_apart"
+  echo "Machine: $(nproc) cores, kernel $(uname -r). Tools: $(versions)"
+  echo
+  printf '%-16s %-5s %8s %8s %8s %7s %14s  %s\n' tool cache seconds "vs dedup" "peak MiB" "B/file" "dup bytes" "= $reference_name"
+  for row in "${rows[@]}"; do
+    IFS='|' read -r tool condition secs kib dup once files <<<"$row"
+    mib="$(awk -v k="$kib" 'BEGIN { printf "%.1f", k / 1024 }')"
+    per_file="-"
+    [[ ! "$files" =~ ^[1-9][0-9]*$ ]] || per_file="$(awk -v k="$kib" -v f="$files" 'BEGIN { printf "%.0f", k * 1024 / f }')"
+    ratio="-"
+    case "$tool" in
+      "dedup, 2nd scan") ratio="$(ratio_of "$secs" "${dedup_secs[$condition]:-0}")" ;;
+      *) [ -z "${dedup_secs[$condition]:-}" ] || ratio="$(ratio_of "$secs" "${dedup_secs[$condition]}")" ;;
+    esac
+    match="-"
+    if [[ "$dup" =~ ^[0-9]+$ ]]; then
+      match="$(match_of "$tool" "$dup" "$once")"
+      case "$match" in
+        "yes, per inode") add_note "$tool lists hard links of a file beside its real copies (each name counted: $dup); counting each inode once gives $reference_name's figure." ;;
+        "no: clones") add_note "$tool counts files that already share all their blocks as copies (the expected figure counted that way is $expected_apart)." ;;
+      esac
+    fi
+    printf '%-16s %-5s %8s %8s %8s %7s %14s  %s\n' "$tool" "$condition" "$secs" "$ratio" "$mib" "$per_file" "$dup" "$match"
+  done
+  echo
+  echo "vs dedup: seconds divided by dedup's first scan under the same cache; for dedup's 2nd scan, by its 1st."
+  echo "B/file: peak resident memory divided by the files a scan takes (dedup's own count for dedup)."
+  if [ -n "$dedup_by_size" ] && [ "$dedup_by_size" != "$dedup_ref" ]; then
+    echo "yes, by size: equals dedup's groups counted by file size ($dedup_by_size) rather than in freed blocks ($dedup_ref)."
+  fi
+  if wants rmlint; then
+    echo "rmlint hashes on several threads by default; jdupes, fdupes and rdfind read with one."
+  fi
+  if wants jdupes || wants fdupes; then
+    echo "jdupes and fdupes compare candidates byte for byte after hashing; rmlint, rdfind and dedup trust the digest."
+  fi
+  [ "${#notes[@]}" -eq 0 ] || printf 'Note: %s\n' "${notes[@]}"
+}
+
+report | tee "$dir/last-results.txt"
+say "results also in $dir/last-results.txt"

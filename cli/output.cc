@@ -1,0 +1,77 @@
+#include "output.h"
+
+#include <fmt/format.h>
+
+#include <nlohmann/json.hpp>
+
+#include "byte_format.h"
+#include "reclaim_plan.h"
+
+namespace dedup::cli {
+
+std::string jsonText(const nlohmann::json& value) {
+    return value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+std::string groupedNumber(int64_t n) {
+    std::string digits = std::to_string(n < 0 ? -n : n);
+    std::string out;
+    for (size_t i = 0; i < digits.size(); ++i) {
+        if (i > 0 && (digits.size() - i) % 3 == 0) out.push_back(',');
+        out.push_back(digits[i]);
+    }
+    return n < 0 ? "-" + out : out;
+}
+
+namespace {
+
+void printGroup(std::ostream& out, const DuplicateGroup& group) {
+    int64_t size = group.files.front().status.size;
+    out << fmt::format("{} to reclaim: {} copies of {}\n", formatBytes(group.reclaimableBytes), group.files.size(),
+                       formatBytes(size));
+    out << "  sha256 " << group.digest << "\n";
+    // What each copy frees comes from the same plan a reclaim follows, so the figures agree.
+    auto targets = Report::targets({group}, Selection{});
+    out << fmt::format("  {:>10}  {}\n", "kept", group.files.front().path);
+    size_t next = 0;
+    for (size_t i = 1; i < group.files.size(); ++i) {
+        const ScannedFile& copy = group.files[i];
+        if (next < targets.size() && targets[next].file.path == copy.path) {
+            out << fmt::format("  {:>10}  {}\n", formatBytes(targets[next].frees), copy.path);
+            ++next;
+        } else {
+            out << fmt::format("  {:>10}  {}  (already shares its blocks with the kept copy)\n", "0 bytes", copy.path);
+        }
+    }
+    out << "\n";
+}
+
+}  // namespace
+
+void printScanText(std::ostream& out, const ScanResult& result) {
+    for (const auto& group : result.groups) printGroup(out, group);
+    if (!result.unreadableFolders.empty()) {
+        out << fmt::format("{} could not be read:\n", result.unreadableFolders.size() == 1
+                                                          ? std::string("1 folder")
+                                                          : groupedNumber(static_cast<int64_t>(
+                                                                result.unreadableFolders.size())) + " folders");
+        for (const auto& path : result.unreadableFolders) out << "  " << path << "\n";
+        out << "\n";
+    }
+    if (!result.leftovers.empty()) {
+        out << fmt::format("{} left from an interrupted reclaim:\n",
+                           result.leftovers.size() == 1
+                               ? std::string("1 file is")
+                               : groupedNumber(static_cast<int64_t>(result.leftovers.size())) + " files are");
+        for (const auto& path : result.leftovers) out << "  " << path << "\n";
+        out << "\n";
+    }
+    if (result.cancelled) out << "Cancelled: these are the groups found before the scan was stopped.\n";
+    int64_t total = 0;
+    for (const auto& group : result.groups) total += group.reclaimableBytes;
+    out << fmt::format("Looked at {} files; read {} to compare them.\n", groupedNumber(result.filesSeen),
+                       formatBytes(result.bytesRead));
+    out << formatBytes(total) << " can be reclaimed in " << result.groups.size() << " groups.\n";
+}
+
+}  // namespace dedup::cli

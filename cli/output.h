@@ -1,0 +1,22 @@
+// How the command writes results: sentences and aligned columns for a person, JSON for programs.
+#pragma once
+
+#include <ostream>
+#include <string>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "duplicate_finder.h"
+
+namespace dedup::cli {
+
+// Paths on Linux are bytes and need not be UTF-8; such bytes are shown as U+FFFD rather than
+// failing the whole output.
+std::string jsonText(const nlohmann::json& value);
+
+// 12345678 -> "12,345,678": counts a person can read at a glance.
+std::string groupedNumber(int64_t n);
+
+void printScanText(std::ostream& out, const ScanResult& result);
+
+}  // namespace dedup::cli

@@ -1,0 +1,125 @@
+#include "scan_command.h"
+
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <iostream>
+#include <memory>
+
+#include <nlohmann/json.hpp>
+
+#include "duplicate_finder.h"
+#include "exit_codes.h"
+#include "hash_cache.h"
+#include "output.h"
+#include "platform/process.h"
+#include "platform/system.h"
+#include "progress_line.h"
+
+namespace dedup::cli {
+
+namespace fs = std::filesystem;
+
+void addScanOptions(CLI::App& command, ScanArguments& arguments) {
+    command.add_option("--min-size", arguments.minimumSize, "Smallest file size looked at, in bytes")
+        ->check(CLI::Range(int64_t{0}, std::numeric_limits<int64_t>::max()))
+        ->capture_default_str();
+    command.add_option("--ext", arguments.extensions, "Only files with these extensions (jpg,png)")
+        ->delimiter(',');
+    command.add_option("--exclude", arguments.excluded, "Leave out this file or folder and all below it");
+    command.add_flag("--include-library", arguments.includeLibrary, "Also look inside the home folder's .cache");
+    command.add_option("--threads", arguments.threads,
+                       "Files read at once (default: one per core on solid-state disks, one on spinning disks)")
+        ->check(CLI::Range(1, 256));
+    command.add_flag("--no-cache", arguments.noCache, "Neither use nor fill the digest cache");
+    command.add_flag("--json", arguments.json, "Print the result as JSON for programs");
+    command.add_option("ROOT", arguments.roots, "Folders to look in")->required();
+}
+
+namespace {
+
+std::string absolute(const std::string& path) {
+    return fs::absolute(fs::path(path)).lexically_normal().string();
+}
+
+std::string withoutTrailingSlash(std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+}
+
+}  // namespace
+
+std::vector<std::string> checkedRoots(const std::vector<std::string>& roots) {
+    std::vector<std::string> result;
+    for (const auto& given : roots) {
+        std::string path = withoutTrailingSlash(absolute(given));
+        std::error_code ec;
+        auto status = fs::status(path, ec);
+        if (ec || !fs::exists(status)) {
+            throw CommandError("no such folder: " + given);
+        }
+        if (!fs::is_directory(status)) throw CommandError(given + " is not a folder");
+        // A root given through a symbolic link is walked where the link points: the walk itself
+        // never follows links, so it must start from the real folder.
+        if (fs::is_symlink(fs::symlink_status(path, ec))) {
+            if (auto real = platform::realPath(path)) path = *real;
+        }
+        if (!platform::canAccess(path, 4 /* R_OK */) || !platform::canAccess(path, 1 /* X_OK */)) {
+            throw CommandError("cannot read the folder " + given + ": permission denied");
+        }
+        if (std::find(result.begin(), result.end(), path) == result.end()) result.push_back(path);
+    }
+    return result;
+}
+
+ScanOptions scanOptions(const ScanArguments& arguments) {
+    ScanOptions options;
+    options.minimumSize = arguments.minimumSize;
+    if (!arguments.extensions.empty()) {
+        std::set<std::string> extensions;
+        for (std::string ext : arguments.extensions) {
+            while (!ext.empty() && ext.front() == '.') ext.erase(ext.begin());
+            std::transform(ext.begin(), ext.end(), ext.begin(),
+                           [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+            if (ext.empty()) throw CommandError("--ext needs extensions such as jpg,png", usage);
+            extensions.insert(ext);
+        }
+        options.allowedExtensions = std::move(extensions);
+    }
+    for (const auto& path : arguments.excluded) options.excludedPaths.push_back(withoutTrailingSlash(absolute(path)));
+    options.includeLibrary = arguments.includeLibrary;
+    return options;
+}
+
+int runScan(const ScanArguments& arguments, std::ostream& out) {
+    auto roots = checkedRoots(arguments.roots);
+    DuplicateFinder finder;
+    finder.options = scanOptions(arguments);
+    finder.threads = arguments.threads;
+    std::unique_ptr<HashCache> cache;
+    if (!arguments.noCache) {
+        try {
+            cache = std::make_unique<HashCache>(Locations::hashes());
+        } catch (const std::exception& error) {
+            // The cache only saves time: without it every file is read, and the scan still runs.
+            std::cerr << "dedup: the digest cache cannot be opened (" << error.what() << "); every file will be read\n";
+        }
+    }
+    finder.cache = cache.get();
+
+    platform::installInterruptHandlers();
+    ProgressLine progress;
+    ScanResult result =
+        finder.scan(roots, [&](const ScanProgress& p) { progress.scan(p); }, [] { return platform::interrupted(); });
+    progress.clear();
+
+    if (arguments.json) {
+        out << jsonText(result) << "\n";
+    } else {
+        printScanText(out, result);
+    }
+    out.flush();
+    return result.cancelled ? interruptedByUser : success;
+}
+
+}  // namespace dedup::cli

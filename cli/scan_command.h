@@ -1,0 +1,37 @@
+// `dedup scan`: the options every command that scans shares, their checks, and the scan itself.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "scan_options.h"
+
+namespace dedup::cli {
+
+struct ScanArguments {
+    int64_t minimumSize = ScanOptions::recommendedMinimumSize;
+    std::vector<std::string> extensions;
+    std::vector<std::string> excluded;
+    bool includeLibrary = false;
+    int threads = 0;
+    bool noCache = false;
+    bool json = false;
+    std::vector<std::string> roots;
+};
+
+// Declares the scan options on a subcommand (reclaim takes the same ones).
+void addScanOptions(CLI::App& command, ScanArguments& arguments);
+
+// Turns the arguments into absolute, checked roots and options. Throws CommandError naming the
+// first root that is missing, not a folder or not readable.
+std::vector<std::string> checkedRoots(const std::vector<std::string>& roots);
+ScanOptions scanOptions(const ScanArguments& arguments);
+
+// Runs the scan and prints it; returns the exit code.
+int runScan(const ScanArguments& arguments, std::ostream& out);
+
+}  // namespace dedup::cli

@@ -1,0 +1,142 @@
+#include "walk.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+
+#include "support/test_files.h"
+#include "volumes.h"
+
+namespace dedup {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::vector<std::string> sortedPaths(const std::vector<ScannedFile>& files) {
+    std::vector<std::string> paths;
+    for (const auto& f : files) paths.push_back(f.path);
+    std::sort(paths.begin(), paths.end());
+    return paths;
+}
+
+Walk walkOf(const std::vector<std::string>& roots, ScanOptions options = {}) {
+    Walk walk(std::move(options));
+    for (const auto& root : roots) walk.visit(root);
+    return walk;
+}
+
+TEST(WalkTest, EachFileOnceAcrossHardLinksAndNestedRoots) {
+    test::TempDir dir;
+    fs::create_directories(dir.path("a/b"));
+    test::writeFile(dir.path("a/one"), "1");
+    test::writeFile(dir.path("a/b/two"), "22");
+    ASSERT_EQ(::link(dir.path("a/one").c_str(), dir.path("a/b/one-again").c_str()), 0);
+
+    Walk walk = walkOf({dir.path("a"), dir.path("a/b")});
+    // A folder is read whole before its subfolders, so the name met first is the one in "a".
+    EXPECT_EQ(sortedPaths(walk.files), (std::vector<std::string>{dir.path("a/b/two"), dir.path("a/one")}));
+    EXPECT_TRUE(walk.folders.contains(dir.path("a/b")));
+}
+
+TEST(WalkTest, FileRulesSizeExtensionNamesAndTemporaries) {
+    test::TempDir dir;
+    test::writeFile(dir.path("empty"), "");
+    test::writeFile(dir.path("A.JPG"), "x");
+    test::writeFile(dir.path("a.jpeg"), "x");
+    test::writeFile(dir.path("jpg"), "x");
+    test::writeFile(dir.path(".DS_Store"), "x");
+    test::writeFile(dir.path(".photo.jpg.dedup-0F0E8C9B-3D63-4E1A-9C9B-5E9A7E0C1D2F"), "x");
+    test::writeFile(dir.path(".dedup-0F0E8C9B-3D63-4E1A-9C9B-5E9A7E0C1D2F"), "x");
+
+    ScanOptions options;
+    options.minimumSize = 0;  // even so, an empty file is never a candidate
+    Walk all = walkOf({dir.path()}, options);
+    EXPECT_EQ(sortedPaths(all.files), (std::vector<std::string>{dir.path(".dedup-0F0E8C9B-3D63-4E1A-9C9B-5E9A7E0C1D2F"),
+                                                                dir.path("A.JPG"), dir.path("a.jpeg"),
+                                                                dir.path("jpg")}));
+    EXPECT_EQ(all.leftovers,
+              std::vector<std::string>{dir.path(".photo.jpg.dedup-0F0E8C9B-3D63-4E1A-9C9B-5E9A7E0C1D2F")});
+
+    options.allowedExtensions = std::set<std::string>{"jpg"};
+    EXPECT_EQ(sortedPaths(walkOf({dir.path()}, options).files), std::vector<std::string>{dir.path("A.JPG")});
+
+    // A root that is a file is taken as it is, without the filters.
+    Walk single = walkOf({dir.path("empty")}, options);
+    EXPECT_EQ(sortedPaths(single.files), std::vector<std::string>{dir.path("empty")});
+}
+
+TEST(WalkTest, FolderRulesExclusionsCacheAndLinks) {
+    test::TempDir dir;
+    const std::string home = dir.path("home");
+    fs::create_directories(home + "/.cache/thumbs");
+    fs::create_directories(home + "/project/.cache");
+    fs::create_directories(home + "/photos/bc");
+    fs::create_directories(home + "/photos/b/deep");
+    fs::create_directories(home + "/Tool.app");
+    test::writeFile(home + "/.cache/thumbs/t", "t");
+    test::writeFile(home + "/project/.cache/c", "c");
+    test::writeFile(home + "/photos/bc/kept", "k");
+    test::writeFile(home + "/photos/b/deep/left-out", "l");
+    test::writeFile(home + "/Tool.app/inside", "i");
+    fs::create_symlink(home + "/photos", home + "/link-to-folder");
+    fs::create_symlink(home + "/photos/bc/kept", home + "/link-to-file");
+
+    ScanOptions options;
+    options.homeFolder = home;
+    options.excludedPaths = {home + "/photos/b"};
+    Walk walk = walkOf({home}, options);
+    // The home folder's .cache is skipped, one inside a project is not; "/photos/b" leaves out
+    // "/photos/b/..." but not "/photos/bc"; symbolic links are never followed.
+    EXPECT_EQ(sortedPaths(walk.files),
+              (std::vector<std::string>{home + "/photos/bc/kept", home + "/project/.cache/c"}));
+    EXPECT_TRUE(walk.links.empty());
+
+    options.includeLibrary = true;
+    EXPECT_EQ(walkOf({home}, options).files.size(), 3u);
+
+    Walk unfiltered(options);
+    unfiltered.unfiltered = true;
+    unfiltered.visit(home);
+    EXPECT_EQ(unfiltered.links.size(), 2u);
+    EXPECT_EQ(unfiltered.files.size(), 4u);  // the .app folder is entered too
+
+    // A root given as a link to a folder is not followed either: it cannot be read as a folder.
+    Walk viaLink = walkOf({home + "/link-to-folder"});
+    EXPECT_TRUE(viaLink.files.empty());
+    EXPECT_EQ(viaLink.unreadable, std::vector<std::string>{home + "/link-to-folder"});
+    Walk missing = walkOf({dir.path("nothing-here")});
+    EXPECT_EQ(missing.unreadable, std::vector<std::string>{dir.path("nothing-here")});
+}
+
+TEST(WalkTest, CancellationIsSeenBetweenFolders) {
+    test::TempDir dir;
+    for (int i = 0; i < 5; ++i) {
+        fs::create_directories(dir.path("f" + std::to_string(i)));
+        test::writeFile(dir.path("f" + std::to_string(i) + "/x"), "x");
+    }
+    Walk walk;
+    int entered = 0;
+    walk.progress = [&](const ScanProgress&) { ++entered; };
+    walk.isCancelled = [&] { return entered >= 3; };
+    walk.visit(dir.path());
+    EXPECT_EQ(entered, 3);
+    EXPECT_EQ(walk.files.size(), 2u);
+}
+
+TEST(WalkTest, MountedVolumeInsideTheTreeIsNotEntered) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+    auto* volume = test::sharedVolume(test::LoopVolume::Kind::xfs);
+    test::writeFile(volume->path("on-the-volume"), "v");
+    // The folder holding the image also holds the mount point.
+    Walk walk = walkOf({volume->folder()});
+    for (const auto& file : walk.files) EXPECT_EQ(file.path.find(volume->mountPoint() + "/"), std::string::npos);
+    EXPECT_FALSE(walk.folders.contains(volume->mountPoint()));
+    EXPECT_TRUE(Walk::isVolumeRoot(volume->mountPoint()));
+    EXPECT_FALSE(Walk::isVolumeRoot(volume->folder()));
+}
+
+}  // namespace
+}  // namespace dedup
