@@ -1,10 +1,8 @@
 // The dedup command: finds files of identical content and gives back the space of the extra copies.
 #include <iostream>
 
-#include <CLI/CLI.hpp>
-
+#include "command.h"
 #include "exit_codes.h"
-#include "scan_command.h"
 
 int main(int argc, char** argv) {
     using namespace dedup::cli;
@@ -12,9 +10,9 @@ int main(int argc, char** argv) {
     app.name("dedup");
     app.require_subcommand(1);
 
-    ScanArguments scan;
-    auto* scanCommand = app.add_subcommand("scan", "Find identical files and show what reclaiming them would free");
-    addScanOptions(*scanCommand, scan);
+    Commands commands;
+    addScanCommands(app, commands);
+    addSpaceCommands(app, commands);
 
     try {
         app.parse(argc, argv);
@@ -24,7 +22,9 @@ int main(int argc, char** argv) {
     }
 
     try {
-        if (*scanCommand) return runScan(scan, std::cout);
+        for (const auto& command : commands) {
+            if (command.subcommand->parsed()) return command.run();
+        }
     } catch (const CommandError& error) {
         std::cerr << "dedup: " << error.what() << "\n";
         return error.code;

@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "duplicate_finder.h"
+#include "command.h"
 #include "exit_codes.h"
 #include "hash_cache.h"
 #include "output.h"
@@ -120,6 +121,13 @@ int runScan(const ScanArguments& arguments, std::ostream& out) {
     }
     out.flush();
     return result.cancelled ? interruptedByUser : success;
+}
+
+void addScanCommands(CLI::App& app, Commands& commands) {
+    static ScanArguments arguments;
+    auto* scan = app.add_subcommand("scan", "Find identical files and show what reclaiming them would free");
+    addScanOptions(*scan, arguments);
+    commands.push_back({scan, [] { return runScan(arguments, std::cout); }});
 }
 
 }  // namespace dedup::cli

@@ -1,0 +1,21 @@
+// How a group of subcommands plugs into the dedup command: each module declares its subcommands
+// and options on the app and says what to run when one of them was chosen.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+namespace dedup::cli {
+
+struct Command {
+    CLI::App* subcommand;
+    std::function<int()> run;  // returns the exit code; may throw CommandError
+};
+using Commands = std::vector<Command>;
+
+void addScanCommands(CLI::App& app, Commands& commands);   // scan
+void addSpaceCommands(CLI::App& app, Commands& commands);  // true-size, holders, show
+
+}  // namespace dedup::cli
