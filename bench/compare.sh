@@ -71,12 +71,19 @@ wants() { [[ " ${tool_list[*]} " == *" $1 "* ]]; }
 
 make_dataset="${MAKE_DATASET:-$repo/build/bench/make_dataset}"
 [ -x "$make_dataset" ] || die "$make_dataset is missing: run ./setup.sh first"
+# The stamp below trusts the generator to match its source.
+[ "$make_dataset" -nt "$here/make_dataset.cc" ] || die "$make_dataset is older than bench/make_dataset.cc: run cmake --build build"
 dedup=""
 if wants dedup; then
-  for candidate in "${DEDUP:-}" "$repo/build/dedup" "$repo/build/cli/dedup"; do
-    if [ -n "$candidate" ] && [ -x "$candidate" ]; then dedup="$candidate"; break; fi
-  done
-  [ -n "$dedup" ] || die "build/dedup is missing: run ./setup.sh first (or leave dedup out with --tools)"
+  if [ -n "${DEDUP:-}" ]; then
+    [ -x "$DEDUP" ] || die "DEDUP=$DEDUP is not an executable file"
+    dedup="$DEDUP"
+  else
+    for candidate in "$repo/build/dedup" "$repo/build/cli/dedup"; do
+      if [ -x "$candidate" ]; then dedup="$candidate"; break; fi
+    done
+    [ -n "$dedup" ] || die "build/dedup is missing: run ./setup.sh first (or leave dedup out with --tools)"
+  fi
 fi
 
 missing=()
@@ -96,13 +103,18 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
 
+# On tmpfs the page cache is the data itself: a cold run would measure nothing. Asked of the
+# nearest folder that exists, so that nothing is created in memory before refusing.
+existing="$dir"
+until [ -d "$existing" ]; do existing="$(dirname "$existing")"; done
+case "$(stat -f -c %T "$existing")" in
+  tmpfs|ramfs) die "$dir is in memory (tmpfs); choose a folder on a disk with --dir" ;;
+esac
 mkdir -p "$dir"
 dir="$(cd "$dir" && pwd -P)"
-fs_type="$(stat -f -c %T "$dir")"
-# On tmpfs the page cache is the data itself: a cold run would measure nothing.
-case "$fs_type" in
-  tmpfs|ramfs) die "$dir is on $fs_type; choose a folder on a disk with --dir" ;;
-esac
+# For the report only; stat calls ext4 "ext2/ext3". The last line is the mount on top.
+fs_type="$(findmnt -n -o FSTYPE -T "$dir" 2>/dev/null | tail -n 1)"
+[ -n "$fs_type" ] || fs_type="$(stat -f -c %T "$dir")"
 
 # ---- The tree --------------------------------------------------------------------------------------
 # Made once and kept: the stamp names the scale, the clone option and the generator's source, so a
@@ -215,7 +227,8 @@ to_sets() {
     rdfind)
       awk '/^#/ { next }
            { id = $2 < 0 ? -$2 : $2; size = $4; path = $0
-             sub(/^([^ ]+ ){7}/, "", path)
+             # The name is everything after the seventh field, spaces included.
+             for (i = 0; i < 7; i++) sub(/^[^ ]+ /, "", path)
              printf "%s\t%s\t%s\n", id, size, path }' "$file" ;;
   esac
 }
@@ -274,9 +287,15 @@ measure() {
     fi
     [ "$cancelled" = false ] || add_note "dedup reported its scan as cancelled."
     [ "$status" -eq 0 ] || add_note "dedup exited with status $status although its output was complete."
-    rows+=("$label|$condition|$secs|$kib|$reclaim|ref|$seen")
-    dedup_ref="$reclaim"
-    dedup_by_size="$by_size"
+    if [ -z "$dedup_ref" ]; then
+      # The first complete dedup scan is what every other figure is held against, its later
+      # scans included: a second scan must find what the first found.
+      dedup_ref="$reclaim"
+      dedup_by_size="$by_size"
+      rows+=("$label|$condition|$secs|$kib|$reclaim|ref|$seen")
+    else
+      rows+=("$label|$condition|$secs|$kib|$reclaim|$reclaim|$seen")
+    fi
     return 0
   fi
   # An empty list is a valid answer from jdupes and fdupes; rmlint and rdfind always write a file.
@@ -333,10 +352,10 @@ versions() {
   local t
   for t in "${tool_list[@]}"; do
     case "$t" in
-      dedup) printf '%s ' "dedup ($dedup)" ;;
+      dedup) printf '%s; ' "dedup ($dedup)" ;;
       jdupes) printf '%s; ' "$(jdupes -v 2>&1 | head -n 1)" ;;
       fdupes) printf '%s; ' "$(fdupes --version 2>&1 | head -n 1)" ;;
-      rdfind) printf '%s; ' "$(rdfind --version 2>&1 | head -n 1)" ;;
+      rdfind) printf '%s; ' "$(rdfind --version 2>&1 | head -n 1 | sed 's/^This is //; s/ version / /')" ;;
       rmlint) printf 'rmlint %s; ' "$(rmlint --version 2>&1 | head -n 1 | sed 's/\x1b\[[0-9;]*m//g; s/^version //; s/ compiled.*//')" ;;
     esac
   done
@@ -367,19 +386,15 @@ ratio_of() { awk -v a="$1" -v b="$2" 'BEGIN { if (b > 0) printf "%.2f", a / b; e
 
 # How a tool's figure compares with the reference, and why when it differs for a known reason.
 match_of() {
-  local tool="$1" dup="$2" once="$3"
-  if [ "$once" = ref ]; then
-    echo "(reference)"
-  elif [ "$dup" = "$reference" ]; then
-    echo "yes"
-  elif [ "$once" = "$reference" ]; then
-    echo "yes, per inode"
-  elif [ "$reference_name" = dedup ] && [ "$dup" = "$dedup_by_size" ]; then
-    echo "yes, by size"
-  elif [ "$expected_apart" != "$expected" ] && [ "$dup" = "$expected_apart" ]; then
-    echo "no: clones"
-  else
-    echo "no ($((dup - reference)))"
+  local dup="$1" once="$2" by_size="${dedup_by_size:-none}"
+  [ "$reference_name" = dedup ] || by_size=none
+  if [ "$once" = ref ]; then echo "(reference)"
+  elif [ "$dup" = "$reference" ]; then echo "yes"
+  elif [ "$dup" = "$by_size" ]; then echo "yes, by size"
+  elif [ "$once" = "$reference" ]; then echo "yes, per inode"
+  elif [ "$once" = "$by_size" ]; then echo "yes, per inode, by size"
+  elif [ "$expected_apart" != "$expected" ] && [ "$dup" = "$expected_apart" ]; then echo "no: clones"
+  else echo "no ($((dup - reference)))"
   fi
 }
 
@@ -389,7 +404,7 @@ report() {
     "$candidates files a scan takes, $(summary_value bytes) bytes"
   echo "Expected duplicate bytes (from the generator): $expected"
   [ "$expected_apart" = "$expected" ] || echo "  with clones counted as copies, as the peers count them: $expected_apart"
-  echo "Machine: $(nproc) cores, kernel $(uname -r). Tools: $(versions)"
+  echo "Machine: $(nproc) cores, kernel $(uname -r). Tools: $(versions | sed 's/; $//')"
   echo
   printf '%-16s %-5s %8s %8s %8s %7s %14s  %s\n' tool cache seconds "vs dedup" "peak MiB" "B/file" "dup bytes" "= $reference_name"
   for row in "${rows[@]}"; do
@@ -404,9 +419,9 @@ report() {
     esac
     match="-"
     if [[ "$dup" =~ ^[0-9]+$ ]]; then
-      match="$(match_of "$tool" "$dup" "$once")"
+      match="$(match_of "$dup" "$once")"
       case "$match" in
-        "yes, per inode") add_note "$tool lists hard links of a file beside its real copies (each name counted: $dup); counting each inode once gives $reference_name's figure." ;;
+        "yes, per inode"*) add_note "$tool lists hard links of a file beside its real copies (each name counted: $dup); counting each inode once gives $once." ;;
         "no: clones") add_note "$tool counts files that already share all their blocks as copies (the expected figure counted that way is $expected_apart)." ;;
       esac
     fi
@@ -415,9 +430,11 @@ report() {
   echo
   echo "vs dedup: seconds divided by dedup's first scan under the same cache; for dedup's 2nd scan, by its 1st."
   echo "B/file: peak resident memory divided by the files a scan takes (dedup's own count for dedup)."
-  if [ -n "$dedup_by_size" ] && [ "$dedup_by_size" != "$dedup_ref" ]; then
-    echo "yes, by size: equals dedup's groups counted by file size ($dedup_by_size) rather than in freed blocks ($dedup_ref)."
+  echo "= $reference_name: yes: equal; per inode: equal once the names of one hard-linked file count once;"
+  if [ "$reference_name" = dedup ]; then
+    echo "  by size: equal to dedup's groups counted by file size rather than in freed blocks;"
   fi
+  echo "  no: clones: counts files that share all their blocks as copies; no (D): off by D bytes."
   if wants rmlint; then
     echo "rmlint hashes on several threads by default; jdupes, fdupes and rdfind read with one."
   fi

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "../../file_records.h"
+#include "../clone.h"
 #include "../file_io.h"
 #include "statx_util.h"
 
@@ -58,7 +59,14 @@ uint64_t mix(uint64_t hash, uint64_t value) {
 }  // namespace
 
 std::optional<CloneInfo> CloneInfo::read(const std::string& path) {
-    platform::FileDescriptor fd = platform::openForReading(path);
+    return platform::cloneInfoOf(platform::openForReading(path), path);
+}
+
+}  // namespace dedup
+
+namespace dedup::platform {
+
+std::optional<CloneInfo> cloneInfoOf(const FileDescriptor& fd, const std::string& path) {
 
     constexpr unsigned batch = 128;
     std::vector<std::byte> buffer(sizeof(struct fiemap) + batch * sizeof(struct fiemap_extent));

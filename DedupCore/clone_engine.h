@@ -1,0 +1,108 @@
+// Turns an extra copy into a file that shares its blocks with the copy that is kept, without a
+// moment at which the copy's path is missing or holds anything but identical bytes.
+//
+// Two strategies keep one contract (every step journalled before it happens; every failure undone
+// or recoverable):
+// - in place: the kernel compares both files under its locks and makes the copy use the kept
+//   file's blocks (FIDEDUPERANGE); inode, dates, owner, mode, attributes and ACL all stay.
+// - clone and swap: a clone of the kept file is made beside the copy under a temporary name, given
+//   the copy's metadata, compared byte for byte, and exchanged with the copy in one atomic rename;
+//   the replaced copy is removed (or moved to the Trash) only after the whole batch is swapped in.
+// Which one a volume takes is found out on its first replacement, unless the caller chooses.
+//
+// A CloneEngine is a plain value configured from the user's settings; one thread runs a batch at a
+// time. It does not own the journal. Expected refusals are thrown as Skip, unexpected failures as
+// SystemError or VerificationError; `done` receives each exactly once per replacement.
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "file_records.h"
+#include "skip_reason.h"
+
+namespace dedup {
+
+class Journal;
+struct JournalEntry;
+struct OpenFiles;
+
+// The file at `path` does not have the metadata it must have after a replacement.
+struct VerificationError : std::runtime_error {
+    VerificationError(std::string path, std::vector<std::string> differs);
+    std::string path;
+    std::vector<std::string> differs;  // names of the failed checks: "mode", "xattr user.tag", ...
+};
+
+struct CloneEngine {
+    enum class Strategy { automatic, inPlace, cloneAndSwap };
+    enum class Step { checked, cloned, metadataCopied, compared, swapped, verified };
+    enum class Leftover { removed, restored, kept };
+
+    struct Replacement {
+        std::string target;  // the copy to be replaced
+        std::string source;  // the copy that is kept
+        FileStatus expected;  // the target as the scan saw it
+        std::optional<std::string> digest;
+        bool operator==(const Replacement&) const = default;
+    };
+
+    // Freed bytes on success, else the error.
+    struct Outcome {
+        int64_t freed = 0;
+        std::exception_ptr error;
+    };
+
+    bool moveReplacedToTrash = false;
+    bool restoreFolderDates = true;
+    bool coordinate = false;  // hold a write lease on each copy while it is replaced
+    Journal* journal = nullptr;
+    Strategy strategy = Strategy::automatic;
+    // Called after each step with the temporary path (empty where there is none); an exception it
+    // throws is handled exactly like a failure of that step. For tests.
+    std::function<void(Step, const std::string&)> fault;
+
+    // One replacement; returns the freed bytes or throws its error.
+    int64_t replace(const std::string& target, const std::string& source, const FileStatus& expected,
+                    const std::optional<std::string>& digest = std::nullopt);
+
+    // A batch: every copy is swapped in before any replaced copy is removed. `willStart` answering
+    // false starts nothing more; `done` is called once for every replacement that was started.
+    void replace(const std::vector<Replacement>& batch, const std::function<bool(const Replacement&)>& willStart,
+                 const std::function<void(const Replacement&, const Outcome&)>& done);
+
+    // Puts right a temporary file left by an interrupted run: renamed back when the copy is gone,
+    // removed when the copy is there and identical, kept otherwise.
+    static Leftover recoverLeftover(const std::string& path);
+    static bool isTemporary(const std::string& path);
+
+private:
+    struct Swapped;
+    // The strategy each volume took on its first replacement; shared by copies of the engine.
+    struct Volumes {
+        std::mutex mutex;
+        std::map<uint64_t, Strategy> chosen;
+    };
+    Swapped swapIn(const Replacement& replacement, JournalEntry& entry, const OpenFiles& open);
+    bool shareInPlace(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
+    void swapByClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
+    void finish(Swapped& swapped, const OpenFiles& open);
+    void step(Step step, const std::string& temporary) const;
+    Strategy strategyFor(uint64_t device) const;
+    void remember(uint64_t device, Strategy chosen) const;
+
+    std::shared_ptr<Volumes> volumes_ = std::make_shared<Volumes>();
+};
+
+std::string_view rawValue(CloneEngine::Step step);
+std::string_view rawValue(CloneEngine::Leftover leftover);
+
+}  // namespace dedup

@@ -1,0 +1,57 @@
+// The kernel calls that make one file share another's blocks, exchange two names atomically, and
+// hold other processes off a file while it is replaced.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "../file_records.h"
+#include "file_io.h"
+
+namespace dedup::platform {
+
+enum class ShareOutcome { shared, differs, notSupported };
+
+// Asks the kernel to compare `length` bytes of both files from offset 0 and, where they are equal,
+// make the target use the source's blocks: in place, changing nothing else about the target. Loops
+// over calls of at most 1 GiB, reading both ranges ahead first because the kernel's comparison does
+// not. "differs" when the kernel found a difference (nothing of that range was shared).
+// Throws SystemError("FIDEDUPERANGE", targetPath, errno) for any other failure.
+ShareOutcome shareInPlace(const FileDescriptor& source, const FileDescriptor& target, int64_t length,
+                          const std::string& targetPath);
+
+// Creates `destination` (which must not exist) as a clone of `source`. False when the file system
+// cannot clone or the two lie on different file systems; throws SystemError("clonefile") otherwise.
+bool cloneFile(const std::string& source, const std::string& destination);
+
+// renameat2(RENAME_EXCHANGE). Throws SystemError("renamex_np", b, errno).
+void exchange(const std::string& a, const std::string& b);
+bool tryExchange(const std::string& a, const std::string& b);
+
+void removeFile(const std::string& path);                                  // SystemError("unlink")
+bool tryRemoveFile(const std::string& path);
+void makePrivateFolder(const std::string& path);                           // SystemError("mkdir")
+void renamePath(const std::string& from, const std::string& to);           // SystemError("rename")
+bool tryRename(const std::string& from, const std::string& to);
+bool tryRemoveFolder(const std::string& path);
+// Moves the item to the freedesktop.org Trash of its volume. Throws SystemError("trash", path, code).
+void moveToTrash(const std::string& path);
+
+// Opens a copy that is about to be replaced: read-only, never following a final link.
+FileDescriptor openCopy(const std::string& path);
+// The status of what the descriptor names, to re-check identity right before a change.
+FileStatus statusOf(const FileDescriptor& fd, const std::string& path);
+// Extent facts read through an open descriptor, so a held write lease is not broken by re-opening.
+std::optional<CloneInfo> cloneInfoOf(const FileDescriptor& fd, const std::string& path);
+// Compares two open files from their start to their end. Throws SystemError("read").
+bool sameContent(const FileDescriptor& a, const std::string& aPath, const FileDescriptor& b, const std::string& bPath);
+
+// A write lease: the kernel tells us when another process opens the file, instead of letting it in
+// unnoticed. False when another process has the file open or mapped right now.
+bool takeWriteLease(const FileDescriptor& fd, const std::string& path);
+// True while no other process has asked for the file since the lease was taken.
+bool leaseHeld(const FileDescriptor& fd);
+void releaseLease(const FileDescriptor& fd);
+
+}  // namespace dedup::platform

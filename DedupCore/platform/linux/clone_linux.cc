@@ -1,0 +1,193 @@
+// Sharing blocks (FIDEDUPERANGE, FICLONE), exchanging names (renameat2) and write leases.
+#include "../clone.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <stdio.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gio/gio.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "statx_util.h"
+
+namespace dedup::platform {
+
+namespace {
+
+constexpr int64_t maxDedupeCall = int64_t{1} << 30;
+
+void prefetch(int fd, int64_t offset, int64_t length) {
+    ::posix_fadvise(fd, offset, length, POSIX_FADV_WILLNEED);
+}
+
+}  // namespace
+
+ShareOutcome shareInPlace(const FileDescriptor& source, const FileDescriptor& target, int64_t length,
+                          const std::string& targetPath) {
+    std::vector<std::byte> buffer(sizeof(file_dedupe_range) + sizeof(file_dedupe_range_info));
+    auto* range = reinterpret_cast<file_dedupe_range*>(buffer.data());
+    for (int64_t offset = 0; offset < length;) {
+        // Aligned 1 GiB steps; the last call asks for the whole rest, so both files end at the same
+        // end of file and their tail block is shared too.
+        int64_t chunk = length - offset > maxDedupeCall ? maxDedupeCall : length - offset;
+        prefetch(source.get(), offset, chunk);
+        prefetch(target.get(), offset, chunk);
+        std::fill(buffer.begin(), buffer.end(), std::byte{0});
+        range->src_offset = static_cast<uint64_t>(offset);
+        range->src_length = static_cast<uint64_t>(chunk);
+        range->dest_count = 1;
+        range->info[0].dest_fd = target.get();
+        range->info[0].dest_offset = static_cast<uint64_t>(offset);
+        int result;
+        do {
+            result = ::ioctl(source.get(), FIDEDUPERANGE, range);
+        } while (result != 0 && errno == EINTR);
+        if (result != 0) {
+            if (errno == EOPNOTSUPP || errno == ENOTTY || errno == EXDEV) return ShareOutcome::notSupported;
+            throw SystemError("FIDEDUPERANGE", targetPath, errno);
+        }
+        const auto& info = range->info[0];
+        if (info.status == FILE_DEDUPE_RANGE_DIFFERS) return ShareOutcome::differs;
+        if (info.status < 0) {
+            if (-info.status == EOPNOTSUPP || -info.status == EXDEV) return ShareOutcome::notSupported;
+            throw SystemError("FIDEDUPERANGE", targetPath, -info.status);
+        }
+        offset += chunk;
+    }
+    return ShareOutcome::shared;
+}
+
+bool cloneFile(const std::string& source, const std::string& destination) {
+    int from = ::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+    if (from < 0) throw SystemError("clonefile", source, errno);
+    FileDescriptor in(from);
+    int to = ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (to < 0) throw SystemError("clonefile", destination, errno);
+    FileDescriptor out(to);
+    if (::ioctl(out.get(), FICLONE, in.get()) == 0) return true;
+    int code = errno;
+    out.reset();
+    ::unlink(destination.c_str());
+    if (code == EOPNOTSUPP || code == ENOTTY || code == EXDEV || code == EINVAL) return false;
+    throw SystemError("clonefile", destination, code);
+}
+
+bool tryExchange(const std::string& a, const std::string& b) {
+    return ::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0;
+}
+
+void exchange(const std::string& a, const std::string& b) {
+    if (!tryExchange(a, b)) throw SystemError("renamex_np", b, errno);
+}
+
+void removeFile(const std::string& path) {
+    if (::unlink(path.c_str()) != 0) throw SystemError("unlink", path, errno);
+}
+
+bool tryRemoveFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
+
+void makePrivateFolder(const std::string& path) {
+    if (::mkdir(path.c_str(), 0700) != 0) throw SystemError("mkdir", path, errno);
+}
+
+void renamePath(const std::string& from, const std::string& to) {
+    if (::rename(from.c_str(), to.c_str()) != 0) throw SystemError("rename", to, errno);
+}
+
+bool tryRename(const std::string& from, const std::string& to) { return ::rename(from.c_str(), to.c_str()) == 0; }
+
+bool tryRemoveFolder(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
+
+void moveToTrash(const std::string& path) {
+    std::unique_ptr<GFile, decltype(&g_object_unref)> file(g_file_new_for_path(path.c_str()), g_object_unref);
+    GError* error = nullptr;
+    if (g_file_trash(file.get(), nullptr, &error)) return;
+    int code = error && error->domain == G_IO_ERROR && error->code == G_IO_ERROR_NOT_SUPPORTED ? EOPNOTSUPP : EIO;
+    std::string message = error ? error->message : "";
+    if (error) g_error_free(error);
+    (void)message;
+    throw SystemError("trash", path, code);
+}
+
+FileDescriptor openCopy(const std::string& path) {
+    int fd;
+    do {
+        fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOATIME);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0 && errno == EPERM) fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) throw SystemError("open", path, errno);
+    return FileDescriptor(fd);
+}
+
+FileStatus statusOf(const FileDescriptor& fd, const std::string& path) {
+    struct statx sx {};
+    if (::statx(fd.get(), "", AT_EMPTY_PATH, statusMask, &sx) != 0) throw SystemError("fstat", path, errno);
+    return statusOf(sx);
+}
+
+bool sameContent(const FileDescriptor& a, const std::string& aPath, const FileDescriptor& b, const std::string& bPath) {
+    constexpr size_t chunk = 1 << 20;
+    std::vector<char> ba(chunk), bb(chunk);
+    for (off_t offset = 0;;) {
+        auto fill = [&](const FileDescriptor& fd, const std::string& path, std::vector<char>& buffer) {
+            size_t total = 0;
+            while (total < chunk) {
+                ssize_t n = ::pread(fd.get(), buffer.data() + total, chunk - total, offset + static_cast<off_t>(total));
+                if (n < 0) {
+                    if (errno == EINTR) continue;
+                    throw SystemError("read", path, errno);
+                }
+                if (n == 0) break;
+                total += static_cast<size_t>(n);
+            }
+            return total;
+        };
+        size_t na = fill(a, aPath, ba);
+        size_t nb = fill(b, bPath, bb);
+        if (na != nb || std::memcmp(ba.data(), bb.data(), na) != 0) return false;
+        if (na == 0) return true;
+        offset += static_cast<off_t>(na);
+    }
+}
+
+namespace {
+// The kernel announces a lease break with a signal; without a handler its default would end the
+// process. The state of the lease itself is read back with F_GETLEASE.
+constexpr int leaseSignal = SIGIO;
+void ignoreLeaseSignal(int) {}
+void installLeaseSignal() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        struct sigaction action {};
+        action.sa_handler = ignoreLeaseSignal;
+        action.sa_flags = SA_RESTART;
+        sigemptyset(&action.sa_mask);
+        sigaction(leaseSignal, &action, nullptr);
+    });
+}
+}  // namespace
+
+bool takeWriteLease(const FileDescriptor& fd, const std::string& path) {
+    installLeaseSignal();
+    if (::fcntl(fd.get(), F_SETSIG, leaseSignal) != 0) throw SystemError("fcntl", path, errno);
+    if (::fcntl(fd.get(), F_SETLEASE, F_WRLCK) == 0) return true;
+    if (errno == EAGAIN || errno == EBUSY) return false;
+    throw SystemError("fcntl", path, errno);
+}
+
+bool leaseHeld(const FileDescriptor& fd) { return ::fcntl(fd.get(), F_GETLEASE) == F_WRLCK; }
+
+void releaseLease(const FileDescriptor& fd) { ::fcntl(fd.get(), F_SETLEASE, F_UNLCK); }
+
+}  // namespace dedup::platform

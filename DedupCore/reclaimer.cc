@@ -1,0 +1,87 @@
+#include "reclaimer.h"
+
+#include <nlohmann/json.hpp>
+
+namespace dedup {
+
+void to_json(nlohmann::json& j, const ReclaimSummary& s) {
+    j = {{"freedBytes", s.freedBytes},
+         {"replaced", s.replaced},
+         {"skipped", s.skipped},
+         {"failed", s.failed},
+         {"cancelled", s.cancelled}};
+}
+
+std::vector<CloneEngine::Replacement> Reclaimer::replacements(const std::vector<DuplicateGroup>& groups,
+                                                              const Selection& selection) {
+    std::vector<CloneEngine::Replacement> result;
+    for (const auto& group : groups) {
+        if (group.files.empty()) continue;
+        const std::string& kept = group.files.front().path;
+        for (const auto& target : Report::targets({group}, selection)) {
+            result.push_back({target.file.path, kept, target.file.status, group.digest});
+        }
+    }
+    return result;
+}
+
+std::vector<std::vector<CloneEngine::Replacement>> Reclaimer::batches(
+    const std::vector<CloneEngine::Replacement>& replacements) {
+    std::vector<std::vector<CloneEngine::Replacement>> result;
+    int64_t bytes = 0;
+    for (const auto& replacement : replacements) {
+        if (result.empty() || result.back().size() >= batchCount || bytes >= batchBytes) {
+            result.emplace_back();
+            bytes = 0;
+        }
+        result.back().push_back(replacement);
+        bytes += replacement.expected.size;
+    }
+    return result;
+}
+
+ReclaimSummary Reclaimer::reclaim(const std::vector<DuplicateGroup>& groups, const Selection& selection,
+                                  const std::function<void(const ReclaimProgress&)>& progress,
+                                  const std::function<bool()>& isCancelled) {
+    ReclaimSummary summary;
+    auto planned = replacements(groups, selection);
+    ReclaimProgress state;
+    state.total = static_cast<int64_t>(planned.size());
+    for (const auto& batch : batches(planned)) {
+        if (summary.cancelled) break;
+        engine.replace(
+            batch,
+            [&](const CloneEngine::Replacement& r) {
+                if (isCancelled && isCancelled()) {
+                    summary.cancelled = true;
+                    return false;
+                }
+                if (progress) {
+                    state.freedBytes = summary.freedBytes;
+                    state.current = r.target;
+                    progress(state);
+                }
+                ++state.done;
+                return true;
+            },
+            [&](const CloneEngine::Replacement& r, const CloneEngine::Outcome& outcome) {
+                if (!outcome.error) {
+                    summary.freedBytes += outcome.freed;
+                    ++summary.replaced;
+                    return;
+                }
+                try {
+                    std::rethrow_exception(outcome.error);
+                } catch (const Skip& skip) {
+                    summary.skipped[std::string(rawValue(skip.reason))].push_back(r.target);
+                } catch (const std::exception& error) {
+                    summary.failed[r.target] = error.what();
+                } catch (...) {
+                    summary.failed[r.target] = "unknown error";
+                }
+            });
+    }
+    return summary;
+}
+
+}  // namespace dedup

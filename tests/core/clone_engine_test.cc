@@ -1,0 +1,320 @@
+#include "clone_engine.h"
+
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "journal.h"
+#include "metadata.h"
+#include "support/test_files.h"
+#include "volumes.h"
+
+namespace dedup {
+namespace {
+
+using test::LoopVolume;
+using Strategy = CloneEngine::Strategy;
+
+struct Facts {
+    FileStatus status;
+    FileTimes times;
+    Attributes attributes;
+    std::optional<std::string> acl;
+    std::string content;
+};
+
+Facts factsOf(const std::string& path) {
+    return {FileStatus::read(path), FileTimes::read(path), XAttr::all(path), ACL::text(path), test::readFile(path)};
+}
+
+bool anyTemporaryIn(const std::string& folder) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+        if (entry.path().filename().string().find(".dedup-") != std::string::npos) return true;
+    }
+    return false;
+}
+
+struct Param {
+    LoopVolume::Kind kind;
+    Strategy strategy;
+};
+
+class CloneEngineOnVolume : public ::testing::TestWithParam<Param> {
+protected:
+    void SetUp() override {
+        DEDUP_REQUIRE_VOLUME(GetParam().kind);
+        volume_ = test::sharedVolume(GetParam().kind);
+        dir_ = test::freshFolder(volume_, "engine");
+        journal_ = std::make_unique<Journal>(data_.path("journal.jsonl"));
+        engine_.journal = journal_.get();
+        engine_.strategy = GetParam().strategy;
+    }
+    // A kept file and a copy of it with metadata of its own: mode, dates, an attribute and an ACL.
+    void makePair(int64_t size = 3 << 20) {
+        test::writeRandomFile(kept(), size, 41);
+        test::writeRandomFile(copy(), size, 41);
+        ASSERT_EQ(::chmod(copy().c_str(), 0640), 0);
+        ASSERT_EQ(::lsetxattr(copy().c_str(), "user.tag", "red", 3, 0), 0);
+        ASSERT_EQ(::lsetxattr(kept().c_str(), "user.kept-only", "x", 1, 0), 0);
+        test::runCommandChecked({"setfacl", "-m", "u:4321:r", copy()});
+        struct timespec times[2] = {{1600000000, 111}, {1500000000, 222}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, copy().c_str(), times, 0), 0);
+    }
+    std::string kept() const { return dir_ + "/kept.jpg"; }
+    std::string copy() const { return dir_ + "/copy.jpg"; }
+    int64_t replace() { return engine_.replace(copy(), kept(), FileStatus::read(copy()), "digest"); }
+
+    test::TempDir data_;
+    LoopVolume* volume_ = nullptr;
+    std::string dir_;
+    std::unique_ptr<Journal> journal_;
+    CloneEngine engine_;
+};
+
+TEST_P(CloneEngineOnVolume, ReplacementKeepsEveryMetadataFieldAndSharesTheBlocks) {
+    makePair();
+    Facts before = factsOf(copy());
+    ASSERT_TRUE(before.acl);
+    ::sync();
+    struct statvfs spaceBefore {};
+    ::statvfs(dir_.c_str(), &spaceBefore);
+
+    EXPECT_EQ(replace(), 3 << 20);
+    Facts after = factsOf(copy());
+    EXPECT_EQ(after.content, before.content);
+    EXPECT_EQ(after.status.mode, before.status.mode);
+    EXPECT_EQ(after.status.uid, before.status.uid);
+    EXPECT_EQ(after.times.modified, before.times.modified);
+    EXPECT_EQ(after.attributes, before.attributes);  // its own tag, not the kept file's
+    EXPECT_EQ(after.acl, before.acl);
+    if (GetParam().strategy == Strategy::inPlace) {
+        // In place the copy stays the very same file: inode, birth and change time too.
+        EXPECT_EQ(after.status.inode, before.status.inode);
+        EXPECT_EQ(after.times.created, before.times.created);
+        EXPECT_EQ(after.status.changed, before.status.changed);
+    }
+    EXPECT_FALSE(anyTemporaryIn(dir_));
+    auto a = CloneInfo::read(kept());
+    auto b = CloneInfo::read(copy());
+    ASSERT_TRUE(a && b);
+    EXPECT_EQ(a->cloneID, b->cloneID);
+
+    // XFS frees the blocks of an unlinked file in the background: give it a moment to catch up.
+    int64_t gained = 0;
+    for (int attempt = 0; attempt < 100 && gained < (2 << 20); ++attempt) {
+        ::sync();
+        struct statvfs spaceAfter {};
+        ::statvfs(dir_.c_str(), &spaceAfter);
+        gained = (static_cast<int64_t>(spaceAfter.f_bfree) - static_cast<int64_t>(spaceBefore.f_bfree)) *
+                 static_cast<int64_t>(spaceAfter.f_frsize);
+        if (gained < (2 << 20)) ::usleep(50000);
+    }
+    EXPECT_GE(gained, 2 << 20) << "the file system shows the space back";
+
+    auto entries = journal_->entries();
+    ASSERT_GE(entries.size(), 2u);
+    EXPECT_EQ(entries.back().event, JournalEntry::Event::replaced);
+    EXPECT_EQ(entries.back().freedBytes, 3 << 20);
+    EXPECT_TRUE(journal_->interrupted().empty());
+
+    // A second attempt finds the work done.
+    EXPECT_THROW(replace(), Skip);
+}
+
+TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
+    makePair(200000);
+    auto reasonOf = [&](const FileStatus& expected) -> std::optional<SkipReason> {
+        try {
+            engine_.replace(copy(), kept(), expected, std::nullopt);
+        } catch (const Skip& skip) {
+            return skip.reason;
+        }
+        return std::nullopt;
+    };
+    FileStatus scanned = FileStatus::read(copy());
+    FileStatus stale = scanned;
+    stale.changed.nanoseconds += 1;
+    EXPECT_EQ(reasonOf(stale), SkipReason::changedSinceScan);
+
+    if (::geteuid() == 0) {
+        test::runCommandChecked({"chattr", "+i", copy()});
+        EXPECT_EQ(reasonOf(FileStatus::read(copy())), SkipReason::locked);
+        test::runCommandChecked({"chattr", "-i", "+a", copy()});
+        EXPECT_EQ(reasonOf(FileStatus::read(copy())), SkipReason::appendOnly);
+        test::runCommandChecked({"chattr", "-a", copy()});
+    }
+
+    // Same size, one byte different: the kernel's or our comparison refuses, and nothing changes.
+    std::string content = test::readFile(copy());
+    content[150000] ^= 1;
+    test::writeFile(copy(), content);
+    Facts before = factsOf(copy());
+    EXPECT_EQ(reasonOf(FileStatus::read(copy())), SkipReason::contentDiffers);
+    EXPECT_EQ(factsOf(copy()).content, before.content);
+    EXPECT_EQ(FileStatus::read(copy()).inode, before.status.inode);
+    EXPECT_FALSE(anyTemporaryIn(dir_));
+
+    // Open in another process: the snapshot of open files sees it.
+    content[150000] ^= 1;
+    test::writeFile(copy(), content);
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    pid_t child = ::fork();
+    if (child == 0) {
+        int fd = ::open(copy().c_str(), O_RDONLY);
+        ::write(ready[1], "x", 1);
+        ::pause();
+        ::_exit(fd >= 0 ? 0 : 1);
+    }
+    char byte;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    EXPECT_EQ(reasonOf(FileStatus::read(copy())), SkipReason::inUse);
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    ::close(ready[0]);
+    ::close(ready[1]);
+
+    // With coordination the write lease refuses a copy this very process holds open.
+    engine_.coordinate = true;
+    {
+        int fd = ::open(copy().c_str(), O_RDONLY);
+        EXPECT_EQ(reasonOf(FileStatus::read(copy())), SkipReason::inUse);
+        ::close(fd);
+    }
+    EXPECT_EQ(reasonOf(FileStatus::read(copy())), std::nullopt);
+    EXPECT_TRUE(journal_->interrupted().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Volumes, CloneEngineOnVolume,
+                         ::testing::Values(Param{LoopVolume::Kind::btrfs, Strategy::inPlace},
+                                           Param{LoopVolume::Kind::btrfs, Strategy::cloneAndSwap},
+                                           Param{LoopVolume::Kind::xfs, Strategy::inPlace},
+                                           Param{LoopVolume::Kind::xfs, Strategy::cloneAndSwap}),
+                         [](const auto& info) {
+                             return std::string(LoopVolume::kindName(info.param.kind)) +
+                                    (info.param.strategy == Strategy::inPlace ? "_in_place" : "_clone_and_swap");
+                         });
+
+class CloneAndSwapTest : public CloneEngineOnVolume {};
+
+TEST_P(CloneAndSwapTest, AFailureAtEveryStepLeavesTheCopyAsItWas) {
+    for (int s = 0; s <= static_cast<int>(CloneEngine::Step::verified); ++s) {
+        auto failing = static_cast<CloneEngine::Step>(s);
+        SCOPED_TRACE(std::string(rawValue(failing)));
+        makePair(300000);
+        ASSERT_EQ(::mkdir((dir_ + "/sub").c_str(), 0755), 0);
+        Facts before = factsOf(copy());
+        auto folderBefore = FileTimes::read(dir_);
+        engine_.fault = [&](CloneEngine::Step step, const std::string&) {
+            if (step == failing) throw std::runtime_error("injected");
+        };
+        EXPECT_THROW(replace(), std::runtime_error);
+        Facts after = factsOf(copy());
+        EXPECT_EQ(after.content, before.content);
+        EXPECT_EQ(after.status.inode, before.status.inode);
+        EXPECT_EQ(after.status.mode, before.status.mode);
+        EXPECT_EQ(after.times.modified, before.times.modified);
+        EXPECT_EQ(after.attributes, before.attributes);
+        EXPECT_EQ(after.acl, before.acl);
+        EXPECT_EQ(FileTimes::read(dir_).modified, folderBefore.modified);
+        EXPECT_FALSE(anyTemporaryIn(dir_));
+        EXPECT_TRUE(journal_->interrupted().empty());
+        EXPECT_EQ(journal_->entries().back().event, JournalEntry::Event::failed);
+        std::filesystem::remove_all(dir_);
+        std::filesystem::create_directories(dir_);
+    }
+}
+
+TEST_P(CloneAndSwapTest, WritesBeforeAndAfterTheSwapWin) {
+    makePair(300000);
+    // Written between the clone and the swap: the swap never happens.
+    engine_.fault = [&](CloneEngine::Step step, const std::string&) {
+        if (step == CloneEngine::Step::metadataCopied) {
+            struct timespec times[2] = {{0, UTIME_OMIT}, {1700000000, 0}};
+            ::utimensat(AT_FDCWD, copy().c_str(), times, 0);
+        }
+    };
+    try {
+        replace();
+        FAIL();
+    } catch (const Skip& skip) {
+        EXPECT_EQ(skip.reason, SkipReason::changedSinceScan);
+    }
+    EXPECT_FALSE(anyTemporaryIn(dir_));
+
+    // Written after the swap, to the replaced copy under its temporary name: it is swapped back.
+    std::string written;
+    engine_.fault = [&](CloneEngine::Step step, const std::string& temporary) {
+        if (step == CloneEngine::Step::verified) {
+            written = test::readFile(temporary);
+            written[0] ^= 1;
+            test::writeFile(temporary, written);
+        }
+    };
+    try {
+        replace();
+        FAIL();
+    } catch (const Skip& skip) {
+        EXPECT_EQ(skip.reason, SkipReason::changedDuringReplace);
+    }
+    EXPECT_EQ(test::readFile(copy()), written);
+    EXPECT_FALSE(anyTemporaryIn(dir_));
+}
+
+INSTANTIATE_TEST_SUITE_P(Volumes, CloneAndSwapTest,
+                         ::testing::Values(Param{LoopVolume::Kind::btrfs, Strategy::cloneAndSwap},
+                                           Param{LoopVolume::Kind::xfs, Strategy::cloneAndSwap}),
+                         [](const auto& info) { return std::string(LoopVolume::kindName(info.param.kind)); });
+
+TEST(CloneEngineTest, DiskThatCannotCloneChangesNothing) {
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::ext4);
+    auto* volume = test::sharedVolume(LoopVolume::Kind::ext4);
+    std::string dir = test::freshFolder(volume, "noclone");
+    test::writeRandomFile(dir + "/a", 100000, 51);
+    test::writeRandomFile(dir + "/b", 100000, 51);
+    auto inode = FileStatus::read(dir + "/b").inode;
+    for (auto strategy : {Strategy::automatic, Strategy::inPlace, Strategy::cloneAndSwap}) {
+        CloneEngine engine;
+        engine.strategy = strategy;
+        try {
+            engine.replace(dir + "/b", dir + "/a", FileStatus::read(dir + "/b"));
+            FAIL();
+        } catch (const Skip& skip) {
+            EXPECT_EQ(skip.reason, SkipReason::volumeCannotClone);
+        }
+        EXPECT_EQ(FileStatus::read(dir + "/b").inode, inode);
+        EXPECT_FALSE(anyTemporaryIn(dir));
+    }
+}
+
+TEST(CloneEngineTest, LeftoversArePutRight) {
+    test::TempDir dir;
+    const std::string uuid = "0F0E8C9B-3D63-4E1A-9C9B-5E9A7E0C1D2F";
+    std::string temporary = dir.path(".photo.jpg.dedup-" + uuid);
+    test::writeFile(temporary, "same");
+    EXPECT_EQ(CloneEngine::recoverLeftover(temporary), CloneEngine::Leftover::restored);
+    EXPECT_EQ(test::readFile(dir.path("photo.jpg")), "same");
+
+    test::writeFile(temporary, "same");
+    EXPECT_EQ(CloneEngine::recoverLeftover(temporary), CloneEngine::Leftover::removed);
+    EXPECT_FALSE(std::filesystem::exists(temporary));
+
+    test::writeFile(temporary, "different");
+    EXPECT_EQ(CloneEngine::recoverLeftover(temporary), CloneEngine::Leftover::kept);
+    EXPECT_EQ(test::readFile(temporary), "different");
+    EXPECT_EQ(test::readFile(dir.path("photo.jpg")), "same");
+
+    test::writeFile(dir.path(".dedup-" + uuid), "x");
+    EXPECT_EQ(CloneEngine::recoverLeftover(dir.path(".dedup-" + uuid)), CloneEngine::Leftover::kept);
+    EXPECT_TRUE(std::filesystem::exists(dir.path(".dedup-" + uuid)));
+}
+
+}  // namespace
+}  // namespace dedup

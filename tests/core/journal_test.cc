@@ -1,0 +1,347 @@
+#include "journal.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <regex>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "hasher.h"
+#include "support/test_files.h"
+
+namespace dedup {
+namespace {
+
+constexpr std::time_t march1st = 1740838075;  // 2025-03-01T14:07:55Z
+
+JournalEntry entryWith(JournalEntry::Event event, const std::string& target, std::string id = makeUUID()) {
+    JournalEntry entry = JournalEntry::make(event, target);
+    entry.id = std::move(id);
+    return entry;
+}
+
+// Every field set, with values that only survive a faithful encoding.
+JournalEntry fullEntry() {
+    Snapshot before;
+    before.status = {.device = 0xFFFFFFFF12ull, .inode = 1ull << 62, .size = 123456789012,
+                     .modified = {1700000000, 999999999}, .changed = {-5, 1}, .mode = 0100640, .links = 1,
+                     .uid = 1000, .gid = 4294967294u, .flags = FileFlags::systemImmutable | FileFlags::nodump};
+    before.times = {{1600000000, 5}, {1700000000, 999999999}, {1700000001, 0}, std::nullopt};
+    before.attributeNames = {"system.posix_acl_access", "user.tag"};
+    before.acl = "user::rw-\nuser:1234:rw-\ngroup::r--\nmask::rw-\nother::---\n";
+    Snapshot after = before;
+    after.status.inode = 77;
+    after.acl.reset();
+    after.attributeNames.clear();
+
+    JournalEntry entry = entryWith(JournalEntry::Event::replaced, "/home/ana/Pictures/IMG_0412 (1).jpg");
+    entry.time = march1st;
+    entry.source = "/home/ana/Pictures/2024/IMG_0412.jpg";
+    entry.temporary = "/home/ana/Pictures/.IMG_0412 (1).jpg.dedup-0C7F4B52-7A6D-4E0F-9A43-6B2F1D3E5C87";
+    entry.digest = std::string(64, 'a');
+    entry.before = before;
+    entry.after = after;
+    entry.freedBytes = -(int64_t{1} << 40);
+    entry.detail = "naïve \"quoted\" \\ tab\t";
+    return entry;
+}
+
+TEST(JournalTest, EveryFieldSurvivesTheFileInTheAgreedForm) {
+    test::TempDir dir;
+    Journal journal(dir.path("data/deeper/journal.jsonl"));
+    EXPECT_TRUE(std::filesystem::is_regular_file(journal.path()));
+
+    JournalEntry small = entryWith(JournalEntry::Event::skipped, "/x/y", "0C7F4B52-7A6D-4E0F-9A43-6B2F1D3E5C87");
+    small.time = march1st;
+    small.detail = "a/b";
+    journal.append(small);
+    // Sorted keys, no spaces, escaped solidus, whole-second UTC, absent optionals left out.
+    EXPECT_EQ(test::readFile(journal.path()),
+              "{\"detail\":\"a\\/b\",\"event\":\"skipped\",\"id\":\"0C7F4B52-7A6D-4E0F-9A43-6B2F1D3E5C87\","
+              "\"target\":\"\\/x\\/y\",\"time\":\"2025-03-01T14:07:55Z\"}\n");
+
+    JournalEntry full = fullEntry();
+    journal.append(full);
+    auto entries = journal.entries();
+    ASSERT_EQ(entries.size(), 2u);
+    EXPECT_EQ(entries[0], small);
+    EXPECT_EQ(entries[1], full);
+
+    // Each line is a flat object whose keys, nested ones too, stand in ascending order.
+    std::string text = test::readFile(journal.path());
+    std::string second = text.substr(text.find('\n') + 1);
+    auto json = nlohmann::json::parse(second);
+    std::vector<std::string> keys;
+    for (auto it = json.begin(); it != json.end(); ++it) keys.push_back(it.key());
+    EXPECT_EQ(keys, (std::vector<std::string>{"after", "before", "detail", "digest", "event", "freedBytes", "id",
+                                              "source", "target", "temporary", "time"}));
+    size_t before = second.find("\"before\"");
+    EXPECT_LT(second.find("\"acl\"", before), second.find("\"attributeNames\"", before));
+    EXPECT_LT(second.find("\"attributeNames\"", before), second.find("\"status\"", before));
+    EXPECT_EQ(second.find("\"acl\"", second.find("\"after\"")), second.find("\"acl\"", second.find("\"before\"")))
+        << "the after snapshot has no ACL, so its key must be left out";
+    EXPECT_EQ(second.find("null"), std::string::npos);
+
+    // Other writers: a plain solidus, a lower-case id, null for absent, keys this one does not know.
+    test::writeFile(journal.path(),
+                    "{\"event\":\"started\",\"id\":\"0c7f4b52-7a6d-4e0f-9a43-6b2f1d3e5c87\",\"target\":\"/a/b\","
+                    "\"time\":\"2025-03-01T14:07:55Z\",\"detail\":null,\"unknownKey\":1}\n");
+    entries = journal.entries();
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].id, "0C7F4B52-7A6D-4E0F-9A43-6B2F1D3E5C87");
+    EXPECT_EQ(entries[0].target, "/a/b");
+    EXPECT_FALSE(entries[0].detail);
+}
+
+TEST(JournalTest, DamagedLinesAreSkippedAndHideNothingElse) {
+    test::TempDir dir;
+    Journal journal(dir.path("journal.jsonl"));
+    JournalEntry first = entryWith(JournalEntry::Event::started, "/first");
+    journal.append(first);
+    std::string good = test::readFile(journal.path());
+    std::string line = good.substr(0, good.size() - 1);
+    auto replaced = [&](const std::string& from, const std::string& to) {
+        std::string copy = line;
+        return copy.replace(copy.find(from), from.size(), to);
+    };
+    std::string damaged = good + "\n\n" +                                       // blank lines
+                          "not json at all\n" +                                 // foreign
+                          replaced(isoDate(first.time), "2025-03-01T14:07:55.250Z") + "\n" +  // fraction
+                          replaced(isoDate(first.time), "2025-03-01T14:07:55+00:00") + "\n" +
+                          replaced(isoDate(first.time), "2025-02-30T14:07:55Z") + "\n" +
+                          replaced("\"started\"", "\"exploded\"") + "\n" +       // no such event
+                          replaced(first.id, "not-a-uuid") + "\n" +
+                          "[1,2,3]\n" +
+                          line.substr(0, line.size() / 2);                       // cut by a crash
+    test::writeFile(journal.path(), damaged);
+    ASSERT_EQ(journal.entries(), std::vector<JournalEntry>{first});
+
+    // The next entry after a cut line must not be glued onto it.
+    JournalEntry next = entryWith(JournalEntry::Event::replaced, "/next");
+    next.id = first.id;
+    journal.append(next);
+    EXPECT_EQ(journal.entries(), (std::vector<JournalEntry>{first, next}));
+    EXPECT_TRUE(journal.interrupted().empty());
+}
+
+TEST(JournalTest, AnEmptyJournalHasNothingToRecoverOrVerify) {
+    test::TempDir dir;
+    Journal journal(dir.path("journal.jsonl"));
+    EXPECT_TRUE(journal.entries().empty());
+    EXPECT_TRUE(journal.interrupted().empty());
+    bool called = false;
+    EXPECT_TRUE(journal.recoverInterrupted([&](const std::string&) {
+                           called = true;
+                           return std::string("removed");
+                       }).empty());
+    EXPECT_FALSE(called);
+    EXPECT_TRUE(journal.verify().empty());
+    EXPECT_EQ(test::readFile(journal.path()), "");
+}
+
+TEST(JournalTest, OpeningAndReadingFailuresAreReported) {
+    test::TempDir dir;
+    test::writeFile(dir.path("file"), "x");
+    EXPECT_THROW(Journal(dir.path("file/sub/journal.jsonl")), SystemError);
+
+    Journal journal(dir.path("journal.jsonl"));
+    std::filesystem::remove(journal.path());
+    std::filesystem::create_directory(journal.path());
+    EXPECT_THROW(journal.entries(), SystemError);
+    EXPECT_THROW(journal.append(entryWith(JournalEntry::Event::started, "/x")), SystemError);
+    // Text that is no UTF-8 cannot be journalled and leaves the file as it was.
+    Journal other(dir.path("other.jsonl"));
+    EXPECT_ANY_THROW(other.append(entryWith(JournalEntry::Event::started, "/bad\xff")));
+    EXPECT_EQ(test::readFile(other.path()), "");
+}
+
+TEST(JournalTest, StartedEntriesClosedAnywhereInTheFileAreNotInterrupted) {
+    test::TempDir dir;
+    Journal journal(dir.path("journal.jsonl"));
+    JournalEntry open1 = entryWith(JournalEntry::Event::started, "/open1");
+    JournalEntry closedLater = entryWith(JournalEntry::Event::started, "/closedLater");
+    JournalEntry closedEarlier = entryWith(JournalEntry::Event::started, "/closedEarlier");
+    JournalEntry open2 = entryWith(JournalEntry::Event::started, "/open2");
+
+    journal.append(entryWith(JournalEntry::Event::trashed, "/closedEarlier", closedEarlier.id));
+    journal.append(open1);
+    journal.append(closedLater);
+    journal.append(closedEarlier);
+    journal.append(open2);
+    // A skipped entry with an id of its own closes nothing else.
+    journal.append(entryWith(JournalEntry::Event::skipped, "/open2"));
+    journal.append(entryWith(JournalEntry::Event::failed, "/closedLater", closedLater.id));
+
+    EXPECT_EQ(journal.interrupted(), (std::vector<JournalEntry>{open1, open2}));
+}
+
+TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnce) {
+    test::TempDir dir;
+    Journal journal(dir.path("journal.jsonl"));
+    test::writeFile(dir.path("leftover"), "clone");
+
+    JournalEntry noTemporary = entryWith(JournalEntry::Event::started, dir.path("a"));
+    JournalEntry withLeftover = fullEntry();
+    withLeftover.event = JournalEntry::Event::started;
+    withLeftover.temporary = dir.path("leftover");
+    withLeftover.detail = "will be overwritten";
+    JournalEntry leftoverGone = entryWith(JournalEntry::Event::started, dir.path("b"));
+    leftoverGone.temporary = dir.path("gone");
+    for (const auto& entry : {noTemporary, withLeftover, leftoverGone}) journal.append(entry);
+
+    std::vector<std::string> handed;
+    auto recoverLeftover = [&](const std::string& path) {
+        handed.push_back(path);
+        return std::string("removed");
+    };
+    auto recovered = journal.recoverInterrupted(recoverLeftover);
+    EXPECT_EQ(handed, std::vector<std::string>{dir.path("leftover")});
+    ASSERT_EQ(recovered.size(), 3u);
+    EXPECT_EQ(recovered[0].detail, "nothing left over");
+    EXPECT_EQ(recovered[1].detail, "removed");
+    EXPECT_EQ(recovered[2].detail, "nothing left over");
+    // Everything but the time, the event and the detail is the started entry's.
+    JournalEntry expected = withLeftover;
+    expected.event = JournalEntry::Event::recovered;
+    expected.detail = "removed";
+    expected.time = recovered[1].time;
+    EXPECT_EQ(recovered[1], expected);
+    EXPECT_EQ(recovered[1].label(), "put right");
+
+    auto all = journal.entries();
+    ASSERT_EQ(all.size(), 6u);
+    EXPECT_EQ(std::vector<JournalEntry>(all.begin() + 3, all.end()), recovered);
+    EXPECT_TRUE(journal.recoverInterrupted(recoverLeftover).empty());
+    EXPECT_EQ(handed.size(), 1u);
+}
+
+TEST(JournalTest, RecoveryStopsAtTheFirstErrorKeepingWhatWasRecorded) {
+    test::TempDir dir;
+    Journal journal(dir.path("journal.jsonl"));
+    std::vector<JournalEntry> started;
+    for (const char* name : {"one", "two", "three"}) {
+        test::writeFile(dir.path(std::string(".") + name), "clone");
+        JournalEntry entry = entryWith(JournalEntry::Event::started, dir.path(name));
+        entry.temporary = dir.path(std::string(".") + name);
+        journal.append(entry);
+        started.push_back(entry);
+    }
+    int calls = 0;
+    auto failingSecond = [&](const std::string& path) -> std::string {
+        if (++calls == 2) throw SystemError("unlink", path, EACCES);
+        return "kept";
+    };
+    EXPECT_THROW(journal.recoverInterrupted(failingSecond), SystemError);
+    EXPECT_EQ(calls, 2);
+    EXPECT_EQ(journal.interrupted(), (std::vector<JournalEntry>{started[1], started[2]}));
+
+    auto rest = journal.recoverInterrupted([](const std::string&) { return std::string("restored"); });
+    ASSERT_EQ(rest.size(), 2u);
+    EXPECT_EQ(rest[0].id, started[1].id);
+    EXPECT_TRUE(journal.interrupted().empty());
+}
+
+TEST(JournalTest, VerifyTellsWhatBecameOfEachClone) {
+    test::TempDir dir;
+    Journal journal(dir.path("journal.jsonl"));
+    auto replacedEntry = [&](const std::string& name) {
+        test::writeFile(dir.path(name), "content of " + name);
+        JournalEntry entry = entryWith(JournalEntry::Event::replaced, dir.path(name));
+        entry.digest = digestText(ContentHash::sha256(dir.path(name), ContentHash::fullLimit));
+        entry.after = Snapshot::take(dir.path(name));
+        return entry;
+    };
+    JournalEntry intact = replacedEntry("intact");
+    JournalEntry edited = replacedEntry("edited");
+    JournalEntry swapped = replacedEntry("swapped");
+    JournalEntry deleted = replacedEntry("deleted");
+    JournalEntry noAfter = replacedEntry("noAfter");
+    noAfter.after.reset();
+    JournalEntry noDigest = replacedEntry("noDigest");
+    noDigest.digest.reset();
+
+    test::writeFile(dir.path("edited"), "content of edited, and more");  // same inode
+    // Made before the old one goes, so the new file cannot be given the old inode number.
+    test::writeFile(dir.path("new"), "content of swapped");
+    std::filesystem::rename(dir.path("new"), dir.path("swapped"));
+    std::filesystem::remove(dir.path("deleted"));
+
+    journal.append(entryWith(JournalEntry::Event::started, dir.path("intact"), intact.id));
+    for (const auto& entry : {intact, edited, swapped, deleted, noAfter, noDigest}) journal.append(entry);
+    journal.append(entryWith(JournalEntry::Event::skipped, dir.path("intact")));
+
+    auto findings = journal.verify();
+    std::vector<std::pair<std::string, std::string>> seen;
+    for (const auto& [entry, finding] : findings) seen.emplace_back(entry.target, label(finding));
+    EXPECT_EQ(seen, (std::vector<std::pair<std::string, std::string>>{
+                        {dir.path("intact"), "as reclaimed"},
+                        {dir.path("edited"), "changed since"},
+                        {dir.path("swapped"), "another file now"},
+                        {dir.path("deleted"), "gone"},
+                        {dir.path("noAfter"), "another file now"},
+                        {dir.path("noDigest"), "changed since"},
+                    }));
+    ASSERT_EQ(findings.size(), 6u);
+    EXPECT_EQ(findings[0].first, intact);
+    EXPECT_EQ(findings[0].second, Journal::Finding::intact);
+
+    // A clone that can no longer be read fails the whole verification.
+    std::filesystem::remove(dir.path("intact"));
+    std::filesystem::create_directory(dir.path("intact"));
+    JournalEntry unreadable = intact;
+    unreadable.after = Snapshot::take(dir.path("intact"));
+    journal.append(unreadable);
+    EXPECT_THROW(journal.verify(), SystemError);
+}
+
+TEST(JournalTest, ConcurrentAppendsNeverInterleave) {
+    test::TempDir dir;
+    Journal journal(dir.path("journal.jsonl"));
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 4; ++t) {
+        writers.emplace_back([&journal, t] {
+            for (int i = 0; i < 50; ++i) {
+                JournalEntry entry = JournalEntry::make(JournalEntry::Event::started, "/w" + std::to_string(t));
+                entry.detail = std::string(static_cast<size_t>(100 + i * 37), 'x');
+                journal.append(entry);
+            }
+        });
+    }
+    for (auto& writer : writers) writer.join();
+    EXPECT_EQ(journal.entries().size(), 200u);
+}
+
+TEST(JournalTest, LabelsAndTexts) {
+    JournalEntry skipped = JournalEntry::make(JournalEntry::Event::skipped, "/x");
+    EXPECT_EQ(skipped.label(), "left alone: ");
+    skipped.detail = "inUse";
+    EXPECT_EQ(skipped.label(), "left alone: open in another app");
+    skipped.detail = "the moon was full";
+    EXPECT_EQ(skipped.label(), "left alone: the moon was full");
+    EXPECT_EQ(JournalEntry::make(JournalEntry::Event::replaced, "/x").label(), "clone");
+    EXPECT_EQ(JournalEntry::make(JournalEntry::Event::trashed, "/x").label(), "to the Trash");
+    for (auto event : {JournalEntry::Event::started, JournalEntry::Event::replaced, JournalEntry::Event::skipped,
+                       JournalEntry::Event::failed, JournalEntry::Event::recovered, JournalEntry::Event::trashed}) {
+        EXPECT_EQ(journalEventNamed(rawValue(event)), event);
+    }
+    EXPECT_FALSE(journalEventNamed("Started"));
+
+    std::string a = makeUUID();
+    EXPECT_NE(a, makeUUID());
+    // Version 4, RFC 4122 variant, upper case.
+    EXPECT_TRUE(std::regex_match(a, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}"))) << a;
+
+    for (std::time_t time : {std::time_t{0}, march1st, std::time_t{-1}, std::time_t{951782400} /* 29 Feb 2000 */}) {
+        EXPECT_EQ(parseIsoDate(isoDate(time)), time) << isoDate(time);
+    }
+    EXPECT_EQ(isoDate(march1st), "2025-03-01T14:07:55Z");
+    for (const char* bad : {"2025-03-01T14:07:55", "2025-03-01 14:07:55Z", "2025-03-01T14:07:55.0Z",
+                            "2025-13-01T14:07:55Z", "2025-04-31T14:07:55Z", "2025-03-01T24:00:00Z", "+025-03-01T14:07:55Z"}) {
+        EXPECT_FALSE(parseIsoDate(bad)) << bad;
+    }
+}
+
+}  // namespace
+}  // namespace dedup
