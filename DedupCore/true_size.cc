@@ -44,18 +44,23 @@ void Tally::merge(const Tally& other) {
         it->second.sharedBytes = std::max(it->second.sharedBytes, theirs.sharedBytes);
     }
     for (const auto& [inode, theirs] : other.linked) {
-        auto [it, fresh] = linked.try_emplace(inode, Link{theirs.references, theirs.bytes, 0});
+        auto [it, fresh] = linked.try_emplace(inode, Link{theirs.references, theirs.bytes, 0, theirs.families});
         it->second.found += theirs.found;
     }
 }
 
 int64_t Tally::freed() const {
     int64_t total = privateBytes;
-    for (const auto& [id, family] : families) {
-        if (family.found >= family.references) total += family.sharedBytes;
-    }
+    std::map<uint64_t, uint32_t> linkedUsers;
     for (const auto& [inode, link] : linked) {
-        if (link.found >= link.references) total += link.bytes;
+        if (link.found < link.references) continue;
+        total += link.bytes;
+        for (uint64_t id : link.families) ++linkedUsers[id];
+    }
+    for (const auto& [id, family] : families) {
+        auto users = linkedUsers.find(id);
+        uint32_t found = family.found + (users == linkedUsers.end() ? 0 : users->second);
+        if (found >= family.references) total += family.sharedBytes;
     }
     return total;
 }
@@ -164,20 +169,25 @@ private:
         tally.logical += status.size;
         tally.allocated += entry.allocated;
         FileBlocks blocks = blocksOf(path, entry.allocated);
-        if (status.links >= 2) {
-            // The inode's own bytes are freed once, and only when all its names lie in the tree.
-            // Blocks it shares are left out: counting them per name would count them twice.
-            auto [it, fresh] = tally.linked.try_emplace(status.inode, Link{status.links, blocks.own, 0});
-            it->second.found += 1;
-            return;
-        }
-        tally.privateBytes += blocks.own;
-        tally.uncertain += blocks.unknown;
+        bool linked = status.links >= 2;
         for (const auto& extent : blocks.shared) {
             auto [it, fresh] = tally.families.try_emplace(extent.address, Family{extent.holders, 0, 0});
-            it->second.found += 1;
+            // A linked inode counts as found once all its names are; freed() decides that.
+            if (!linked) it->second.found += 1;
             it->second.sharedBytes = std::max(it->second.sharedBytes, extent.diskBytes);
         }
+        if (!linked) {
+            tally.privateBytes += blocks.own;
+            tally.uncertain += blocks.unknown;
+            return;
+        }
+        // Its own bytes are freed once, and only when all its names lie in the tree. Bytes shared
+        // with unknown users are left out of `uncertain`: per name they would count twice.
+        auto [it, fresh] = tally.linked.try_emplace(status.inode, Link{status.links, blocks.own, 0, {}});
+        if (fresh) {
+            for (const auto& extent : blocks.shared) it->second.families.push_back(extent.address);
+        }
+        it->second.found += 1;
     }
 
     const Options& options_;

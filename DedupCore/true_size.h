@@ -56,11 +56,13 @@ struct Family {
     bool operator==(const Family&) const = default;
 };
 
-// One inode with several names.
+// One inode with several names. It leaves with the tree only when every name lies inside; then it
+// is also one of the users found of each family it belongs to.
 struct Link {
     uint32_t references = 0;  // its link count
     int64_t bytes = 0;        // what the inode holds of its own
     int64_t found = 0;        // names found inside the tree
+    std::vector<uint64_t> families;
 
     bool operator==(const Link&) const = default;
 };

@@ -9,7 +9,7 @@
 # after the kernel dropped its caches. dedup also gets a second scan of the unchanged tree that
 # reuses the digest cache of its first one.
 #
-# Settings are made equivalent where the tools allow it (see peer_command): every regular file of
+# Settings are made equivalent where the tools allow it (see set_command): every regular file of
 # one byte or more, hidden files included, symbolic links never followed, hard links to one file
 # never counted as copies of each other. What still differs is printed under the table.
 set -euo pipefail
@@ -210,8 +210,10 @@ timed() {
   [ "$out" = "$base.out" ] && stdout="$out"
   status=0
   (cd "$work" && /usr/bin/time -f '%e %M' -o "$base.time" "${cmd[@]}" >"$stdout" 2>"$base.stderr") || status=$?
-  # time writes "Command exited with non-zero status N" above its line when the tool failed.
-  read -r secs kib < <(tail -n 1 "$base.time")
+  # time writes "Command exited with non-zero status N" above its line when the tool failed, and
+  # nothing at all when it could not start the tool.
+  secs="-" kib=0
+  [ ! -s "$base.time" ] || read -r secs kib < <(tail -n 1 "$base.time") || true
 }
 
 # Turns a tool's list into lines "set<TAB>size<TAB>path".

@@ -12,6 +12,7 @@ int main(int argc, char** argv) {
 
     Commands commands;
     addScanCommands(app, commands);
+    addReclaimCommands(app, commands);
     addSpaceCommands(app, commands);
 
     try {

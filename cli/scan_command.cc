@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
+#include <functional>
 #include <filesystem>
 #include <iostream>
 #include <memory>
@@ -13,9 +15,12 @@
 #include "exit_codes.h"
 #include "hash_cache.h"
 #include "output.h"
+#include "platform/file_io.h"
 #include "platform/process.h"
 #include "platform/system.h"
 #include "progress_line.h"
+#include "reclaim_plan.h"
+#include "report_export.h"
 
 namespace dedup::cli {
 
@@ -92,7 +97,41 @@ ScanOptions scanOptions(const ScanArguments& arguments) {
     return options;
 }
 
-int runScan(const ScanArguments& arguments, std::ostream& out) {
+namespace {
+
+// Files `dedup scan` also writes its findings to: a CSV table, and the scan for `dedup show`.
+struct ReportFiles {
+    std::string csv;
+    std::string save;
+};
+
+void writeReport(const std::string& path, const std::function<std::string()>& text) {
+    if (path.empty()) return;
+    try {
+        platform::writeFileAtomically(path, text());
+    } catch (const SystemError& error) {
+        throw CommandError("cannot write " + path + ": " + std::strerror(error.code));
+    } catch (const nlohmann::json::exception& error) {
+        throw CommandError("cannot save the scan to " + path + ": " + error.what());
+    }
+}
+
+void writeReports(const ScanResult& result, const ReportFiles& files) {
+    writeReport(files.csv, [&] {
+        // The CSV shows what a reclaim would do, so it honours the copies the user has left out.
+        Selection selection;
+        if (platform::pathExists(Locations::selection())) {
+            try {
+                selection = Selection::load(Locations::selection());
+            } catch (const std::exception&) {
+            }
+        }
+        return Report::csv(result.groups, selection);
+    });
+    writeReport(files.save, [&] { return Report::json(result) + "\n"; });
+}
+
+int scanAndReport(const ScanArguments& arguments, std::ostream& out, const ReportFiles& reports) {
     auto roots = checkedRoots(arguments.roots);
     DuplicateFinder finder;
     finder.options = scanOptions(arguments);
@@ -120,14 +159,22 @@ int runScan(const ScanArguments& arguments, std::ostream& out) {
         printScanText(out, result);
     }
     out.flush();
+    writeReports(result, reports);
     return result.cancelled ? interruptedByUser : success;
 }
+
+}  // namespace
+
+int runScan(const ScanArguments& arguments, std::ostream& out) { return scanAndReport(arguments, out, {}); }
 
 void addScanCommands(CLI::App& app, Commands& commands) {
     static ScanArguments arguments;
     auto* scan = app.add_subcommand("scan", "Find identical files and show what reclaiming them would free");
     addScanOptions(*scan, arguments);
-    commands.push_back({scan, [] { return runScan(arguments, std::cout); }});
+    static ReportFiles reports;
+    scan->add_option("--csv", reports.csv, "Also write every file found, with what replacing it frees, as CSV");
+    scan->add_option("--save", reports.save, "Also save the scan, to be shown again with dedup show");
+    commands.push_back({scan, [] { return scanAndReport(arguments, std::cout, reports); }});
 }
 
 }  // namespace dedup::cli

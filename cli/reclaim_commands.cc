@@ -1,0 +1,291 @@
+// reclaim, journal and the saved selection (exclude, include, exclusions).
+#include <filesystem>
+#include <iostream>
+#include <map>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "byte_format.h"
+#include "command.h"
+#include "exit_codes.h"
+#include "hash_cache.h"
+#include "journal.h"
+#include "output.h"
+#include "platform/process.h"
+#include "progress_line.h"
+#include "reclaimer.h"
+#include "scan_command.h"
+
+namespace dedup::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct ReclaimArguments {
+    ScanArguments scan;
+    bool dryRun = false;
+    std::string strategy = "auto";
+    bool trash = false;
+    bool noFolderDates = false;
+    bool coordinate = false;
+};
+
+std::unique_ptr<Journal> openJournal() {
+    try {
+        return std::make_unique<Journal>(Locations::journal());
+    } catch (const std::exception& error) {
+        // Without a journal nothing may be changed: an interrupted run could not be put right.
+        throw CommandError(std::string("the journal cannot be opened: ") + error.what());
+    }
+}
+
+Selection loadSelection() {
+    if (!fs::exists(Locations::selection())) return {};
+    try {
+        return Selection::load(Locations::selection());
+    } catch (const std::exception& error) {
+        std::cerr << "dedup: the saved selection cannot be read (" << error.what() << "); nothing is left out\n";
+        return {};
+    }
+}
+
+std::string plural(int64_t n, const char* one, const char* many) {
+    return groupedNumber(n) + " " + (n == 1 ? one : many);
+}
+
+// Announces and puts right what an interrupted run left; returns how many there were.
+size_t recoverInterrupted(Journal& journal, std::ostream& out) {
+    auto interrupted = journal.interrupted();
+    if (interrupted.empty()) return 0;
+    out << interrupted.size() << " files are left from an interrupted reclaim; the Journal puts them right.\n";
+    journal.recoverInterrupted(
+        [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); });
+    return interrupted.size();
+}
+
+void printSummary(std::ostream& out, const ReclaimSummary& summary) {
+    out << formatBytes(summary.freedBytes) << " reclaimed; " << summary.replaced << " files are clones now.\n";
+    size_t notReplaced = summary.failed.size();
+    for (const auto& [reason, paths] : summary.skipped) notReplaced += paths.size();
+    if (notReplaced == 0) return;
+    out << plural(static_cast<int64_t>(notReplaced), "file", "files")
+        << " could not be replaced; \"dedup journal\" has the details:\n";
+    for (const auto& [reason, paths] : summary.skipped) {
+        auto known = skipReasonNamed(reason);
+        out << fmt::format("  {:>6}  {}\n", groupedNumber(static_cast<int64_t>(paths.size())),
+                           known ? std::string(phrase(*known)) : reason);
+    }
+    if (!summary.failed.empty()) {
+        out << fmt::format("  {:>6}  {}\n", groupedNumber(static_cast<int64_t>(summary.failed.size())), "failed");
+        for (const auto& [path, error] : summary.failed) out << "          " << error << "\n";
+    }
+}
+
+int runReclaim(const ReclaimArguments& arguments) {
+    auto roots = checkedRoots(arguments.scan.roots);
+    auto journal = openJournal();
+    platform::installInterruptHandlers();
+    std::ostream& notes = arguments.scan.json ? std::cerr : std::cout;
+    recoverInterrupted(*journal, notes);
+
+    DuplicateFinder finder;
+    finder.options = scanOptions(arguments.scan);
+    finder.threads = arguments.scan.threads;
+    std::unique_ptr<HashCache> cache;
+    if (!arguments.scan.noCache) {
+        try {
+            cache = std::make_unique<HashCache>(Locations::hashes());
+        } catch (const std::exception&) {
+        }
+    }
+    finder.cache = cache.get();
+    ProgressLine progress;
+    auto interrupted = [] { return platform::interrupted(); };
+    ScanResult scan = finder.scan(roots, [&](const ScanProgress& p) { progress.scan(p); }, interrupted);
+    progress.clear();
+    cache.reset();
+    if (scan.cancelled) {
+        notes << "Cancelled during the scan; nothing was changed.\n";
+        return interruptedByUser;
+    }
+
+    Selection selection = loadSelection();
+    if (arguments.dryRun) {
+        auto targets = Report::targets(scan.groups, selection);
+        int64_t total = 0;
+        nlohmann::json planned = nlohmann::json::array();
+        for (const auto& target : targets) {
+            total += target.frees;
+            if (arguments.scan.json) {
+                planned.push_back({{"path", target.file.path}, {"frees", target.frees}});
+            } else {
+                std::cout << fmt::format("  {:>10}  {}\n", formatBytes(target.frees), target.file.path);
+            }
+        }
+        if (arguments.scan.json) {
+            std::cout << jsonText({{"targets", planned}, {"reclaimableBytes", total}}) << "\n";
+        } else {
+            std::cout << formatBytes(total) << " would be reclaimed by making "
+                      << plural(static_cast<int64_t>(targets.size()), "file a clone.", "files clones.")
+                      << " Nothing was changed.\n";
+        }
+        return success;
+    }
+
+    Reclaimer reclaimer;
+    reclaimer.engine.journal = journal.get();
+    reclaimer.engine.moveReplacedToTrash = arguments.trash;
+    reclaimer.engine.restoreFolderDates = !arguments.noFolderDates;
+    reclaimer.engine.coordinate = arguments.coordinate;
+    reclaimer.engine.strategy = arguments.strategy == "in-place" ? CloneEngine::Strategy::inPlace
+                                : arguments.strategy == "clone"  ? CloneEngine::Strategy::cloneAndSwap
+                                                                 : CloneEngine::Strategy::automatic;
+    ProgressLine line;
+    ReclaimSummary summary = reclaimer.reclaim(
+        scan.groups, selection,
+        [&](const ReclaimProgress& p) {
+            line.show(fmt::format("Reclaiming {} of {}, {} so far  {}", groupedNumber(p.done + 1),
+                                  groupedNumber(p.total), formatBytes(p.freedBytes), p.current));
+        },
+        interrupted);
+    line.clear();
+
+    if (arguments.scan.json) {
+        std::cout << jsonText(summary) << "\n";
+    } else {
+        if (summary.cancelled) std::cout << "Cancelled: the replacements under way were finished first.\n";
+        printSummary(std::cout, summary);
+    }
+    if (summary.cancelled) return interruptedByUser;
+    return summary.skipped.empty() && summary.failed.empty() ? success : someSkipped;
+}
+
+std::string labelledLine(const JournalEntry& entry) {
+    std::string line = fmt::format("{}  {:<24}  {}", isoDate(entry.time), entry.label(), entry.target);
+    if (entry.event == JournalEntry::Event::replaced && entry.freedBytes) {
+        line += "  (" + formatBytes(*entry.freedBytes) + ")";
+    }
+    return line;
+}
+
+int runJournalList(bool json) {
+    auto journal = openJournal();
+    auto entries = journal->entries();
+    if (json) {
+        std::cout << jsonText(entries) << "\n";
+        return success;
+    }
+    for (const auto& entry : entries) std::cout << labelledLine(entry) << "\n";
+    std::cout << plural(static_cast<int64_t>(entries.size()), "entry.", "entries.") << "\n";
+    return success;
+}
+
+int runJournalVerify(bool json) {
+    auto journal = openJournal();
+    auto findings = journal->verify();
+    std::map<Journal::Finding, int64_t> counts;
+    nlohmann::json out = nlohmann::json::array();
+    for (const auto& [entry, finding] : findings) {
+        ++counts[finding];
+        if (json) {
+            out.push_back({{"id", entry.id}, {"target", entry.target}, {"finding", std::string(label(finding))}});
+        } else {
+            std::cout << fmt::format("{:<17}  {}\n", label(finding), entry.target);
+        }
+    }
+    if (json) {
+        std::cout << jsonText(out) << "\n";
+    } else {
+        std::string tally;
+        for (const auto& [finding, count] : counts) {
+            tally += (tally.empty() ? "" : ", ") + groupedNumber(count) + " " + std::string(label(finding));
+        }
+        std::cout << plural(static_cast<int64_t>(findings.size()), "clone checked", "clones checked")
+                  << (tally.empty() ? "." : ": " + tally + ".") << "\n";
+    }
+    return success;
+}
+
+int runJournalRecover() {
+    auto journal = openJournal();
+    if (recoverInterrupted(*journal, std::cout) == 0) std::cout << "Nothing was left from an interrupted reclaim.\n";
+    return success;
+}
+
+std::string absolutePath(const std::string& path) {
+    std::string result = fs::absolute(fs::path(path)).lexically_normal().string();
+    while (result.size() > 1 && result.back() == '/') result.pop_back();
+    return result;
+}
+
+int editSelection(const std::vector<std::string>& paths, bool exclude) {
+    Selection selection = loadSelection();
+    for (const auto& path : paths) {
+        if (exclude) {
+            selection.excluded.insert(absolutePath(path));
+        } else {
+            selection.excluded.erase(absolutePath(path));
+        }
+    }
+    fs::create_directories(fs::path(Locations::selection()).parent_path());
+    selection.save(Locations::selection());
+    return success;
+}
+
+int listSelection(bool json) {
+    Selection selection = loadSelection();
+    if (json) {
+        std::cout << jsonText(selection) << "\n";
+    } else if (selection.excluded.empty()) {
+        std::cout << "Nothing is left out of reclaiming.\n";
+    } else {
+        std::cout << "Left out of reclaiming:\n";
+        for (const auto& path : selection.excluded) std::cout << "  " << path << "\n";
+    }
+    return success;
+}
+
+}  // namespace
+
+void addReclaimCommands(CLI::App& app, Commands& commands) {
+    static ReclaimArguments reclaim;
+    auto* reclaimCommand =
+        app.add_subcommand("reclaim", "Make the extra copies share the blocks of the copy that is kept");
+    addScanOptions(*reclaimCommand, reclaim.scan);
+    reclaimCommand->add_flag("--dry-run", reclaim.dryRun, "Show what would be replaced and freed; change nothing");
+    reclaimCommand->add_option("--strategy", reclaim.strategy, "auto, in-place or clone")
+        ->check(CLI::IsMember({"auto", "in-place", "clone"}))
+        ->capture_default_str();
+    reclaimCommand->add_flag("--trash", reclaim.trash, "Move replaced copies to the Trash instead of removing them");
+    reclaimCommand->add_flag("--no-folder-dates", reclaim.noFolderDates, "Let folders' modification dates change");
+    reclaimCommand->add_flag("--coordinate", reclaim.coordinate, "Leave alone any copy another program has open");
+    commands.push_back({reclaimCommand, [] { return runReclaim(reclaim); }});
+
+    static bool journalJson = false;
+    auto* journalCommand = app.add_subcommand("journal", "List every replacement; verify or recover them");
+    journalCommand->add_flag("--json", journalJson, "Print as JSON");
+    auto* verify = journalCommand->add_subcommand("verify", "Check that every clone made is still as it was");
+    auto* recover = journalCommand->add_subcommand("recover", "Put right what an interrupted reclaim left");
+    verify->add_flag("--json", journalJson, "Print as JSON");
+    commands.push_back({journalCommand, [verify, recover] {
+                            if (verify->parsed()) return runJournalVerify(journalJson);
+                            if (recover->parsed()) return runJournalRecover();
+                            return runJournalList(journalJson);
+                        }});
+
+    static std::vector<std::string> excludePaths, includePaths;
+    static bool exclusionsJson = false;
+    auto* exclude = app.add_subcommand("exclude", "Leave files or folders out of every reclaim");
+    exclude->add_option("PATH", excludePaths, "Files or folders")->required();
+    commands.push_back({exclude, [] { return editSelection(excludePaths, true); }});
+    auto* include = app.add_subcommand("include", "Take back files or folders left out");
+    include->add_option("PATH", includePaths, "Files or folders")->required();
+    commands.push_back({include, [] { return editSelection(includePaths, false); }});
+    auto* exclusions = app.add_subcommand("exclusions", "Show what is left out of reclaiming");
+    exclusions->add_flag("--json", exclusionsJson, "Print as JSON");
+    commands.push_back({exclusions, [] { return listSelection(exclusionsJson); }});
+}
+
+}  // namespace dedup::cli

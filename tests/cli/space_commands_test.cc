@@ -1,0 +1,130 @@
+// dedup true-size, holders, show and the reports of dedup scan, run as a person would run them.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <sys/statfs.h>
+
+#include <filesystem>
+
+#include <fmt/format.h>
+#include <linux/magic.h>
+#include <nlohmann/json.hpp>
+
+#include "byte_format.h"
+#include "support/test_files.h"
+
+namespace dedup {
+namespace {
+
+int64_t allocatedOf(const std::string& path) {
+    struct stat st {};
+    EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
+    return static_cast<int64_t>(st.st_blocks) * 512;
+}
+
+class SpaceCommandsTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ::setenv("DEDUP_DATA_DIR", data_.path().c_str(), 1);
+        std::filesystem::create_directories(tree_.path("big"));
+        std::filesystem::create_directories(tree_.path("small"));
+        test::writeRandomFile(tree_.path("big/photo.jpg"), 300000, 1);
+        test::writeRandomFile(tree_.path("big/photo copy.jpg"), 300000, 1);
+        test::writeRandomFile(tree_.path("small/notes.txt"), 150000, 2);
+    }
+    test::CommandResult dedup(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), DEDUP_BINARY);
+        return test::runCommand(arguments);
+    }
+
+    test::TempDir data_;
+    test::TempDir tree_;
+};
+
+TEST_F(SpaceCommandsTest, TrueSizePrintsTheTreeLargestFirstAndTheSentence) {
+    int64_t big = allocatedOf(tree_.path("big/photo.jpg")) + allocatedOf(tree_.path("big/photo copy.jpg"));
+    int64_t all = big + allocatedOf(tree_.path("small/notes.txt"));
+    auto run = dedup({"true-size", tree_.path()});
+    ASSERT_EQ(run.exitCode, 0) << run.stderrText;
+    EXPECT_EQ(run.stderrText, "");
+    const std::string& out = run.stdoutText;
+    auto bigLine = out.find(fmt::format("{:>10}  {:>10}  {:>10}    big\n", formatBytes(big), "600.0 kB", formatBytes(big)));
+    auto smallLine = out.find("    small\n");
+    ASSERT_NE(bigLine, std::string::npos) << out;
+    ASSERT_NE(smallLine, std::string::npos) << out;
+    EXPECT_LT(bigLine, smallLine);
+    EXPECT_TRUE(out.ends_with("Deleting it frees " + formatBytes(all) + "; the file manager says 750.0 kB.\n")) << out;
+
+    auto json = dedup({"true-size", "--json", "--depth", "0", tree_.path()});
+    ASSERT_EQ(json.exitCode, 0) << json.stderrText;
+    auto tree = nlohmann::json::parse(json.stdoutText);
+    EXPECT_EQ(tree["freedIfDeleted"], all);
+    EXPECT_EQ(tree["logical"], 750000);
+    EXPECT_TRUE(tree["children"].empty());
+    EXPECT_TRUE(tree["sharing"] == "unknown" || tree["sharing"] == "resolved");
+
+    auto missing = dedup({"true-size", tree_.path("nowhere")});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_EQ(missing.stderrText, "dedup: no such folder: " + tree_.path("nowhere") + "\n");
+    EXPECT_EQ(dedup({"true-size", "--depth", "-1", tree_.path()}).exitCode, 2);
+}
+
+TEST_F(SpaceCommandsTest, UnreadableSubfolderIsNamed) {
+    std::string setpriv = test::findProgram("setpriv");
+    if (::geteuid() != 0 || setpriv.empty()) GTEST_SKIP() << "needs root and setpriv to run as another user";
+    ASSERT_EQ(::chmod(tree_.path().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(tree_.path("big").c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(tree_.path("small").c_str(), 0), 0);
+    auto run = test::runCommand(
+        {setpriv, "--reuid=65534", "--regid=65534", "--clear-groups", DEDUP_BINARY, "true-size", tree_.path()});
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.stderrText, "dedup: cannot read the folder " + tree_.path("small") + ": permission denied\n");
+    ::chmod(tree_.path("small").c_str(), 0755);
+}
+
+TEST_F(SpaceCommandsTest, SavedScanShowsAsTheScanDidAndCsvListsEveryFile) {
+    std::string saved = data_.path("scan.json"), table = data_.path("scan.csv");
+    auto scan = dedup({"scan", "--min-size", "1", "--save", saved, "--csv", table, tree_.path()});
+    ASSERT_EQ(scan.exitCode, 0) << scan.stderrText;
+    auto show = dedup({"show", saved});
+    ASSERT_EQ(show.exitCode, 0) << show.stderrText;
+    EXPECT_EQ(show.stdoutText, scan.stdoutText);
+    std::string csv = test::readFile(table);
+    EXPECT_TRUE(csv.starts_with("digest,size,frees,role,path\n")) << csv;
+    EXPECT_NE(csv.find(",300000,,keep," + tree_.path("big/photo copy.jpg") + "\n"), std::string::npos) << csv;
+    EXPECT_NE(csv.find(",300000,300000,clone," + tree_.path("big/photo.jpg") + "\n"), std::string::npos) << csv;
+
+    auto notAScan = dedup({"show", table});
+    EXPECT_EQ(notAScan.exitCode, 1);
+    EXPECT_TRUE(notAScan.stderrText.starts_with("dedup: " + table + " is not a saved scan")) << notAScan.stderrText;
+    auto missing = dedup({"show", data_.path("none.json")});
+    EXPECT_EQ(missing.exitCode, 1);
+    EXPECT_EQ(missing.stderrText, "dedup: cannot read " + data_.path("none.json") + ": no such file or directory\n");
+    auto unwritable = dedup({"scan", "--save", data_.path("no/such/folder/scan.json"), tree_.path()});
+    EXPECT_EQ(unwritable.exitCode, 1);
+    EXPECT_NE(unwritable.stderrText.find("cannot write"), std::string::npos) << unwritable.stderrText;
+}
+
+TEST_F(SpaceCommandsTest, HoldersSayWhatWaitsInTheTrash) {
+    struct statfs fs {};
+    ASSERT_EQ(::statfs(tree_.path().c_str(), &fs), 0);
+    if (fs.f_type == BTRFS_SUPER_MAGIC) GTEST_SKIP() << "this disk may have snapshots of its own";
+    ::setenv("HOME", tree_.path().c_str(), 1);
+    ::setenv("XDG_DATA_HOME", data_.path().c_str(), 1);
+    auto none = dedup({"holders", tree_.path()});
+    EXPECT_EQ(none.exitCode, 0) << none.stderrText;
+    EXPECT_EQ(none.stdoutText, "Nothing holds space on this disk: no snapshots, and the Trash is empty.\n");
+
+    std::filesystem::create_directories(data_.path("Trash/files"));
+    test::writeRandomFile(data_.path("Trash/files/old.jpg"), 250000, 3);
+    auto some = dedup({"holders", tree_.path()});
+    EXPECT_EQ(some.stdoutText, "Still holding space on this disk:\n  " +
+                                   formatBytes(allocatedOf(data_.path("Trash/files/old.jpg"))) +
+                                   " waits in the Trash.\n");
+    EXPECT_EQ(dedup({"holders", tree_.path("nowhere")}).exitCode, 1);
+}
+
+}  // namespace
+}  // namespace dedup

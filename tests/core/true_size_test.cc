@@ -1,0 +1,168 @@
+#include "true_size.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "file_records.h"
+#include "support/test_files.h"
+#include "volumes.h"
+
+namespace dedup {
+namespace {
+
+namespace fs = std::filesystem;
+using test::LoopVolume;
+using TrueSize::Sharing;
+
+int64_t allocatedOf(const std::string& path) {
+    struct stat st {};
+    EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
+    return static_cast<int64_t>(st.st_blocks) * 512;
+}
+
+const FolderSize& child(const FolderSize& folder, const std::string& name) {
+    for (const auto& c : folder.children) {
+        if (c.path == folder.path + "/" + name) return c;
+    }
+    throw std::runtime_error("no child " + name + " in " + folder.path);
+}
+
+TEST(TrueSizeTest, SharedBlocksAreFreedOnlyOnceEveryUserIsInside) {
+    // Extent 7 is used by three files: one in each half and an inode with a name in each half.
+    TrueSize::Tally left;
+    left.privateBytes = 10;
+    left.families[7] = {3, 1, 100};
+    left.linked[42] = {2, 50, 1, {7}};
+    TrueSize::Tally right;
+    right.privateBytes = 20;
+    right.families[7] = {3, 1, 80};
+    right.linked[42] = {2, 50, 1, {7}};
+    EXPECT_EQ(left.freed(), 10);
+    EXPECT_EQ(right.freed(), 20);
+
+    TrueSize::Tally both = left;
+    both.merge(right);
+    EXPECT_EQ(both.families.at(7), (TrueSize::Family{3, 2, 100}));
+    EXPECT_EQ(both.linked.at(42).found, 2);
+    EXPECT_EQ(both.freed(), 10 + 20 + 50 + 100);
+}
+
+TEST(TrueSizeTest, HardLinksCountOnceAndOnlyWithAllTheirNames) {
+    test::TempDir dir;
+    std::string root = dir.path("root");
+    fs::create_directories(root + "/big");
+    fs::create_directories(root + "/small");
+    fs::create_directories(root + "/empty/deeper");
+    fs::create_directories(root + "/linked");
+    fs::create_directories(root + "/half");
+    test::writeRandomFile(root + "/big/f", 300000, 1);
+    test::writeRandomFile(root + "/small/g", 100000, 2);
+    test::writeRandomFile(root + "/linked/p", 50000, 3);
+    ASSERT_EQ(::link((root + "/linked/p").c_str(), (root + "/linked/p2").c_str()), 0);
+    test::writeRandomFile(root + "/half/q", 20000, 4);
+    ASSERT_EQ(::link((root + "/half/q").c_str(), dir.path("q-outside").c_str()), 0);
+    fs::create_symlink(root + "/big/f", root + "/big/link");
+    int64_t f = allocatedOf(root + "/big/f"), g = allocatedOf(root + "/small/g"), p = allocatedOf(root + "/linked/p"),
+            q = allocatedOf(root + "/half/q");
+
+    auto [size, tally] = TrueSize::measureWithTally(root);
+    EXPECT_EQ(size.path, root);
+    // Every name counts in full in the sizes a file browser shows; the symbolic link adds nothing.
+    EXPECT_EQ(size.logical, 300000 + 100000 + 2 * 50000 + 20000);
+    EXPECT_EQ(size.allocated, f + g + 2 * p + q);
+    EXPECT_EQ(size.freedIfDeleted, f + g + p);
+    EXPECT_EQ(size.uncertain, 0);
+    EXPECT_EQ(tally.freed(), size.freedIfDeleted);
+
+    ASSERT_EQ(size.children.size(), 5u);
+    EXPECT_EQ(size.children[0].path, root + "/big");
+    EXPECT_EQ(size.children[1].path, root + "/small");
+    EXPECT_EQ(size.children[2].path, root + "/linked");
+    EXPECT_EQ(child(size, "linked").freedIfDeleted, p);
+    EXPECT_EQ(child(size, "linked").logical, 2 * 50000);
+    EXPECT_EQ(child(size, "half").freedIfDeleted, 0);
+    EXPECT_EQ(child(size, "half").allocated, q);
+    const FolderSize& empty = child(size, "empty");
+    EXPECT_EQ(empty.logical + empty.allocated + empty.freedIfDeleted + empty.uncertain, 0);
+    ASSERT_EQ(empty.children.size(), 1u);
+    EXPECT_TRUE(empty.children[0].children.empty());
+
+    try {
+        TrueSize::measure(dir.path("missing"));
+        FAIL();
+    } catch (const SystemError& error) {
+        EXPECT_EQ(error.path, dir.path("missing"));
+        EXPECT_EQ(error.code, ENOENT);
+    }
+}
+
+struct VolumeCase {
+    LoopVolume::Kind kind;
+    bool resolve;  // ask the file system who uses each shared extent
+    const char* name;
+};
+
+class TrueSizeOnVolume : public ::testing::TestWithParam<VolumeCase> {};
+
+TEST_P(TrueSizeOnVolume, ClonesAreFreedOnlyWithAllTheirMembers) {
+    auto [kind, resolve, name] = GetParam();
+    DEDUP_REQUIRE_VOLUME(kind);
+    std::string top = test::freshFolder(test::sharedVolume(kind), "true-size");
+    std::string tree = top + "/tree";
+    for (const char* folder : {"/both", "/one", "/pair/left", "/pair/right"}) fs::create_directories(tree + folder);
+    constexpr int64_t mib = 1 << 20;
+    test::writeRandomFile(tree + "/both/a", mib, 11);
+    test::reflinkCopy(tree + "/both/a", tree + "/both/a2");
+    test::writeRandomFile(tree + "/one/b", mib, 12);
+    test::reflinkCopy(tree + "/one/b", top + "/b-outside");
+    test::writeRandomFile(tree + "/pair/left/c", mib, 13);
+    test::reflinkCopy(tree + "/pair/left/c", tree + "/pair/right/c2");
+
+    TrueSize::Options options;
+    options.resolveSharing = resolve;
+    auto [size, tally] = TrueSize::measureWithTally(tree, options);
+    const FolderSize& pair = child(size, "pair");
+    EXPECT_EQ(size.logical, 6 * mib);
+    EXPECT_EQ(size.allocated, 6 * mib);
+    if (tally.sharing == Sharing::resolved) {
+        EXPECT_EQ(child(size, "both").freedIfDeleted, mib);
+        EXPECT_EQ(child(size, "one").freedIfDeleted, 0);
+        EXPECT_EQ(child(pair, "left").freedIfDeleted, 0);
+        EXPECT_EQ(child(pair, "right").freedIfDeleted, 0);
+        EXPECT_EQ(pair.freedIfDeleted, mib);
+        EXPECT_EQ(size.freedIfDeleted, 2 * mib);
+        EXPECT_EQ(size.uncertain, 0);
+        EXPECT_EQ(size.children.front().path, tree + "/both");
+
+        // An extent partly overwritten in one clone stays whole on disk while the other uses it.
+        std::string chunk = test::randomBytes(65536, 14);
+        FILE* file = std::fopen((tree + "/both/a2").c_str(), "r+");
+        ASSERT_NE(file, nullptr);
+        std::fwrite(chunk.data(), 1, chunk.size(), file);
+        std::fclose(file);
+        FolderSize both = TrueSize::measure(tree + "/both", options);
+        EXPECT_EQ(both.freedIfDeleted, mib + 65536);
+        EXPECT_EQ(TrueSize::measure(tree + "/one", options).freedIfDeleted, 0);
+    } else {
+        // Where the users of shared blocks cannot be named, none of them count as freed.
+        EXPECT_EQ(size.freedIfDeleted, 0);
+        EXPECT_EQ(child(size, "both").uncertain, 2 * mib);
+        EXPECT_EQ(child(size, "one").uncertain, mib);
+        EXPECT_EQ(child(pair, "left").uncertain, mib);
+        EXPECT_EQ(size.uncertain, 5 * mib);
+    }
+    bool canResolve = resolve && kind == LoopVolume::Kind::btrfs && ::geteuid() == 0;
+    EXPECT_EQ(tally.sharing, canResolve ? Sharing::resolved : Sharing::unknown);
+}
+
+INSTANTIATE_TEST_SUITE_P(Volumes, TrueSizeOnVolume,
+                         ::testing::Values(VolumeCase{LoopVolume::Kind::btrfs, true, "btrfs"},
+                                           VolumeCase{LoopVolume::Kind::btrfs, false, "btrfsNotAsked"},
+                                           VolumeCase{LoopVolume::Kind::xfs, true, "xfs"}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace dedup
