@@ -56,6 +56,7 @@ public:
           filesSeen_(filesSeen) {}
 
     DuplicateFinder::Grouping run(const std::vector<ScannedFile>& files) {
+        files_ = &files;
         bucketBySize(files);
         readCloneFacts();
         std::vector<Candidate> candidates;
@@ -91,26 +92,35 @@ private:
 
     // Sizes come straight from the listing: no file is opened for a size met only once.
     void bucketBySize(const std::vector<ScannedFile>& files) {
-        std::unordered_map<uint64_t, std::unordered_map<int64_t, std::vector<size_t>>> bySize;
+        struct Key {
+            uint64_t device;
+            int64_t size;
+            uint32_t index;
+        };
+        std::vector<Key> keys;
+        keys.reserve(files.size());
         for (size_t i = 0; i < files.size(); ++i) {
-            uint64_t device = acrossVolumes_ ? 0 : files[i].status.device;
-            bySize[device][files[i].status.size].push_back(i);
+            keys.push_back({acrossVolumes_ ? 0 : files[i].status.device, files[i].status.size, static_cast<uint32_t>(i)});
         }
-        std::map<std::pair<uint64_t, int64_t>, std::vector<size_t>> ordered;
-        for (auto& [device, sizes] : bySize) {
-            for (auto& [size, members] : sizes) {
-                if (members.size() >= 2) ordered.emplace(std::pair{device, size}, std::move(members));
+        std::sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) {
+            return a.device != b.device ? a.device < b.device : a.size != b.size ? a.size < b.size : a.index < b.index;
+        });
+        for (size_t start = 0; start < keys.size();) {
+            size_t end = start + 1;
+            while (end < keys.size() && keys[end].device == keys[start].device && keys[end].size == keys[start].size) ++end;
+            if (end - start >= 2) {
+                Bucket bucket{keys[start].device, keys[start].size, {}, {}};
+                for (size_t k = start; k < end; ++k) {
+                    bucket.files.push_back(pool_.size());
+                    pool_.push_back({keys[k].index, files[keys[k].index].clones});
+                }
+                buckets_.push_back(std::move(bucket));
             }
-        }
-        for (auto& [key, members] : ordered) {
-            Bucket bucket{key.first, key.second, {}, {}};
-            for (size_t i : members) {
-                bucket.files.push_back(pool_.size());
-                pool_.push_back(files[i]);
-            }
-            buckets_.push_back(std::move(bucket));
+            start = end;
         }
     }
+
+    const ScannedFile& file(size_t member) const { return (*files_)[pool_[member].index]; }
 
     // The extent map is read only for files whose size another file shares.
     void readCloneFacts() {
@@ -120,9 +130,9 @@ private:
         }
         parallelFor(missing.size(), workersFor(finder_.threads, false), [&](size_t k) {
             if (cancelled()) return;
-            ScannedFile& file = pool_[missing[k]];
+            Member& member = pool_[missing[k]];
             try {
-                file.clones = CloneInfo::read(file.path);
+                member.clones = CloneInfo::read(file(missing[k]).path);
             } catch (const std::exception&) {
                 // Unknown sharing: the file stands on its own and counts its whole size.
             }
@@ -131,15 +141,15 @@ private:
 
     void formUnits(Bucket& bucket) {
         std::stable_sort(bucket.files.begin(), bucket.files.end(),
-                         [&](size_t a, size_t b) { return pool_[a].path < pool_[b].path; });
+                         [&](size_t a, size_t b) { return file(a).path < file(b).path; });
         std::map<std::pair<uint64_t, uint64_t>, size_t> families;
         for (size_t index : bucket.files) {
-            const ScannedFile& file = pool_[index];
-            if (!file.clones || file.clones->privateSize != 0) {
+            const auto& clones = pool_[index].clones;
+            if (!clones || clones->privateSize != 0) {
                 bucket.units.push_back(Unit{{index}, true, {}});
                 continue;
             }
-            auto key = std::pair{file.status.device, file.clones->cloneID};
+            auto key = std::pair{file(index).status.device, clones->cloneID};
             auto [it, isNew] = families.emplace(key, bucket.units.size());
             if (isNew) bucket.units.push_back(Unit{{}, true, {}});
             bucket.units[it->second].files.push_back(index);
@@ -162,7 +172,7 @@ private:
     void decideReplaceable(Bucket& bucket) {
         for (auto& unit : bucket.units) {
             unit.replaceable = std::all_of(unit.files.begin(), unit.files.end(),
-                                           [&](size_t i) { return isReplaceable(pool_[i]); });
+                                           [&](size_t i) { return isReplaceable(file(i)); });
         }
     }
 
@@ -185,6 +195,7 @@ private:
     std::vector<Candidate> refine(std::vector<Candidate>& candidates, int64_t limit, Needs needs) {
         struct Job {
             Unit* unit;
+            size_t member;
             const ScannedFile* file;
         };
         std::map<uint64_t, std::vector<Job>> jobsByDevice;
@@ -193,8 +204,8 @@ private:
             for (size_t u : candidate.units) {
                 Unit& unit = candidate.bucket->units[u];
                 unit.digest.clear();
-                const ScannedFile& file = pool_[unit.files.front()];
-                jobsByDevice[file.status.device].push_back({&unit, &file});
+                const ScannedFile& first = file(unit.files.front());
+                jobsByDevice[first.status.device].push_back({&unit, unit.files.front(), &first});
             }
         }
         for (auto& [device, jobs] : jobsByDevice) {
@@ -202,15 +213,15 @@ private:
             // Inode order follows the on-disk layout closely enough to spare a cold disk some seeks.
             std::stable_sort(jobs.begin(), jobs.end(),
                              [](const Job& a, const Job& b) { return a.file->status.inode < b.file->status.inode; });
-            std::vector<ScannedFile> files;
+            std::vector<const ScannedFile*> files;
             files.reserve(jobs.size());
-            for (const auto& job : jobs) files.push_back(*job.file);
+            for (const auto& job : jobs) files.push_back(job.file);
             auto reading = [this](const std::string& path) {
                 if (progress_) {
                     progress_(ScanProgress{ScanProgress::Phase::hashing, filesSeen_, bytesRead_.get(), path});
                 }
             };
-            auto digests = Hasher::digests(files, limit, rotational(device, files.front().path), finder_.cache,
+            auto digests = Hasher::digests(files, limit, rotational(device, files.front()->path), finder_.cache,
                                            bytesRead_, reading, isCancelled_, finder_.threads);
             for (size_t i = 0; i < jobs.size(); ++i) {
                 if (digests[i]) jobs[i].unit->digest = std::move(*digests[i]);
@@ -245,12 +256,15 @@ private:
             const Unit& y = units[b];
             if (x.replaceable != y.replaceable) return !x.replaceable;
             if (x.files.size() != y.files.size()) return x.files.size() > y.files.size();
-            return pool_[x.files.front()].path < pool_[y.files.front()].path;
+            return file(x.files.front()).path < file(y.files.front()).path;
         });
         DuplicateGroup group;
         group.digest = units[candidate.units.front()].digest;
         for (size_t u : candidate.units) {
-            for (size_t i : units[u].files) group.files.push_back(pool_[i]);
+            for (size_t i : units[u].files) {
+                group.files.push_back(file(i));
+                group.files.back().clones = pool_[i].clones;
+            }
         }
         group.reclaimableBytes = Report::reclaimableBytes({group}, Selection{});
         return group;
@@ -262,7 +276,13 @@ private:
     const CancelCallback& isCancelled_;
     int64_t filesSeen_;
     std::atomic<bool> cancelled_{false};
-    std::vector<ScannedFile> pool_;
+    // A file whose size another file shares, with the extent facts read for it.
+    struct Member {
+        uint32_t index;  // into the walk's files
+        std::optional<CloneInfo> clones;
+    };
+    const std::vector<ScannedFile>* files_ = nullptr;
+    std::vector<Member> pool_;
     std::vector<Bucket> buckets_;
     std::unordered_map<std::string, bool> writableFolders_;
     std::unordered_map<uint64_t, bool> rotational_;

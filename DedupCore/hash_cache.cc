@@ -10,7 +10,7 @@
 namespace dedup {
 
 namespace {
-constexpr int writesPerTransaction = 512;
+constexpr int operationsPerTransaction = 512;
 // A database locked by another process is waited for briefly; past that the cache steps aside for
 // a while rather than slowing every file of the scan.
 constexpr int busyTimeoutMs = 200;
@@ -67,7 +67,7 @@ std::vector<std::vector<HashCache::Value>> HashCache::query(const std::string& s
             sqlite3_bind_null(statement, index);
         }
     }
-    while (sqlite3_step(statement) == SQLITE_ROW) {
+    while ((lastStep_ = sqlite3_step(statement)) == SQLITE_ROW) {
         int columns = sqlite3_column_count(statement);
         std::vector<Value> row;
         row.reserve(static_cast<size_t>(columns));
@@ -96,13 +96,15 @@ std::optional<std::string> HashCache::volumeOf(uint64_t device, const std::strin
     return volume;
 }
 
-void HashCache::beginWrite() {
+// Lookups and stores run inside transactions of a few hundred operations: outside one, SQLite
+// takes and drops its file locks around every single statement, which costs more than the lookup.
+void HashCache::begin() {
     if (inTransaction_) return;
-    if (sqlite3_exec(db_, "BEGIN IMMEDIATE;", nullptr, nullptr, nullptr) == SQLITE_OK) {
-        inTransaction_ = true;
-    } else {
-        skipWrites_ = writesSkippedWhenLocked;
-    }
+    inTransaction_ = sqlite3_exec(db_, "BEGIN;", nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+void HashCache::counted() {
+    if (++pendingOperations_ >= operationsPerTransaction) commit();
 }
 
 void HashCache::commit() {
@@ -111,7 +113,7 @@ void HashCache::commit() {
         sqlite3_exec(db_, "ROLLBACK;", nullptr, nullptr, nullptr);
     }
     inTransaction_ = false;
-    pendingWrites_ = 0;
+    pendingOperations_ = 0;
 }
 
 void HashCache::flush() {
@@ -123,6 +125,8 @@ std::optional<std::string> HashCache::digest(Kind kind, const ScannedFile& file)
     std::lock_guard guard(lock_);
     auto volume = volumeOf(file.status.device, file.path);
     if (!volume) return std::nullopt;
+    begin();
+    counted();
     auto rows = query(std::string("SELECT size, mtime, mtime_ns, ctime, ctime_ns, ") + columnName(kind) +
                           " FROM hashes WHERE volume = ? AND inode = ?",
                       {*volume, static_cast<int64_t>(file.status.inode)});
@@ -147,8 +151,7 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
     }
     auto volume = volumeOf(file.status.device, file.path);
     if (!volume) return;
-    beginWrite();
-    if (!inTransaction_) return;
+    begin();
     const auto& s = file.status;
     auto inode = static_cast<int64_t>(s.inode);
     auto same = query(
@@ -167,16 +170,26 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
               {*volume, inode, file.path, s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
                s.changed.nanoseconds, digest});
     }
-    if (++pendingWrites_ >= writesPerTransaction) commit();
+    // A write refused because another process holds the database: leave the cache alone for a while
+    // rather than wait on every file.
+    if (sqlite3_get_autocommit(db_) && inTransaction_) {
+        inTransaction_ = false;
+        pendingOperations_ = 0;
+    }
+    if ((lastStep_ & 0xFF) == SQLITE_BUSY || (lastStep_ & 0xFF) == SQLITE_LOCKED) {
+        commit();
+        skipWrites_ = writesSkippedWhenLocked;
+        return;
+    }
+    counted();
 }
 
 void HashCache::prune(const std::vector<std::string>& roots, const std::vector<ScannedFile>& seen) {
     std::lock_guard guard(lock_);
-    std::unordered_set<std::string> keys;
-    keys.reserve(seen.size());
+    std::unordered_map<std::string, std::unordered_set<int64_t>> seenInodes;
     for (const auto& file : seen) {
         if (auto volume = volumeOf(file.status.device, file.path)) {
-            keys.insert(*volume + "/" + std::to_string(static_cast<int64_t>(file.status.inode)));
+            seenInodes[*volume].insert(static_cast<int64_t>(file.status.inode));
         }
     }
     if (roots.empty()) return;
@@ -194,13 +207,13 @@ void HashCache::prune(const std::vector<std::string>& roots, const std::vector<S
         std::string prefix = root.ends_with('/') ? root : root + "/";
         auto rows = query("SELECT inode FROM hashes WHERE volume = ? AND (path = ? OR substr(path, 1, ?) = ?)",
                           {*volume, root, static_cast<int64_t>(prefix.size()), prefix});
+        const auto& kept = seenInodes[*volume];
         for (const auto& row : rows) {
             auto* inode = row.empty() ? nullptr : std::get_if<int64_t>(&row[0]);
-            if (!inode || keys.contains(*volume + "/" + std::to_string(*inode))) continue;
-            beginWrite();
-            if (!inTransaction_) return;
+            if (!inode || kept.contains(*inode)) continue;
+            begin();
             query("DELETE FROM hashes WHERE volume = ? AND inode = ?", {*volume, *inode});
-            if (++pendingWrites_ >= writesPerTransaction) commit();
+            counted();
         }
     }
     commit();

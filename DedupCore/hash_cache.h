@@ -4,8 +4,8 @@
 //
 // Owns one SQLite connection. Every public operation runs entirely under one lock, so the hashing
 // threads may share an instance. Only opening can fail; after that a broken, locked or full
-// database behaves like an empty one and never stops a scan. Writes are grouped into transactions
-// and committed every few hundred stores, by flush() and on destruction.
+// database behaves like an empty one and never stops a scan. Lookups and stores are grouped into
+// transactions committed every few hundred operations, by flush() and on destruction.
 #pragma once
 
 #include <cstdint>
@@ -59,7 +59,8 @@ public:
 private:
     std::vector<std::vector<Value>> query(const std::string& sql, const std::vector<Value>& parameters);
     std::optional<std::string> volumeOf(uint64_t device, const std::string& path);
-    void beginWrite();
+    void begin();
+    void counted();
     void commit();
 
     std::mutex lock_;
@@ -67,7 +68,8 @@ private:
     std::unordered_map<std::string, sqlite3_stmt*> statements_;
     std::unordered_map<uint64_t, std::optional<std::string>> volumes_;
     bool inTransaction_ = false;
-    int pendingWrites_ = 0;
+    int pendingOperations_ = 0;
+    int lastStep_ = 0;  // the result of the last statement's final step
     int skipWrites_ = 0;  // stores left out after the database refused a write lock
 };
 

@@ -63,12 +63,23 @@ std::vector<std::optional<std::string>> Hasher::digests(const std::vector<Scanne
                                                         Locked<int64_t>& bytesRead,
                                                         const std::function<void(const std::string&)>& reading,
                                                         const std::function<bool()>& isCancelled, int workers) {
+    std::vector<const ScannedFile*> pointers;
+    pointers.reserve(files.size());
+    for (const auto& file : files) pointers.push_back(&file);
+    return digests(pointers, limit, rotational, cache, bytesRead, reading, isCancelled, workers);
+}
+
+std::vector<std::optional<std::string>> Hasher::digests(const std::vector<const ScannedFile*>& files, int64_t limit,
+                                                        bool rotational, HashCache* cache,
+                                                        Locked<int64_t>& bytesRead,
+                                                        const std::function<void(const std::string&)>& reading,
+                                                        const std::function<bool()>& isCancelled, int workers) {
     // Each index is written by exactly one worker, and the vector is not resized while they run,
     // so the entries need no lock of their own.
     std::vector<std::optional<std::string>> result(files.size());
     auto work = [&](size_t i) {
         if (isCancelled && isCancelled()) return;
-        const ScannedFile& file = files[i];
+        const ScannedFile& file = *files[i];
         bool full = limit >= file.status.size;
         auto kind = full ? HashCache::Kind::full : HashCache::Kind::partial;
         if (cache) {

@@ -41,6 +41,11 @@ std::vector<std::optional<std::string>> digests(const std::vector<ScannedFile>& 
                                                 bool rotational, HashCache* cache, Locked<int64_t>& bytesRead,
                                                 const std::function<void(const std::string&)>& reading,
                                                 const std::function<bool()>& isCancelled, int workers = 0);
+// The same for files held elsewhere, so a caller need not copy them.
+std::vector<std::optional<std::string>> digests(const std::vector<const ScannedFile*>& files, int64_t limit,
+                                                bool rotational, HashCache* cache, Locked<int64_t>& bytesRead,
+                                                const std::function<void(const std::string&)>& reading,
+                                                const std::function<bool()>& isCancelled, int workers = 0);
 }  // namespace Hasher
 
 // Compares two files chunk by chunk. Throws SystemError when one cannot be opened or read.
