@@ -133,9 +133,11 @@ private:
             return blocks;
         }
         int64_t shared = 0;
+        bool inlineData = false;
         if (extents) {
             for (const auto& extent : *extents) {
                 if (extent.shared) shared += static_cast<int64_t>(extent.length);
+                inlineData = inlineData || extent.inlineData;
             }
         }
         // Extent lengths are whole blocks, as is the allocation; XFS may also hold blocks past the
@@ -143,15 +145,20 @@ private:
         shared = std::min(shared, allocated);
         blocks.own = allocated - shared;
         blocks.unknown = shared;
-        if (shared == 0 || !owners_) return blocks;
-        std::optional<std::vector<platform::ExtentOwners::Extent>> resolved;
+        if (!owners_ || (shared == 0 && !inlineData)) return blocks;
+        std::optional<platform::ExtentOwners::Blocks> resolved;
         try {
-            resolved = owners_->extentsOf(path);
+            resolved = owners_->blocksOf(path);
         } catch (const SystemError&) {
         }
         if (!resolved) return blocks;
+        if (resolved->inlineMaybeShared) {
+            blocks.own = 0;
+            blocks.unknown = allocated;
+            return blocks;
+        }
         int64_t sharedFileBytes = 0;
-        for (const auto& extent : *resolved) {
+        for (const auto& extent : resolved->extents) {
             // An extent only this file uses is its own, even where the extent map says "shared"
             // (a range cloned within the file).
             if (extent.holders < 2) continue;

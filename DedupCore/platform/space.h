@@ -16,7 +16,8 @@ struct FileExtent {
     uint64_t logical = 0;   // offset in the file
     uint64_t physical = 0;  // address on the volume
     uint64_t length = 0;
-    bool shared = false;  // the file system says another file (or snapshot) also uses these blocks
+    bool shared = false;      // the file system says another file (or snapshot) also uses these blocks
+    bool inlineData = false;  // kept inside the metadata, where only a snapshot can share it
 };
 
 // The extent map of a file, read after its pending writes reached the disk. Absent where the file
@@ -46,16 +47,24 @@ public:
     ExtentOwners(const ExtentOwners&) = delete;
     ExtentOwners& operator=(const ExtentOwners&) = delete;
 
-    // The data extents of one file (inline data and holes left out, which no other file can hold).
+    struct Blocks {
+        std::vector<Extent> extents;  // data extents; holes are left out
+        // Inline data in a metadata leaf written before the subvolume's last snapshot: the snapshot
+        // may still share that leaf, and no back reference says whether it does.
+        bool inlineMaybeShared = false;
+    };
+
     // Absent when any extent cannot be resolved; the caller then knows nothing of its sharing.
-    std::optional<std::vector<Extent>> extentsOf(const std::string& path);
+    std::optional<Blocks> blocksOf(const std::string& path);
 
 private:
     explicit ExtentOwners(int fd) : fd_(fd) {}
     std::optional<uint32_t> holdersOf(uint64_t address, int fileFd);
+    std::optional<uint64_t> lastSnapshotOf(int fileFd);
 
     int fd_;
     std::unordered_map<uint64_t, uint32_t> holders_;
+    std::unordered_map<uint64_t, uint64_t> lastSnapshots_;  // by subvolume
     std::vector<uint64_t> buffer_;
 };
 

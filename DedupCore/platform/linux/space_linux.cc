@@ -50,9 +50,10 @@ std::optional<std::vector<FileExtent>> readExtents(const std::string& path) {
         if (map->fm_mapped_extents == 0) break;
         for (unsigned i = 0; i < map->fm_mapped_extents; ++i) {
             const auto& e = map->fm_extents[i];
-            // Inline data lives in the metadata and is never shared.
-            bool shared = (e.fe_flags & FIEMAP_EXTENT_SHARED) && !(e.fe_flags & FIEMAP_EXTENT_DATA_INLINE);
-            extents.push_back({e.fe_logical, e.fe_physical, e.fe_length, shared});
+            // Inline data is copied by a clone, never shared; only a snapshot's leaf can hold it.
+            bool inlineData = e.fe_flags & FIEMAP_EXTENT_DATA_INLINE;
+            bool shared = (e.fe_flags & FIEMAP_EXTENT_SHARED) && !inlineData;
+            extents.push_back({e.fe_logical, e.fe_physical, e.fe_length, shared, inlineData});
             start = e.fe_logical + e.fe_length;
             if (e.fe_flags & FIEMAP_EXTENT_LAST) last = true;
         }
@@ -127,15 +128,38 @@ std::optional<uint32_t> ExtentOwners::holdersOf(uint64_t address, int fileFd) {
     }
 }
 
-std::optional<std::vector<ExtentOwners::Extent>> ExtentOwners::extentsOf(const std::string& path) {
+std::optional<uint64_t> ExtentOwners::lastSnapshotOf(int fileFd) {
+    struct btrfs_ioctl_ino_lookup_args lookup {};
+    lookup.objectid = BTRFS_FIRST_FREE_OBJECTID;  // tree 0 and the root folder: the descriptor's subvolume
+    if (::ioctl(fileFd, BTRFS_IOC_INO_LOOKUP, &lookup) != 0) return std::nullopt;
+    if (auto known = lastSnapshots_.find(lookup.treeid); known != lastSnapshots_.end()) return known->second;
+    struct btrfs_ioctl_search_args search {};
+    search.key.tree_id = BTRFS_ROOT_TREE_OBJECTID;
+    search.key.min_objectid = search.key.max_objectid = lookup.treeid;
+    search.key.min_type = search.key.max_type = BTRFS_ROOT_ITEM_KEY;
+    search.key.max_offset = UINT64_MAX;
+    search.key.max_transid = UINT64_MAX;
+    search.key.nr_items = 1;
+    if (::ioctl(fileFd, BTRFS_IOC_TREE_SEARCH, &search) != 0 || search.key.nr_items == 0) return std::nullopt;
+    struct btrfs_ioctl_search_header header;
+    std::memcpy(&header, search.buf, sizeof header);
+    struct btrfs_root_item root {};
+    std::memcpy(&root, search.buf + sizeof header, std::min<size_t>(header.len, sizeof root));
+    uint64_t generation = le64toh(root.last_snapshot);
+    lastSnapshots_.emplace(lookup.treeid, generation);
+    return generation;
+}
+
+std::optional<ExtentOwners::Blocks> ExtentOwners::blocksOf(const std::string& path) {
     FileDescriptor file = openForReading(path);
     struct stat st {};
     if (::fstat(file.get(), &st) != 0 || !isBtrfs(file.get())) return std::nullopt;
+    Blocks blocks;
 
     // The file's extent items, read from its subvolume's tree (tree 0: the tree of the descriptor).
     std::vector<std::byte> search(sizeof(struct btrfs_ioctl_search_args_v2) + 64 * 1024);
     auto* args = reinterpret_cast<struct btrfs_ioctl_search_args_v2*>(search.data());
-    std::vector<Extent> extents;
+    std::vector<Extent>& extents = blocks.extents;
     std::unordered_map<uint64_t, size_t> indexOf;
     uint64_t nextOffset = 0;
     for (;;) {
@@ -158,7 +182,15 @@ std::optional<std::vector<ExtentOwners::Extent>> ExtentOwners::extentsOf(const s
             std::memcpy(&item, args->buf + at, std::min<size_t>(header.len, sizeof item));
             at += header.len;
             nextOffset = header.offset + 1;
-            if (item.type == BTRFS_FILE_EXTENT_INLINE || header.len < sizeof item) continue;
+            if (item.type == BTRFS_FILE_EXTENT_INLINE) {
+                // A leaf no newer than the last snapshot has not been copied since: the snapshot may
+                // still use it. The header's transid is the generation of the leaf.
+                auto lastSnapshot = lastSnapshotOf(file.get());
+                if (!lastSnapshot) return std::nullopt;
+                if (header.transid <= *lastSnapshot) blocks.inlineMaybeShared = true;
+                continue;
+            }
+            if (header.len < sizeof item) continue;
             uint64_t address = le64toh(item.disk_bytenr);
             if (address == 0) continue;  // a hole
             // A file may use one extent in several places (a clone of its own range).
@@ -173,7 +205,7 @@ std::optional<std::vector<ExtentOwners::Extent>> ExtentOwners::extentsOf(const s
         if (!holders) return std::nullopt;
         extent.holders = *holders;
     }
-    return extents;
+    return blocks;
 }
 
 namespace {
