@@ -92,8 +92,8 @@ SpaceHolders SpaceHolders::check(const std::string& path) {
         holders.snapshots = listed ? std::move(*listed) : snapperSnapshots(volume->mountPoint);
     }
     try {
-        // What the Trash takes on disk, not what emptying it would free: a reclaimed file in the
-        // Trash may share its blocks, and the question here is what the Trash holds on to.
+        // How much the Trash holds on to, not what emptying it would free: that needs no look-up
+        // of who else shares its blocks.
         TrueSize::Options options;
         options.resolveSharing = false;
         holders.trashBytes = TrueSize::measure(trashFolder(volume->mountPoint), options).allocated;

@@ -124,9 +124,11 @@ private:
 
     FileBlocks blocksOf(const std::string& path, int64_t allocated) {
         FileBlocks blocks;
+        platform::FileDescriptor file;
         std::optional<std::vector<platform::FileExtent>> extents;
         try {
-            extents = platform::readExtents(path);
+            file = platform::openForReading(path);
+            extents = platform::readExtents(file, path);
         } catch (const SystemError&) {
             // A file we may not open could share anything: none of it is known to be freed.
             blocks.unknown = allocated;
@@ -146,11 +148,7 @@ private:
         blocks.own = allocated - shared;
         blocks.unknown = shared;
         if (!owners_ || (shared == 0 && !inlineData)) return blocks;
-        std::optional<platform::ExtentOwners::Blocks> resolved;
-        try {
-            resolved = owners_->blocksOf(path);
-        } catch (const SystemError&) {
-        }
+        auto resolved = owners_->blocksOf(file);
         if (!resolved) return blocks;
         if (resolved->inlineMaybeShared) {
             blocks.own = 0;

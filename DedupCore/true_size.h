@@ -22,8 +22,6 @@
 
 namespace dedup {
 
-struct DirectoryEntry;
-
 struct FolderSize {
     std::string path;
     int64_t logical = 0;         // sum of the sizes of the regular files in the tree
@@ -62,13 +60,13 @@ struct Link {
     uint32_t references = 0;  // its link count
     int64_t bytes = 0;        // what the inode holds of its own
     int64_t found = 0;        // names found inside the tree
-    std::vector<uint64_t> families;
+    std::vector<uint64_t> families;  // the shared extents it uses, by address
 
     bool operator==(const Link&) const = default;
 };
 
-// The running account of one tree. Bytes a file holds alone go to `privateBytes`, also for
-// members of a family: what deleting a tree frees is the same either way.
+// The running account of one tree. Bytes a file holds alone go to `privateBytes` even when its
+// other blocks are shared: a family records only the blocks its users share.
 struct Tally {
     int64_t logical = 0;
     int64_t allocated = 0;
@@ -76,7 +74,7 @@ struct Tally {
     int64_t uncertain = 0;
     std::map<uint64_t, Family> families;  // by extent address
     std::map<uint64_t, Link> linked;      // by inode number
-    Sharing sharing = Sharing::unknown;
+    Sharing sharing = Sharing::unknown;  // the tallies of one measurement agree; merge() keeps this one's
 
     bool operator==(const Tally&) const = default;
 

@@ -20,9 +20,10 @@ repo="$(dirname "$here")"
 
 usage() {
   cat <<EOF
-usage: bench/compare.sh [--scale N] [--dir DIR] [--tools "LIST"] [--threads N] [--reflink]
+usage: bench/compare.sh [--scale N] [--dir DIR] [--volume xfs|btrfs|none] [--tools "LIST"] [--threads N] [--reflink]
   --scale N      size of the generated tree; 1 is ~60,000 files and ~2.7 GB (default 1)
   --dir DIR      where the tree and the results go; not on tmpfs (default /var/tmp/dedup-bench)
+  --volume KIND  make the tree on a loop-mounted xfs or btrfs image in DIR, or none (default xfs)
   --tools LIST   which tools to run, out of: $all_tools (default: all)
   --threads N    passed to dedup as --threads N
   --reflink      generate the tree with block-sharing clones where the file system allows it
@@ -35,6 +36,9 @@ say() { echo "compare.sh: $*" >&2; }
 
 scale=1
 dir=/var/tmp/dedup-bench
+volume=xfs
+volume_size=12G
+unmount_at_exit=""
 tools="$all_tools"
 threads=""
 reflink=0
@@ -43,6 +47,8 @@ while [ $# -gt 0 ]; do
     --scale) [ $# -ge 2 ] || die "--scale needs a value"; scale="$2"; shift 2 ;;
     --scale=*) scale="${1#*=}"; shift ;;
     --dir) [ $# -ge 2 ] || die "--dir needs a value"; dir="$2"; shift 2 ;;
+    --volume) [ $# -ge 2 ] || die "--volume needs xfs, btrfs or none"; volume="$2"; shift 2 ;;
+    --volume=*) volume="${1#*=}"; shift ;;
     --dir=*) dir="${1#*=}"; shift ;;
     --tools) [ $# -ge 2 ] || die "--tools needs a value"; tools="$2"; shift 2 ;;
     --tools=*) tools="${1#*=}"; shift ;;
@@ -112,6 +118,28 @@ case "$(stat -f -c %T "$existing")" in
 esac
 mkdir -p "$dir"
 dir="$(cd "$dir" && pwd -P)"
+
+# The tree lives on a loop-mounted volume of a file system that can share blocks, as our users'
+# do: there every volume has an identifier, so the digest cache works (the root file system of a
+# virtual machine may have none), and the image keeps the tree between runs.
+if [ "$volume" != none ]; then
+  [ "$(id -u)" -eq 0 ] || die "--volume $volume needs root to loop-mount an image (or use --volume none)"
+  image="$dir/$volume.img"
+  mount_point="$dir/$volume"
+  mkdir -p "$mount_point"
+  if ! mountpoint -q "$mount_point"; then
+    if [ ! -f "$image" ]; then
+      truncate -s "$volume_size" "$image"
+      case "$volume" in
+        xfs) mkfs.xfs -q -f -m reflink=1 "$image" ;;
+        btrfs) mkfs.btrfs -q -f "$image" ;;
+      esac
+    fi
+    mount -o loop "$image" "$mount_point"
+    unmount_at_exit="$mount_point"
+  fi
+  dir="$mount_point"
+fi
 # For the report only; stat calls ext4 "ext2/ext3". The last line is the mount on top.
 fs_type="$(findmnt -n -o FSTYPE -T "$dir" 2>/dev/null | tail -n 1)"
 [ -n "$fs_type" ] || fs_type="$(stat -f -c %T "$dir")"
@@ -155,7 +183,10 @@ fi
 # Beside the tree, on the same disk, so dedup's digest database is written where a user's would be.
 
 work="$(mktemp -d "$dir/run.XXXXXX")"
-cleanup() { rm -rf -- "$work"; }
+cleanup() {
+  rm -rf -- "$work"
+  if [ -n "${unmount_at_exit:-}" ]; then umount "$unmount_at_exit" 2>/dev/null || umount -l "$unmount_at_exit"; fi
+}
 trap cleanup EXIT
 trap 'exit 130' INT TERM
 

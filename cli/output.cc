@@ -13,6 +13,21 @@ std::string jsonText(const nlohmann::json& value) {
     return value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+void writeScanJson(std::ostream& out, const ScanResult& result) {
+    auto text = [](const nlohmann::json& value) {
+        return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    };
+    // Keys in sorted order, as every JSON this system writes.
+    out << "{\"bytesRead\":" << result.bytesRead << ",\"cancelled\":" << (result.cancelled ? "true" : "false")
+        << ",\"filesSeen\":" << result.filesSeen << ",\"groups\":[";
+    for (size_t i = 0; i < result.groups.size(); ++i) {
+        if (i > 0) out << ",";
+        out << "\n" << text(result.groups[i]);
+    }
+    out << "],\"leftovers\":" << text(result.leftovers) << ",\"unreadableFolders\":" << text(result.unreadableFolders)
+        << "}\n";
+}
+
 std::string groupedNumber(int64_t n) {
     std::string digits = std::to_string(n < 0 ? -n : n);
     std::string out;

@@ -19,4 +19,8 @@ std::string groupedNumber(int64_t n);
 
 void printScanText(std::ostream& out, const ScanResult& result);
 
+// The ScanResult's JSON, written one group at a time: building the whole document first would
+// take more memory than the scan itself.
+void writeScanJson(std::ostream& out, const ScanResult& result);
+
 }  // namespace dedup::cli

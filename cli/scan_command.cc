@@ -154,7 +154,7 @@ int scanAndReport(const ScanArguments& arguments, std::ostream& out, const Repor
     progress.clear();
 
     if (arguments.json) {
-        out << jsonText(result) << "\n";
+        writeScanJson(out, result);
     } else {
         printScanText(out, result);
     }

@@ -1,4 +1,5 @@
 // true-size, holders and show: where the space of a disk really is once files share blocks.
+#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -52,23 +53,21 @@ void printTree(std::ostream& out, const FolderSize& folder, int level, int depth
     for (const auto& child : folder.children) printTree(out, child, level + 1, depth, withUncertain);
 }
 
-nlohmann::json treeJson(const FolderSize& folder, int depth) {
-    nlohmann::json j = folder;
-    j["children"] = nlohmann::json::array();
+FolderSize trimmed(const FolderSize& folder, int depth) {
+    FolderSize top{folder.path, folder.logical, folder.allocated, folder.freedIfDeleted, folder.uncertain, {}};
     if (depth > 0) {
-        for (const auto& child : folder.children) j["children"].push_back(treeJson(child, depth - 1));
+        for (const auto& child : folder.children) top.children.push_back(trimmed(child, depth - 1));
     }
-    return j;
+    return top;
 }
 
 std::string sharingSentence(TrueSize::Sharing sharing, int64_t uncertain) {
     if (sharing == TrueSize::Sharing::resolved) {
-        return "Shared blocks: Btrfs named every file using them; they count as freed only where all of those "
-               "files lie inside the folder.";
+        return "Shared blocks: Btrfs named every file using them; freed only where all of those lie inside.";
     }
     if (uncertain == 0) return "Shared blocks: none.";
-    return fmt::format("Shared blocks: which other files use them cannot be known here (that needs root on Btrfs), "
-                       "so {} counts as uncertain, not as freed.",
+    return fmt::format("Shared blocks: {} uncertain, not freed: who else uses them cannot be known here "
+                       "(that needs root on Btrfs).",
                        formatBytes(uncertain));
 }
 
@@ -92,7 +91,7 @@ int runTrueSize(const TrueSizeArguments& arguments, std::ostream& out) {
     progress.clear();
     const auto& [size, tally] = measured;
     if (arguments.json) {
-        nlohmann::json j = treeJson(size, arguments.depth);
+        nlohmann::json j = trimmed(size, arguments.depth);
         j["sharing"] = TrueSize::toString(tally.sharing);
         out << jsonText(j) << "\n";
         return success;

@@ -9,6 +9,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "file_io.h"
+
 namespace dedup::platform {
 
 // One extent of a file as FIEMAP reports it.
@@ -20,16 +22,16 @@ struct FileExtent {
     bool inlineData = false;  // kept inside the metadata, where only a snapshot can share it
 };
 
-// The extent map of a file, read after its pending writes reached the disk. Absent where the file
-// system keeps none (tmpfs) or the file has no extents. Throws SystemError("open"/"fiemap", path,
-// errno) when the file cannot be opened or the call fails for another reason.
-std::optional<std::vector<FileExtent>> readExtents(const std::string& path);
+// The extent map of the file open on `file` (see openForReading), read after its pending writes
+// reached the disk. Absent where the file system keeps none (tmpfs) or the file has no extents.
+// Throws SystemError("fiemap", path, errno) when the call fails for another reason.
+std::optional<std::vector<FileExtent>> readExtents(const FileDescriptor& file, const std::string& path);
 
 // Answers, for the files of one Btrfs file system, which other files use the same data extents.
 // Needs CAP_SYS_ADMIN: the kernel lets nobody else walk the back references of an extent.
 //
-// Owns a descriptor on the file system and a memo of the extents it has asked about, so clones
-// that share an extent ask once. One thread at a time.
+// Owns a memo of the extents it has asked about, so clones that share an extent ask once, and the
+// buffers of its calls. One thread at a time.
 class ExtentOwners {
 public:
     // A data extent a file uses and how many files use it.
@@ -43,9 +45,6 @@ public:
     // Absent when `path` is not on Btrfs or this process may not ask. Commits the file system's
     // pending changes first, because the back references of fresh writes are only searchable then.
     static std::unique_ptr<ExtentOwners> open(const std::string& path);
-    ~ExtentOwners();
-    ExtentOwners(const ExtentOwners&) = delete;
-    ExtentOwners& operator=(const ExtentOwners&) = delete;
 
     struct Blocks {
         std::vector<Extent> extents;  // data extents; holes are left out
@@ -55,17 +54,18 @@ public:
     };
 
     // Absent when any extent cannot be resolved; the caller then knows nothing of its sharing.
-    std::optional<Blocks> blocksOf(const std::string& path);
+    std::optional<Blocks> blocksOf(const FileDescriptor& file);
 
 private:
-    explicit ExtentOwners(int fd) : fd_(fd) {}
+    ExtentOwners();
     std::optional<uint32_t> holdersOf(uint64_t address, int fileFd);
     std::optional<uint64_t> lastSnapshotOf(int fileFd);
 
-    int fd_;
+    bool snapshotsExist_ = true;  // without any, no metadata leaf is shared
     std::unordered_map<uint64_t, uint32_t> holders_;
     std::unordered_map<uint64_t, uint64_t> lastSnapshots_;  // by subvolume
-    std::vector<uint64_t> buffer_;
+    std::vector<uint64_t> answer_;  // of LOGICAL_INO_V2; grows for extents with many users
+    std::vector<std::byte> search_;  // of TREE_SEARCH_V2
 };
 
 // The snapshots of the Btrfs file system mounted at `mountPoint`, in the order the file system

@@ -111,6 +111,7 @@ TEST_F(SpaceCommandsTest, HoldersSayWhatWaitsInTheTrash) {
     struct statfs fs {};
     ASSERT_EQ(::statfs(tree_.path().c_str(), &fs), 0);
     if (fs.f_type == BTRFS_SUPER_MAGIC) GTEST_SKIP() << "this disk may have snapshots of its own";
+    std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";
     ::setenv("HOME", tree_.path().c_str(), 1);
     ::setenv("XDG_DATA_HOME", data_.path().c_str(), 1);
     auto none = dedup({"holders", tree_.path()});
@@ -124,6 +125,8 @@ TEST_F(SpaceCommandsTest, HoldersSayWhatWaitsInTheTrash) {
                                    formatBytes(allocatedOf(data_.path("Trash/files/old.jpg"))) +
                                    " waits in the Trash.\n");
     EXPECT_EQ(dedup({"holders", tree_.path("nowhere")}).exitCode, 1);
+    ::setenv("HOME", home.c_str(), 1);
+    ::unsetenv("XDG_DATA_HOME");
 }
 
 }  // namespace

@@ -29,8 +29,7 @@
 
 namespace dedup::platform {
 
-std::optional<std::vector<FileExtent>> readExtents(const std::string& path) {
-    FileDescriptor fd = openForReading(path);
+std::optional<std::vector<FileExtent>> readExtents(const FileDescriptor& fd, const std::string& path) {
     constexpr unsigned batch = 128;
     std::vector<std::byte> buffer(sizeof(struct fiemap) + batch * sizeof(struct fiemap_extent));
     auto* map = reinterpret_cast<struct fiemap*>(buffer.data());
@@ -72,6 +71,32 @@ bool isBtrfs(int fd) {
     return ::fstatfs(fd, &fs) == 0 && fs.f_type == BTRFS_SUPER_MAGIC;
 }
 
+// Frees what libbtrfsutil hands out.
+struct SubvolumeIterator {
+    btrfs_util_subvolume_iterator* iterator = nullptr;
+    ~SubvolumeIterator() {
+        if (iterator) btrfs_util_destroy_subvolume_iterator(iterator);
+    }
+};
+
+bool isSnapshot(const struct btrfs_util_subvolume_info& info) {
+    return std::any_of(std::begin(info.parent_uuid), std::end(info.parent_uuid), [](uint8_t b) { return b != 0; });
+}
+
+// Whether any subvolume of the file system began as a snapshot; true when that cannot be told.
+bool anySnapshot(int fd) {
+    SubvolumeIterator it;
+    if (btrfs_util_create_subvolume_iterator_fd(fd, BTRFS_FS_TREE_OBJECTID, 0, &it.iterator) != BTRFS_UTIL_OK) {
+        return true;
+    }
+    for (;;) {
+        struct btrfs_util_subvolume_info info {};
+        auto error = btrfs_util_subvolume_iterator_next_info(it.iterator, nullptr, &info);
+        if (error == BTRFS_UTIL_ERROR_STOP_ITERATION) return false;
+        if (error != BTRFS_UTIL_OK || isSnapshot(info)) return true;
+    }
+}
+
 int askLogicalIno(int fd, uint64_t address, std::vector<uint64_t>& buffer) {
     struct btrfs_ioctl_logical_ino_args args {};
     args.logical = address;
@@ -94,23 +119,23 @@ std::unique_ptr<ExtentOwners> ExtentOwners::open(const std::string& path) {
     if (!isBtrfs(fd)) return nullptr;
     // Address 0 never holds data: a permitted caller hears "not found", anyone else "not permitted",
     // and a kernel without the call "not a known request".
-    std::vector<uint64_t> probe(smallestAnswer);
-    int code = askLogicalIno(fd, 0, probe);
+    auto owners = std::unique_ptr<ExtentOwners>(new ExtentOwners());
+    int code = askLogicalIno(fd, 0, owners->answer_);
     if (code == EPERM || code == EACCES || code == ENOTTY || code == EOPNOTSUPP) return nullptr;
     // Extents written since the last commit have no searchable back references yet.
     ::syncfs(fd);
-    auto owners = std::unique_ptr<ExtentOwners>(new ExtentOwners(owned.release()));
-    owners->buffer_.resize(smallestAnswer);
+    owners->snapshotsExist_ = anySnapshot(fd);
     return owners;
 }
 
-ExtentOwners::~ExtentOwners() { ::close(fd_); }
+ExtentOwners::ExtentOwners()
+    : answer_(smallestAnswer), search_(sizeof(struct btrfs_ioctl_search_args_v2) + 64 * 1024) {}
 
 std::optional<uint32_t> ExtentOwners::holdersOf(uint64_t address, int fileFd) {
     if (auto known = holders_.find(address); known != holders_.end()) return known->second;
     for (;;) {
-        if (askLogicalIno(fileFd, address, buffer_) != 0) return std::nullopt;
-        auto* answer = reinterpret_cast<struct btrfs_data_container*>(buffer_.data());
+        if (askLogicalIno(fileFd, address, answer_) != 0) return std::nullopt;
+        auto* answer = reinterpret_cast<struct btrfs_data_container*>(answer_.data());
         if (answer->elem_missed == 0) {
             // Triples of (inode, offset in the file, subvolume); a file using the extent at
             // several offsets is still one holder.
@@ -123,8 +148,8 @@ std::optional<uint32_t> ExtentOwners::holdersOf(uint64_t address, int fileFd) {
             holders_.emplace(address, count);
             return count;
         }
-        if (buffer_.size() >= largestAnswer) return std::nullopt;
-        buffer_.resize(std::min(largestAnswer, buffer_.size() * 4));
+        if (answer_.size() >= largestAnswer) return std::nullopt;
+        answer_.resize(std::min(largestAnswer, answer_.size() * 4));
     }
 }
 
@@ -150,15 +175,13 @@ std::optional<uint64_t> ExtentOwners::lastSnapshotOf(int fileFd) {
     return generation;
 }
 
-std::optional<ExtentOwners::Blocks> ExtentOwners::blocksOf(const std::string& path) {
-    FileDescriptor file = openForReading(path);
+std::optional<ExtentOwners::Blocks> ExtentOwners::blocksOf(const FileDescriptor& file) {
     struct stat st {};
-    if (::fstat(file.get(), &st) != 0 || !isBtrfs(file.get())) return std::nullopt;
+    if (::fstat(file.get(), &st) != 0) return std::nullopt;
     Blocks blocks;
 
     // The file's extent items, read from its subvolume's tree (tree 0: the tree of the descriptor).
-    std::vector<std::byte> search(sizeof(struct btrfs_ioctl_search_args_v2) + 64 * 1024);
-    auto* args = reinterpret_cast<struct btrfs_ioctl_search_args_v2*>(search.data());
+    auto* args = reinterpret_cast<struct btrfs_ioctl_search_args_v2*>(search_.data());
     std::vector<Extent>& extents = blocks.extents;
     std::unordered_map<uint64_t, size_t> indexOf;
     uint64_t nextOffset = 0;
@@ -170,7 +193,7 @@ std::optional<ExtentOwners::Blocks> ExtentOwners::blocksOf(const std::string& pa
         args->key.max_offset = UINT64_MAX;
         args->key.max_transid = UINT64_MAX;
         args->key.nr_items = UINT32_MAX;
-        args->buf_size = search.size() - sizeof *args;
+        args->buf_size = search_.size() - sizeof *args;
         if (::ioctl(file.get(), BTRFS_IOC_TREE_SEARCH_V2, args) != 0) return std::nullopt;
         if (args->key.nr_items == 0) break;
         size_t at = 0;
@@ -183,8 +206,9 @@ std::optional<ExtentOwners::Blocks> ExtentOwners::blocksOf(const std::string& pa
             at += header.len;
             nextOffset = header.offset + 1;
             if (item.type == BTRFS_FILE_EXTENT_INLINE) {
-                // A leaf no newer than the last snapshot has not been copied since: the snapshot may
-                // still use it. The header's transid is the generation of the leaf.
+                // A leaf no newer than the subvolume's last snapshot has not been copied since: a
+                // snapshot may still use it. The header's transid is the generation of the leaf.
+                if (!snapshotsExist_) continue;
                 auto lastSnapshot = lastSnapshotOf(file.get());
                 if (!lastSnapshot) return std::nullopt;
                 if (header.transid <= *lastSnapshot) blocks.inlineMaybeShared = true;
@@ -210,20 +234,8 @@ std::optional<ExtentOwners::Blocks> ExtentOwners::blocksOf(const std::string& pa
 
 namespace {
 
-// Frees what libbtrfsutil hands out.
-struct SubvolumeIterator {
-    btrfs_util_subvolume_iterator* iterator = nullptr;
-    ~SubvolumeIterator() {
-        if (iterator) btrfs_util_destroy_subvolume_iterator(iterator);
-    }
-};
-
 std::string joined(const std::string& folder, const std::string& relative) {
     return folder == "/" ? "/" + relative : folder + "/" + relative;
-}
-
-bool isSnapshot(const struct btrfs_util_subvolume_info& info) {
-    return std::any_of(std::begin(info.parent_uuid), std::end(info.parent_uuid), [](uint8_t b) { return b != 0; });
 }
 
 // Lists the snapshots below subvolume `top` (0: the mounted one), turning each path with `place`.
