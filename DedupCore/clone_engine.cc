@@ -6,6 +6,7 @@
 #include "hasher.h"
 #include "journal.h"
 #include "metadata.h"
+#include "path_names.h"
 #include "platform/clone.h"
 #include "platform/system.h"
 #include "replaceability.h"
@@ -14,14 +15,6 @@
 namespace dedup {
 
 namespace {
-
-std::string parentOf(const std::string& path) {
-    auto slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
-std::string nameOf(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
 
 std::string joined(const std::vector<std::string>& names) {
     std::string text;

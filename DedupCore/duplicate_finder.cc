@@ -10,6 +10,7 @@
 #include "hash_cache.h"
 #include "hasher.h"
 #include "parallel.h"
+#include "path_names.h"
 #include "platform/system.h"
 #include "reclaim_plan.h"
 #include "walk.h"
@@ -38,12 +39,6 @@ struct Candidate {
     Bucket* bucket;
     std::vector<size_t> units;
 };
-
-std::string parentOf(const std::string& path) {
-    auto slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
 
 class Grouper {
 public:

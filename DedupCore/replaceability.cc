@@ -4,17 +4,13 @@
 #include <array>
 #include <cctype>
 
+#include "path_names.h"
 #include "platform/file_io.h"
 #include "platform/system.h"
 
 namespace dedup {
 
 namespace {
-std::string parentOf(const std::string& path) {
-    auto slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
 constexpr int readAccess = 4;
 }  // namespace
 

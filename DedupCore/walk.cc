@@ -6,6 +6,7 @@
 #include <string_view>
 #include <sys/stat.h>
 
+#include "path_names.h"
 #include "platform/system.h"
 #include "temporary_name.h"
 
@@ -19,13 +20,6 @@ std::string childPath(const std::string& folder, const std::string& name) {
     path.reserve(folder.size() + 1 + name.size());
     path.append(folder).append("/").append(name);
     return path;
-}
-
-std::string parentOf(const std::string& path) {
-    auto slash = path.find_last_of('/');
-    if (slash == std::string::npos) return "";
-    if (slash == 0) return "/";
-    return path.substr(0, slash);
 }
 
 // The extension as file managers show it: what follows the last dot, unless that dot starts the

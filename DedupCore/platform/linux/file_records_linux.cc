@@ -12,6 +12,7 @@
 #include "../../file_records.h"
 #include "../clone.h"
 #include "../file_io.h"
+#include "../space.h"
 #include "statx_util.h"
 
 namespace dedup {
@@ -67,40 +68,14 @@ std::optional<CloneInfo> CloneInfo::read(const std::string& path) {
 namespace dedup::platform {
 
 std::optional<CloneInfo> cloneInfoOf(const FileDescriptor& fd, const std::string& path) {
-
-    constexpr unsigned batch = 128;
-    std::vector<std::byte> buffer(sizeof(struct fiemap) + batch * sizeof(struct fiemap_extent));
-    auto* map = reinterpret_cast<struct fiemap*>(buffer.data());
-
+    auto extents = readExtents(fd, path);
+    if (!extents) return std::nullopt;
     CloneInfo info;
     uint64_t hash = 0x5EED0F0CA7ull;
-    uint64_t extents = 0;
-    uint64_t start = 0;
-    bool last = false;
-    while (!last) {
-        std::fill(buffer.begin(), buffer.end(), std::byte{0});
-        map->fm_start = start;
-        map->fm_length = FIEMAP_MAX_OFFSET - start;
-        // Without the sync flag a recent overwrite still shows the old sharing.
-        map->fm_flags = FIEMAP_FLAG_SYNC;
-        map->fm_extent_count = batch;
-        if (::ioctl(fd.get(), FS_IOC_FIEMAP, map) != 0) {
-            if (errno == EOPNOTSUPP || errno == ENOTTY || errno == EINVAL) return std::nullopt;
-            throw SystemError("fiemap", path, errno);
-        }
-        if (map->fm_mapped_extents == 0) break;
-        for (unsigned i = 0; i < map->fm_mapped_extents; ++i) {
-            const auto& e = map->fm_extents[i];
-            // Inline data lives in the metadata and is never shared.
-            bool shared = (e.fe_flags & FIEMAP_EXTENT_SHARED) && !(e.fe_flags & FIEMAP_EXTENT_DATA_INLINE);
-            if (!shared) info.privateSize += static_cast<int64_t>(e.fe_length);
-            hash = mix(mix(hash, e.fe_physical), e.fe_length);
-            ++extents;
-            start = e.fe_logical + e.fe_length;
-            if (e.fe_flags & FIEMAP_EXTENT_LAST) last = true;
-        }
+    for (const auto& e : *extents) {
+        if (!e.shared) info.privateSize += static_cast<int64_t>(e.length);
+        hash = mix(mix(hash, e.physical), e.length);
     }
-    if (extents == 0) return std::nullopt;
     // Extents end on block boundaries; what a file holds of its own is never more than its size.
     struct stat st {};
     if (::fstat(fd.get(), &st) == 0) info.privateSize = std::min<int64_t>(info.privateSize, st.st_size);
@@ -108,4 +83,4 @@ std::optional<CloneInfo> cloneInfoOf(const FileDescriptor& fd, const std::string
     return info;
 }
 
-}  // namespace dedup
+}  // namespace dedup::platform
