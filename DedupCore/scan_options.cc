@@ -78,10 +78,18 @@ Profile::Profile(Kind kind_, const std::string& home, const std::vector<std::str
 
 std::vector<std::string> Profile::externalCloneVolumes() {
     static const std::set<std::string> cloning = {"btrfs", "xfs", "bcachefs", "ocfs2", "zfs"};
+    auto mounts = platform::mounts();
+    // Other subvolumes of the root file system (a Btrfs /home, say) are the system disk too.
+    std::string rootSource;
+    for (const auto& mount : mounts) {
+        if (mount.mountPoint == "/") rootSource = mount.source;
+    }
     std::vector<std::string> result;
-    for (const auto& mount : platform::mounts()) {
+    std::set<std::pair<std::string, uint64_t>> seen;  // a volume mounted twice is offered once
+    for (const auto& mount : mounts) {
         if (mount.mountPoint == "/" || mount.readOnly || !cloning.contains(mount.fileSystem)) continue;
-        if (!mount.source.starts_with("/dev/")) continue;  // local disks only
+        if (!mount.source.starts_with("/dev/") || mount.source == rootSource) continue;  // local disks only
+        if (!seen.insert({mount.source, mount.device}).second) continue;
         result.push_back(mount.mountPoint);
     }
     return result;
@@ -139,6 +147,7 @@ std::string cache() {
 
 std::string journal() { return data() + "/journal.jsonl"; }
 std::string selection() { return data() + "/selection.json"; }
+std::string backupDisks() { return data() + "/backup-disks.json"; }
 std::string sources() { return data() + "/sources.json"; }
 std::string hashes() { return cache() + "/hashes.sqlite"; }
 

@@ -78,6 +78,7 @@ std::string data();   // $XDG_DATA_HOME/VELMORA.dedup
 std::string cache();  // $XDG_CACHE_HOME/VELMORA.dedup
 std::string journal();
 std::string selection();
+std::string backupDisks();
 std::string sources();
 std::string hashes();
 }  // namespace Locations

@@ -18,5 +18,6 @@ using Commands = std::vector<Command>;
 void addScanCommands(CLI::App& app, Commands& commands);   // scan
 void addSpaceCommands(CLI::App& app, Commands& commands);  // true-size, holders, show
 void addReclaimCommands(CLI::App& app, Commands& commands);  // reclaim, journal, exclude, include, exclusions
+void addAutoCommands(CLI::App& app, Commands& commands);     // auto, backup-disk
 
 }  // namespace dedup::cli

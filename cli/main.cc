@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
     addScanCommands(app, commands);
     addReclaimCommands(app, commands);
     addSpaceCommands(app, commands);
+    addAutoCommands(app, commands);
 
     try {
         app.parse(argc, argv);

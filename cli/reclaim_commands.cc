@@ -14,23 +14,13 @@
 #include "output.h"
 #include "platform/process.h"
 #include "progress_line.h"
+#include "reclaim_commands.h"
 #include "reclaimer.h"
 #include "scan_command.h"
 
 namespace dedup::cli {
 
-namespace {
-
 namespace fs = std::filesystem;
-
-struct ReclaimArguments {
-    ScanArguments scan;
-    bool dryRun = false;
-    std::string strategy = "auto";
-    bool trash = false;
-    bool noFolderDates = false;
-    bool coordinate = false;
-};
 
 std::unique_ptr<Journal> openJournal() {
     try {
@@ -51,11 +41,6 @@ Selection loadSelection() {
     }
 }
 
-std::string plural(int64_t n, const char* one, const char* many) {
-    return groupedNumber(n) + " " + (n == 1 ? one : many);
-}
-
-// Announces and puts right what an interrupted run left; returns how many there were.
 size_t recoverInterrupted(Journal& journal, std::ostream& out) {
     auto interrupted = journal.interrupted();
     if (interrupted.empty()) return 0;
@@ -63,6 +48,21 @@ size_t recoverInterrupted(Journal& journal, std::ostream& out) {
     journal.recoverInterrupted(
         [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); });
     return interrupted.size();
+}
+
+namespace {
+
+struct ReclaimArguments {
+    ScanArguments scan;
+    bool dryRun = false;
+    std::string strategy = "auto";
+    bool trash = false;
+    bool noFolderDates = false;
+    bool coordinate = false;
+};
+
+std::string plural(int64_t n, const char* one, const char* many) {
+    return groupedNumber(n) + " " + (n == 1 ? one : many);
 }
 
 void printSummary(std::ostream& out, const ReclaimSummary& summary) {

@@ -1,6 +1,9 @@
 #include "../process.h"
 
+#include <pthread.h>
+#include <sched.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -31,6 +34,38 @@ void installInterruptHandlers() {
 }
 
 bool interrupted() { return interruptFlag.load(); }
+
+namespace {
+sigset_t terminationSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    return set;
+}
+}  // namespace
+
+void blockTerminationSignals() {
+    sigset_t set = terminationSignals();
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
+void waitForTermination() {
+    sigset_t set = terminationSignals();
+    int signal = 0;
+    sigwait(&set, &signal);
+    interruptFlag.store(true);
+}
+
+void nameThread(const std::string& name) { pthread_setname_np(pthread_self(), name.substr(0, 15).c_str()); }
+
+void useIdlePriority() {
+    sched_param none{};
+    sched_setscheduler(0, SCHED_IDLE, &none);
+    // The kernel's I/O priority interface has no C library wrapper; 0 names the calling thread.
+    constexpr int whoProcess = 1, idleClass = 3, classShift = 13;
+    syscall(SYS_ioprio_set, whoProcess, 0, idleClass << classShift);
+}
 
 bool isTerminal(int fd) { return ::isatty(fd) == 1; }
 

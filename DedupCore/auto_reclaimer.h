@@ -1,0 +1,127 @@
+// Keeps folders reclaimed without anyone asking: indexes every file under its roots, watches their
+// folders for changes, and once a changed folder has been quiet for the quiet period re-reads it
+// and reclaims the new duplicates among files of the same size on the same volume, with the same
+// finder, reclaimer and selection a reclaim by hand uses. The first allowed pass covers every
+// indexed file, so duplicates already there when it starts are reclaimed too.
+//
+// Owns its thread ("dedup.auto", at idle CPU and I/O priority), its folder watch, and the finder,
+// reclaimer and callbacks it was given; every piece of its state lives on that thread. Any thread
+// may call start(), stop() and the queries; each blocks until the thread has answered. A stopped
+// reclaimer is not started again: make a new one. Nothing here throws after construction: folders
+// that cannot be read or watched are left out, and failed replacements end in the summary and the
+// journal.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "duplicate_finder.h"
+#include "reclaimer.h"
+
+namespace dedup {
+
+class HashCache;
+class SerialQueue;
+namespace platform {
+class FolderWatch;
+}
+
+// Two files can only be identical, and clone each other, when their keys are equal.
+struct SizeKey {
+    int64_t size = 0;
+    uint64_t device = 0;
+    auto operator<=>(const SizeKey&) const = default;
+};
+
+class AutoReclaimer {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    AutoReclaimer(std::vector<std::string> roots, DuplicateFinder finder, Reclaimer reclaimer,
+                  std::function<Selection()> selection, double quietPeriod, std::function<bool()> mayRun,
+                  std::function<void(const ReclaimSummary&)> onReclaim);
+    ~AutoReclaimer();  // stops
+    AutoReclaimer(const AutoReclaimer&) = delete;
+    AutoReclaimer& operator=(const AutoReclaimer&) = delete;
+
+    // Builds the index, starts watching and starts the timer, whose first tick comes at once.
+    void start();
+    // Ends the pass under way between two replacements, then stops watching and ticking.
+    void stop();
+
+    // Whether background work may burden the machine now (any thread).
+    static bool machineIsFree();
+    // How often the timer ticks: half the quiet period, but at least every 30 seconds.
+    static std::chrono::duration<double> tickInterval(double quietPeriod);
+
+    // Settings to make before start().
+    // Told once when something keeps the watch from working as it should (the kernel's limit on
+    // watched folders, lost events); called on the reclaimer's thread.
+    std::function<void(const std::string&)> onWarning;
+    // The clock changes are timed by; a test may move time by hand.
+    std::function<Clock::time_point()> now = [] { return Clock::now(); };
+    // A digest cache for the finder to use, owned here (finder.cache is pointed at it).
+    std::unique_ptr<HashCache> cache;
+
+    // Takes in the changes already reported, then runs a tick at once, as the timer would.
+    void tickNow();
+    // Folders changed and not handled yet, in the user's spelling.
+    std::vector<std::string> pendingFolders();
+    // As of the end of the last index change; they answer at once, even during a long pass.
+    size_t indexedFiles() const { return indexedCount_; }
+    size_t watchedFolders() const { return watchedCount_; }
+
+private:
+    // All of these run on the queue.
+    void buildIndex();
+    void indexFolderTree(const std::string& folder, uint64_t device, std::set<SizeKey>* keys = nullptr,
+                         const std::map<std::string, ScannedFile>* previous = nullptr);
+    void watch(const std::string& folder);
+    void unwatch(const std::string& folder);
+    void readEvents();
+    void tick();
+    std::set<SizeKey> refresh(const std::string& folder);
+    bool admits(const std::string& folder) const;
+    std::optional<uint64_t> rootDevice(const std::string& path) const;
+    void forgetBelow(const std::string& folder);
+    const std::vector<std::pair<std::string, std::string>>& canonicalRoots();
+    std::string ownPath(const std::string& path);
+    std::string watchedSpelling(const std::string& path);
+
+    const std::vector<std::string> roots_;
+    DuplicateFinder finder_;
+    Reclaimer reclaimer_;
+    const std::function<Selection()> selection_;
+    const double quietPeriod_;
+    const std::function<bool()> mayRun_;
+    const std::function<void(const ReclaimSummary&)> onReclaim_;
+
+    void countIndex();
+
+    std::atomic<bool> stopping_{false};
+    std::atomic<size_t> indexedCount_{0};
+    std::atomic<size_t> watchedCount_{0};
+    bool started_ = false;
+    std::unique_ptr<platform::FolderWatch> watch_;
+    std::map<std::string, ScannedFile> index_;  // by path: a folder's files are one range
+    std::set<std::string> folders_;
+    std::map<std::string, Clock::time_point> changed_;
+    bool needsFullPass_ = true;
+    bool needsNewIndex_ = false;  // events were lost: the index may miss files
+    bool watchLimitReached_ = false;
+    Clock::time_point lastFullPass_{};
+    std::map<std::string, uint64_t> rootDevices_;  // given root -> its device
+    std::optional<std::vector<std::pair<std::string, std::string>>> canonicalRoots_;  // (canonical, given)
+
+    std::unique_ptr<SerialQueue> queue_;  // last: destroyed first, so nothing above is used after it
+};
+
+}  // namespace dedup

@@ -1,0 +1,111 @@
+#include "backup_disks.h"
+
+#include <filesystem>
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+#include "platform/file_io.h"
+#include "platform/process.h"
+#include "platform/system.h"
+#include "serial_queue.h"
+
+namespace dedup {
+
+void to_json(nlohmann::json& j, const BackupDisks& d) { j = {{"volumes", d.volumes}}; }
+void from_json(const nlohmann::json& j, BackupDisks& d) { j.at("volumes").get_to(d.volumes); }
+
+std::optional<std::string> BackupDisks::uuid(const std::string& path) {
+    return platform::volumeIdentifier(path, true);
+}
+
+BackupDisks BackupDisks::load(const std::string& file) {
+    try {
+        std::ifstream in(file);
+        if (!in) return {};
+        return nlohmann::json::parse(in).get<BackupDisks>();
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+void BackupDisks::save(const std::string& file) const {
+    std::filesystem::create_directories(std::filesystem::path(file).parent_path());
+    platform::writeFileAtomically(file, nlohmann::json(*this).dump(2) + "\n");
+}
+
+ScanOptions BackupDisks::options() {
+    ScanOptions options;
+    options.allowedExtensions.reset();
+    options.homeFolder = platform::homeDirectory();
+    return options;
+}
+
+BackupWatcher::BackupWatcher(std::function<BackupDisks()> disks, std::function<std::vector<std::string>()> candidates,
+                             double pollInterval, MakeReclaimer makeReclaimer)
+    : disks_(std::move(disks)),
+      candidates_(candidates ? std::move(candidates) : [] { return Profile::externalCloneVolumes(); }),
+      pollInterval_(pollInterval),
+      makeReclaimer_(std::move(makeReclaimer)) {}
+
+BackupWatcher::~BackupWatcher() { stop(); }
+
+void BackupWatcher::start() {
+    if (queue_) return;
+    queue_ = std::make_unique<SerialQueue>("dedup.backup", [] { platform::nameThread("dedup.backup"); });
+    queue_->sync([this] {
+        auto interval = std::chrono::duration_cast<SerialQueue::Clock::duration>(
+            std::chrono::duration<double>(std::max(pollInterval_, 0.01)));
+        queue_->setTimer(interval, [this] { poll(); });
+    });
+}
+
+void BackupWatcher::stop() {
+    if (!queue_) return;
+    queue_->sync([this] {
+        queue_->cancelTimer();
+        for (auto& [volume, reclaimer] : running_) reclaimer->stop();
+        running_.clear();
+    });
+    queue_.reset();
+}
+
+std::vector<std::string> BackupWatcher::watching() {
+    std::vector<std::string> volumes;
+    if (queue_) {
+        queue_->sync([&] {
+            for (const auto& [volume, reclaimer] : running_) volumes.push_back(volume);
+        });
+    }
+    return volumes;
+}
+
+void BackupWatcher::pollNow() {
+    if (queue_) queue_->sync([this] { poll(); });
+}
+
+void BackupWatcher::poll() {
+    const auto marked = disks_().volumes;
+    std::set<std::string> present;
+    for (const auto& volume : candidates_()) {
+        auto id = BackupDisks::uuid(volume);
+        // A volume without an identifier cannot have been marked.
+        if (!id || !marked.contains(*id)) continue;
+        present.insert(volume);
+        if (running_.contains(volume)) continue;
+        auto reclaimer = makeReclaimer_(volume);
+        if (!reclaimer) continue;
+        reclaimer->start();
+        running_.emplace(volume, std::move(reclaimer));
+    }
+    for (auto it = running_.begin(); it != running_.end();) {
+        if (present.contains(it->first)) {
+            ++it;
+            continue;
+        }
+        it->second->stop();
+        it = running_.erase(it);
+    }
+}
+
+}  // namespace dedup

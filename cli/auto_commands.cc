@@ -1,0 +1,284 @@
+// auto (the automatic reclaimer in the foreground) and backup-disk (marking backup disks).
+#include <ctime>
+#include <filesystem>
+#include <iostream>
+#include <mutex>
+#include <sstream>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "auto_reclaimer.h"
+#include "backup_disks.h"
+#include "byte_format.h"
+#include "command.h"
+#include "exit_codes.h"
+#include "hash_cache.h"
+#include "machine_state.h"
+#include "output.h"
+#include "platform/process.h"
+#include "platform/system.h"
+#include "reclaim_commands.h"
+#include "scan_command.h"
+
+namespace dedup::cli {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+struct AutoArguments {
+    ScanArguments scan;
+    bool anytime = false;
+    double quietPeriod = 120;
+    bool backupDisks = false;
+    bool coordinate = false;
+};
+
+// One line per event, whichever thread reports it: a time stamp and a sentence, or with --json one
+// JSON object per line.
+class Log {
+public:
+    explicit Log(bool json) : json_(json) {}
+
+    void write(const std::string& event, const std::string& sentence, nlohmann::json fields = nlohmann::json::object()) {
+        std::lock_guard lock(mutex_);
+        std::string time = isoDate(std::time(nullptr));
+        if (json_) {
+            fields["event"] = event;
+            fields["time"] = time;
+            fields["message"] = sentence;
+            std::cout << jsonText(fields) << std::endl;
+        } else {
+            std::cout << time << "  " << sentence << std::endl;
+        }
+    }
+
+private:
+    bool json_;
+    std::mutex mutex_;
+};
+
+// Roots are kept as the user spelled them, links included: the log and the journal name files the
+// way the user knows them.
+std::vector<std::string> watchedRoots(const std::vector<std::string>& given) {
+    std::vector<std::string> roots;
+    for (const auto& root : given) {
+        std::string path = fs::absolute(fs::path(root)).lexically_normal().string();
+        while (path.size() > 1 && path.back() == '/') path.pop_back();
+        std::error_code ec;
+        auto status = fs::status(path, ec);
+        if (ec || !fs::exists(status)) throw CommandError("no such folder: " + root);
+        if (!fs::is_directory(status)) throw CommandError(root + " is not a folder");
+        if (std::find(roots.begin(), roots.end(), path) == roots.end()) roots.push_back(path);
+    }
+    return roots;
+}
+
+std::unique_ptr<HashCache> openCache(bool wanted) {
+    if (!wanted) return nullptr;
+    try {
+        return std::make_unique<HashCache>(Locations::hashes());
+    } catch (const std::exception&) {
+        return nullptr;  // the cache only saves reading; every pass still runs
+    }
+}
+
+void logReclaim(Log& log, const std::string& where, const ReclaimSummary& summary) {
+    size_t left = summary.failed.size();
+    for (const auto& [reason, paths] : summary.skipped) left += paths.size();
+    std::string sentence = fmt::format("{}: {} files became clones; {} reclaimed", where, summary.replaced,
+                                       formatBytes(summary.freedBytes));
+    if (left > 0) sentence += fmt::format(" ({} left alone; \"dedup journal\" has the details)", left);
+    log.write("reclaimed", sentence,
+              {{"where", where}, {"replaced", summary.replaced}, {"freedBytes", summary.freedBytes},
+               {"leftAlone", left}});
+}
+
+int runAuto(const AutoArguments& arguments) {
+    if (arguments.scan.roots.empty() && !arguments.backupDisks) {
+        throw CommandError("give the folders to keep reclaimed, or --backup-disks", usage);
+    }
+    auto roots = watchedRoots(arguments.scan.roots);
+    auto journal = openJournal();
+    Log log(arguments.scan.json);
+    std::ostringstream recovered;
+    if (recoverInterrupted(*journal, recovered) > 0) log.write("recovered", recovered.str().substr(0, recovered.str().size() - 1));
+
+    // Blocked before any thread starts, so every thread inherits it and only the wait below sees them.
+    platform::blockTerminationSignals();
+
+    std::mutex stateMutex;
+    std::optional<HeldBack> lastHeldBack;
+    auto mayRun = [&]() -> bool {
+        std::optional<HeldBack> reason;
+        if (!arguments.anytime) reason = heldBack();
+        std::lock_guard lock(stateMutex);
+        if (reason != lastHeldBack) {
+            if (reason) {
+                log.write("heldBack", fmt::format("Waiting: {}.", phrase(*reason)), {{"reason", phrase(*reason)}});
+            } else {
+                log.write("resumed", "The machine is free again.");
+            }
+            lastHeldBack = reason;
+        }
+        return !reason;
+    };
+    auto makeReclaimer = [&](std::vector<std::string> watched, ScanOptions options, std::string where) {
+        DuplicateFinder finder;
+        finder.options = std::move(options);
+        finder.threads = arguments.scan.threads;
+        Reclaimer reclaimer;
+        reclaimer.engine.journal = journal.get();
+        reclaimer.engine.coordinate = arguments.coordinate;
+        auto automatic = std::make_unique<AutoReclaimer>(
+            std::move(watched), std::move(finder), std::move(reclaimer), [] { return loadSelection(); },
+            arguments.quietPeriod, mayRun,
+            [&log, where](const ReclaimSummary& summary) { logReclaim(log, where, summary); });
+        automatic->cache = openCache(!arguments.scan.noCache);
+        automatic->onWarning = [&log](const std::string& warning) { log.write("warning", warning); };
+        return automatic;
+    };
+
+    std::unique_ptr<AutoReclaimer> folders;
+    if (!roots.empty()) {
+        folders = makeReclaimer(roots, scanOptions(arguments.scan), roots.size() == 1 ? roots.front() : "watched folders");
+        folders->start();
+        log.write("started",
+                  fmt::format("Watching {} folders with {} files; a folder is handled {} seconds after its last change.",
+                              groupedNumber(static_cast<int64_t>(folders->watchedFolders())),
+                              groupedNumber(static_cast<int64_t>(folders->indexedFiles())), arguments.quietPeriod),
+                  {{"roots", roots}, {"quietPeriod", arguments.quietPeriod}});
+    }
+    std::unique_ptr<BackupWatcher> backups;
+    if (arguments.backupDisks) {
+        backups = std::make_unique<BackupWatcher>(
+            [] { return BackupDisks::load(Locations::backupDisks()); }, nullptr, 30.0,
+            [&](const std::string& volume) {
+                log.write("backupDisk", "Backup disk connected: " + volume, {{"volume", volume}});
+                return makeReclaimer({volume}, BackupDisks::options(), volume);
+            });
+        backups->start();
+        if (BackupDisks::load(Locations::backupDisks()).volumes.empty()) {
+            log.write("warning", "No disk is marked as a backup disk yet: \"dedup backup-disk add PATH\" marks one.");
+        }
+    }
+
+    platform::waitForTermination();
+    log.write("stopping", "Stopping; the replacement under way finishes first.");
+    backups.reset();
+    folders.reset();
+    return success;
+}
+
+// The mount point holding `path`: the longest mount point it lies under.
+std::string mountPointOf(const std::string& path) {
+    std::string best = "/";
+    for (const auto& mount : platform::mounts()) {
+        const auto& point = mount.mountPoint;
+        bool under = path == point || (path.starts_with(point) && (point == "/" || path[point.size()] == '/'));
+        if (under && point.size() > best.size()) best = point;
+    }
+    return best;
+}
+
+struct BackupArguments {
+    std::string action;
+    std::string path;
+    bool json = false;
+};
+
+int runBackupDisk(const BackupArguments& arguments) {
+    const std::string file = Locations::backupDisks();
+    BackupDisks disks = BackupDisks::load(file);
+    if (arguments.action == "list") {
+        // Where each marked disk is mounted now, if it is.
+        std::map<std::string, std::string> connected;
+        for (const auto& mount : platform::mounts()) {
+            if (auto id = BackupDisks::uuid(mount.mountPoint); id && disks.volumes.contains(*id)) {
+                connected.emplace(*id, mount.mountPoint);
+            }
+        }
+        if (arguments.json) {
+            nlohmann::json out = nlohmann::json::array();
+            for (const auto& id : disks.volumes) {
+                auto where = connected.find(id);
+                out.push_back({{"volume", id},
+                               {"mountPoint", where == connected.end() ? nlohmann::json() : nlohmann::json(where->second)}});
+            }
+            std::cout << jsonText(out) << "\n";
+            return success;
+        }
+        for (const auto& id : disks.volumes) {
+            auto where = connected.find(id);
+            std::cout << fmt::format("{}  {}\n", id, where == connected.end() ? "(not connected)" : where->second);
+        }
+        std::cout << disks.volumes.size() << (disks.volumes.size() == 1 ? " backup disk.\n" : " backup disks.\n");
+        return success;
+    }
+
+    if (arguments.path.empty()) throw CommandError("give a file or folder on the disk", usage);
+    std::string path = fs::absolute(fs::path(arguments.path)).lexically_normal().string();
+    std::optional<std::string> id;
+    if (fs::exists(path)) {
+        id = BackupDisks::uuid(path);
+        if (!id) throw CommandError("the disk holding " + arguments.path + " has no identifier, so it cannot be recognised when it comes back");
+    } else if (arguments.action == "remove" && disks.volumes.contains(arguments.path)) {
+        id = arguments.path;  // a disk not connected now is named by its identifier, as "list" shows it
+    } else {
+        throw CommandError("no such file or folder: " + arguments.path);
+    }
+    std::string where = fs::exists(path) ? mountPointOf(path) : *id;
+    if (arguments.action == "add") {
+        auto volumes = Profile::externalCloneVolumes();
+        if (std::find(volumes.begin(), volumes.end(), where) == volumes.end()) {
+            std::cerr << "dedup: note: " << where
+                      << " is not a local, writable disk that can share blocks (or it is the system disk); "
+                         "it is marked, but nothing will be reclaimed on it\n";
+        }
+        if (!disks.volumes.insert(*id).second) {
+            std::cout << where << " is already a backup disk.\n";
+            return success;
+        }
+        disks.save(file);
+        std::cout << where << " is a backup disk now (" << *id << ").\n";
+        return success;
+    }
+    if (disks.volumes.erase(*id) == 0) {
+        std::cout << where << " is not a backup disk.\n";
+        return success;
+    }
+    disks.save(file);
+    std::cout << where << " is no longer a backup disk.\n";
+    return success;
+}
+
+}  // namespace
+
+void addAutoCommands(CLI::App& app, Commands& commands) {
+    static AutoArguments automatic;
+    auto* autoCommand = app.add_subcommand(
+        "auto", "Keep folders reclaimed: new duplicates become clones once their folder is quiet (until Ctrl-C)");
+    addScanOptions(*autoCommand, automatic.scan);
+    autoCommand->get_option("ROOT")->required(false)->description("Folders to keep reclaimed");
+    autoCommand->add_flag("--anytime", automatic.anytime,
+                          "Also work while the user is active, on battery, in low-power mode or when hot");
+    autoCommand->add_option("--quiet-period", automatic.quietPeriod, "Seconds a folder must stay unchanged")
+        ->check(CLI::Range(0.1, 86400.0))
+        ->capture_default_str();
+    autoCommand->add_flag("--backup-disks", automatic.backupDisks, "Also keep the connected backup disks reclaimed");
+    autoCommand->add_flag("--coordinate", automatic.coordinate, "Leave alone any copy another program has open");
+    commands.push_back({autoCommand, [] { return runAuto(automatic); }});
+
+    static BackupArguments backup;
+    auto* backupCommand =
+        app.add_subcommand("backup-disk", "Mark or unmark the disk holding PATH as a backup disk, or list them");
+    backupCommand->add_option("ACTION", backup.action, "add, remove or list")
+        ->required()
+        ->check(CLI::IsMember({"add", "remove", "list"}));
+    backupCommand->add_option("PATH", backup.path, "Any file or folder on the disk");
+    backupCommand->add_flag("--json", backup.json, "Print the list as JSON for programs");
+    commands.push_back({backupCommand, [] { return runBackupDisk(backup); }});
+}
+
+}  // namespace dedup::cli

@@ -1,0 +1,21 @@
+// What every command that changes files shares: the journal, the saved selection, and putting right
+// what an interrupted run left.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <ostream>
+
+#include "journal.h"
+#include "reclaim_plan.h"
+
+namespace dedup::cli {
+
+// Throws CommandError when the journal cannot be opened: without it nothing may be changed.
+std::unique_ptr<Journal> openJournal();
+// The saved selection; an unreadable one is reported on standard error and leaves nothing out.
+Selection loadSelection();
+// Announces and puts right what an interrupted run left; returns how many files there were.
+size_t recoverInterrupted(Journal& journal, std::ostream& out);
+
+}  // namespace dedup::cli
