@@ -83,6 +83,9 @@ struct CloneInfo {
     int64_t privateSize = 0;  // bytes held by this file alone: what deleting it would free
     uint64_t cloneID = 0;     // equal for files that share all their blocks; never 0
     uint32_t references = 0;  // files using the first extent; 0 when it cannot be counted
+    // The data lives inside the file system's metadata (small files on Btrfs): there is no block
+    // to share, so such a file is never a clone and replacing it frees nothing. Not in the JSON form.
+    bool inlineData = false;
 
     bool operator==(const CloneInfo&) const = default;
 

@@ -47,6 +47,8 @@ std::vector<Target> targets(const std::vector<DuplicateGroup>& groups, const Sel
         for (size_t i = 1; i < group.files.size(); ++i) {
             const ScannedFile& copy = group.files[i];
             if (selection.excludes(copy.path)) continue;
+            // Data kept inside the metadata cannot be shared: replacing such a copy frees nothing.
+            if ((copy.clones && copy.clones->inlineData) || (kept.clones && kept.clones->inlineData)) continue;
             if (!copy.clones) {
                 result.push_back({copy, copy.status.size});
             } else if (copy.clones->privateSize != 0) {

@@ -1,9 +1,11 @@
 #include "reclaim_plan.h"
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "duplicate_finder.h"
 #include "support/test_files.h"
+#include "volumes.h"
 
 namespace dedup {
 namespace {
@@ -63,6 +65,29 @@ TEST(ReclaimPlanTest, SelectionLeavesOutWholePathsAtAnyDepth) {
     test::TempDir dir;
     selection.save(dir.path("selection.json"));
     EXPECT_EQ(Selection::load(dir.path("selection.json")), selection);
+}
+
+// Btrfs keeps small files inside its metadata, where every one reports the same address 0: they
+// must neither pass for clones of each other nor be planned, since replacing them frees nothing.
+TEST(ReclaimPlanTest, FilesWithInlineDataAreFoundButNeverPlanned) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::btrfs);
+    std::string dir = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::btrfs), "inline");
+    test::writeRandomFile(dir + "/a.txt", 1500, 5);
+    test::writeRandomFile(dir + "/b.txt", 1500, 5);
+    test::writeRandomFile(dir + "/c.txt", 1500, 6);
+    ::sync();  // the extent map says "inline" once the data is written out
+    auto a = CloneInfo::read(dir + "/a.txt"), c = CloneInfo::read(dir + "/c.txt");
+    ASSERT_TRUE(a && c);
+    EXPECT_TRUE(a->inlineData);
+    EXPECT_NE(a->cloneID, c->cloneID);
+
+    DuplicateFinder finder;
+    finder.options.minimumSize = 1;
+    auto groups = finder.scan({dir}, nullptr, nullptr).groups;
+    ASSERT_EQ(groups.size(), 1u);
+    EXPECT_EQ(groups[0].files.size(), 2u);
+    EXPECT_EQ(groups[0].reclaimableBytes, 0);
+    EXPECT_TRUE(Report::targets(groups, {}).empty());
 }
 
 }  // namespace

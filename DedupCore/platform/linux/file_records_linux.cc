@@ -74,11 +74,14 @@ std::optional<CloneInfo> cloneInfoOf(const FileDescriptor& fd, const std::string
     uint64_t hash = 0x5EED0F0CA7ull;
     for (const auto& e : *extents) {
         if (!e.shared) info.privateSize += static_cast<int64_t>(e.length);
+        if (e.inlineData) info.inlineData = true;
         hash = mix(mix(hash, e.physical), e.length);
     }
     // Extents end on block boundaries; what a file holds of its own is never more than its size.
     struct stat st {};
     if (::fstat(fd.get(), &st) == 0) info.privateSize = std::min<int64_t>(info.privateSize, st.st_size);
+    // Every inline extent reports the same physical address, 0: only the inode tells them apart.
+    if (info.inlineData) hash = mix(mix(hash, st.st_dev), st.st_ino);
     info.cloneID = hash == 0 ? 1 : hash;
     return info;
 }
