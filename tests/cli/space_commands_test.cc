@@ -71,16 +71,29 @@ TEST_F(SpaceCommandsTest, TrueSizePrintsTheTreeLargestFirstAndTheSentence) {
     EXPECT_EQ(dedup({"true-size", "--depth", "-1", tree_.path()}).exitCode, 2);
 }
 
-TEST_F(SpaceCommandsTest, UnreadableSubfolderIsNamed) {
+TEST_F(SpaceCommandsTest, UnreadableSubfolderIsNamedAndTheRestStillScanned) {
     std::string setpriv = test::findProgram("setpriv");
     if (::geteuid() != 0 || setpriv.empty()) GTEST_SKIP() << "needs root and setpriv to run as another user";
     ASSERT_EQ(::chmod(tree_.path().c_str(), 0755), 0);
     ASSERT_EQ(::chmod(tree_.path("big").c_str(), 0755), 0);
     ASSERT_EQ(::chmod(tree_.path("small").c_str(), 0), 0);
-    auto run = test::runCommand(
-        {setpriv, "--reuid=65534", "--regid=65534", "--clear-groups", DEDUP_BINARY, "true-size", tree_.path()});
+    // Only copies the user may replace are ever shown.
+    for (const char* name : {"big", "big/photo.jpg", "big/photo copy.jpg"}) {
+        ASSERT_EQ(::chown(tree_.path(name).c_str(), 65534, 65534), 0);
+    }
+    auto asNobody = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {setpriv, "--reuid=65534", "--regid=65534", "--clear-groups", DEDUP_BINARY});
+        return test::runCommand(arguments);
+    };
+    auto run = asNobody({"true-size", tree_.path()});
     EXPECT_EQ(run.exitCode, 1);
     EXPECT_EQ(run.stderrText, "dedup: cannot read the folder " + tree_.path("small") + ": permission denied\n");
+
+    auto scan = asNobody({"scan", "--json", "--no-cache", "--min-size", "1", tree_.path()});
+    ASSERT_EQ(scan.exitCode, 0) << scan.stderrText;
+    auto result = nlohmann::json::parse(scan.stdoutText);
+    EXPECT_EQ(result["unreadableFolders"], nlohmann::json::array({tree_.path("small")}));
+    EXPECT_EQ(result["groups"].size(), 1u);
     ::chmod(tree_.path("small").c_str(), 0755);
 }
 
@@ -113,17 +126,24 @@ TEST_F(SpaceCommandsTest, HoldersSayWhatWaitsInTheTrash) {
     if (fs.f_type == BTRFS_SUPER_MAGIC) GTEST_SKIP() << "this disk may have snapshots of its own";
     std::string home = std::getenv("HOME") ? std::getenv("HOME") : "";
     ::setenv("HOME", tree_.path().c_str(), 1);
-    ::setenv("XDG_DATA_HOME", data_.path().c_str(), 1);
+    ::unsetenv("XDG_DATA_HOME");
+    const std::string nothing = "Nothing holds space on this disk: no snapshots, and the Trash is empty.\n";
     auto none = dedup({"holders", tree_.path()});
     EXPECT_EQ(none.exitCode, 0) << none.stderrText;
-    EXPECT_EQ(none.stdoutText, "Nothing holds space on this disk: no snapshots, and the Trash is empty.\n");
+    EXPECT_EQ(none.stdoutText, nothing);
 
-    std::filesystem::create_directories(data_.path("Trash/files"));
-    test::writeRandomFile(data_.path("Trash/files/old.jpg"), 250000, 3);
-    auto some = dedup({"holders", tree_.path()});
-    EXPECT_EQ(some.stdoutText, "Still holding space on this disk:\n  " +
-                                   formatBytes(allocatedOf(data_.path("Trash/files/old.jpg"))) +
-                                   " waits in the Trash.\n");
+    // The home Trash, its information files included.
+    std::string trash = tree_.path(".local/share/Trash");
+    std::filesystem::create_directories(trash + "/files/folder");
+    std::filesystem::create_directories(trash + "/info");
+    test::writeRandomFile(trash + "/files/folder/old.jpg", 250000, 3);
+    test::writeFile(trash + "/info/folder.trashinfo", "[Trash Info]\nPath=/x/folder\n");
+    int64_t held = allocatedOf(trash + "/files/folder/old.jpg") + allocatedOf(trash + "/info/folder.trashinfo");
+    EXPECT_EQ(dedup({"holders", tree_.path()}).stdoutText,
+              "Still holding space on this disk:\n  " + formatBytes(held) + " waits in the Trash.\n");
+    // XDG_DATA_HOME moves the home Trash.
+    ::setenv("XDG_DATA_HOME", data_.path().c_str(), 1);
+    EXPECT_EQ(dedup({"holders", tree_.path()}).stdoutText, nothing);
     EXPECT_EQ(dedup({"holders", tree_.path("nowhere")}).exitCode, 1);
     ::setenv("HOME", home.c_str(), 1);
     ::unsetenv("XDG_DATA_HOME");

@@ -5,28 +5,12 @@
 
 #include <filesystem>
 
-#include <nlohmann/json.hpp>
-
 #include "byte_format.h"
 #include "support/test_files.h"
 #include "temporary_name.h"
 
 namespace dedup {
 namespace {
-
-TEST(ScanOptionsTest, JsonRequiresEveryKeyButExtensions) {
-    ScanOptions options = ScanOptions::recommended();
-    EXPECT_EQ(options.minimumSize, 102400);
-    options.allowedExtensions = std::set<std::string>{"jpg", "heic"};
-    options.excludedPaths = {"/a"};
-    nlohmann::json j = options;
-    EXPECT_EQ(j.get<ScanOptions>(), options);
-
-    j.erase("allowedExtensions");
-    EXPECT_FALSE(j.get<ScanOptions>().allowedExtensions);
-    j.erase("includeCloudFiles");
-    EXPECT_THROW(j.get<ScanOptions>(), nlohmann::json::exception);
-}
 
 TEST(ScanOptionsTest, LocationsAndSavedSets) {
     test::TempDir dir;

@@ -32,17 +32,17 @@ namespace fs = std::filesystem;
 const std::string volumesRoot = "/var/tmp/dedup-test-volumes";
 
 struct Traits {
-    const char* mkfs;
+    const char* type;
     const char* package;
-    std::vector<std::string> options;
+    std::vector<std::string> mkfs;
 };
 
 Traits traitsOf(LoopVolume::Kind kind) {
     switch (kind) {
-        case LoopVolume::Kind::btrfs: return {"mkfs.btrfs", "btrfs-progs", {"-q", "-f"}};
+        case LoopVolume::Kind::btrfs: return {"btrfs", "btrfs-progs", {"mkfs.btrfs", "-q", "-f"}};
         // Spelled out though recent mkfs.xfs defaults to it: an XFS volume here exists to share blocks.
-        case LoopVolume::Kind::xfs: return {"mkfs.xfs", "xfsprogs", {"-q", "-f", "-m", "reflink=1"}};
-        case LoopVolume::Kind::ext4: return {"mkfs.ext4", "e2fsprogs", {"-q", "-F"}};
+        case LoopVolume::Kind::xfs: return {"xfs", "xfsprogs", {"mkfs.xfs", "-q", "-f", "-m", "reflink=1"}};
+        case LoopVolume::Kind::ext4: return {"ext4", "e2fsprogs", {"mkfs.ext4", "-q", "-F"}};
     }
     throw std::invalid_argument("unknown LoopVolume::Kind");
 }
@@ -64,8 +64,8 @@ std::string identityOf(long pid) {
     return fields && state != "Z" && state != "X" ? std::to_string(pid) + "-" + field : std::string();
 }
 
-// Mount points live in a fixed table, as the signal handler may not allocate or lock. `live` turns
-// true only once the path is written.
+// The mount points the signal handler detaches, in a fixed table as it may neither allocate nor
+// lock. `live` turns true only once the path is written.
 struct Slot {
     std::atomic<bool> live{false};
     pid_t owner = 0;  // a forked child must never detach its parent's volumes
@@ -80,34 +80,33 @@ void onFatalSignal(int sig) {
     for (Slot& slot : slots) {
         // Detaching is all a handler can do safely: the loop device follows once the file system is
         // released, and the next sweep removes the image.
-        if (slot.live.load() && slot.owner == ::getpid()) ::umount2(slot.mountPoint, MNT_DETACH);
+        if (slot.live && slot.owner == ::getpid()) ::umount2(slot.mountPoint, MNT_DETACH);
     }
     ::sigaction(sig, &previousActions[sig], nullptr);
     errno = savedErrno;
     ::raise(sig);  // delivered with the previous disposition as soon as the handler returns
 }
 
-int claimSlot(const std::string& mountPoint) {
-    std::lock_guard lock(slotsMutex);
-    for (size_t i = 0; i < slots.size(); ++i) {
-        if (slots[i].live || mountPoint.size() >= sizeof slots[i].mountPoint) continue;
-        slots[i].owner = ::getpid();
-        std::strcpy(slots[i].mountPoint, mountPoint.c_str());
-        slots[i].live = true;
-        return static_cast<int>(i);
-    }
-    throw std::runtime_error("no room to guard the test volume " + mountPoint);
-}
-
-void releaseSlot(int slot) {
-    std::lock_guard lock(slotsMutex);
-    if (slot >= 0) slots[static_cast<size_t>(slot)].live = false;
+void prepareProcess() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        sweepStaleVolumes();
+        for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
+            // An ignored signal must stay ignored, or volumes vanish under a process that goes on.
+            if (::sigaction(sig, nullptr, &previousActions[sig]) != 0 || previousActions[sig].sa_handler == SIG_IGN) {
+                continue;
+            }
+            struct sigaction action {};
+            action.sa_handler = onFatalSignal;
+            ::sigaction(sig, &action, nullptr);
+        }
+    });
 }
 
 // Unmounts everything below `folder` (retrying while the kernel briefly holds on, lazily as a last
 // resort), detaches its loop devices, waits boundedly for them to let go and removes the folder.
-// Tolerates pieces being gone already. Returns what it could not do.
-std::string tearDown(const std::string& folder) noexcept {
+// Tolerates pieces being gone already. Warns about what it could not do.
+void tearDown(const std::string& folder) noexcept {
     std::string problems;
     try {
         bool busy = false;
@@ -117,7 +116,7 @@ std::string tearDown(const std::string& folder) noexcept {
                 if (attempt == 5) {
                     ::umount2(point->c_str(), MNT_DETACH);
                     busy = true;
-                    problems += "unmounted " + *point + " lazily, a file on it is still open; ";
+                    problems += "unmounted lazily, a file on it is still open; ";
                     break;
                 }
                 std::this_thread::sleep_for(std::chrono::milliseconds(100 * attempt));
@@ -128,74 +127,18 @@ std::string tearDown(const std::string& folder) noexcept {
             if (fd >= 0) ::ioctl(fd, LOOP_CLR_FD, 0);
             if (fd >= 0) ::close(fd);
         }
-        // The kernel may finish detaching after the call returns; pointless to wait while an open
-        // file keeps a lazily unmounted volume busy.
+        // The kernel may finish detaching after the call returns; no use waiting while an open file
+        // keeps a lazily unmounted volume busy.
         for (int i = 0; i < 50 && !busy && !loopDevicesBackedBy(folder).empty(); ++i) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
-        if (!busy && !loopDevicesBackedBy(folder).empty()) problems += "a loop device still reads it; ";
+        if (!busy && !loopDevicesBackedBy(folder).empty()) problems += "its loop device is still attached; ";
         // Never delete through a mount point that is still attached.
-        if (!mountsUnder(folder).empty()) {
-            problems += "left in place, something is still mounted below it";
-        } else if (!removeTree(folder)) {
-            problems += "could not be removed";
-        }
+        if (mountsUnder(folder).empty()) fs::remove_all(folder);
     } catch (const std::exception& e) {
         problems += e.what();
     }
-    return problems;
-}
-
-void warnUnless(const std::string& problems, const std::string& folder) {
     if (!problems.empty()) std::fprintf(stderr, "warning: test volume %s: %s\n", folder.c_str(), problems.c_str());
-}
-
-void tearDownAtExit() {
-    for (Slot& slot : slots) {
-        if (!slot.live || slot.owner != ::getpid()) continue;
-        std::string folder = fs::path(slot.mountPoint).parent_path();
-        warnUnless(tearDown(folder), folder);
-        slot.live = false;
-    }
-}
-
-void prepareProcess() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        sweepStaleVolumes();
-        for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGSEGV, SIGBUS, SIGFPE, SIGILL}) {
-            struct sigaction action {};
-            // An ignored signal must stay ignored, or volumes are unmounted under a process that goes on.
-            if (::sigaction(sig, nullptr, &previousActions[sig]) != 0 || previousActions[sig].sa_handler == SIG_IGN) {
-                continue;
-            }
-            action.sa_handler = onFatalSignal;
-            sigemptyset(&action.sa_mask);
-            ::sigaction(sig, &action, nullptr);
-        }
-        std::atexit(tearDownAtExit);
-    });
-}
-
-// CAP_SYS_ADMIN is what mount(2) checks; root inside an unprivileged container has uid 0 without it.
-bool hasSysAdminCapability() {
-    std::ifstream in("/proc/self/status");
-    for (std::string line; std::getline(in, line);) {
-        if (line.starts_with("CapEff:")) return (std::strtoull(line.c_str() + 7, nullptr, 16) >> 21) & 1;
-    }
-    return false;
-}
-
-// A file system missing from /proc/filesystems may still load as a module on first mount, but only
-// if modules for the running kernel are installed.
-bool kernelKnows(const std::string& type) {
-    std::ifstream in("/proc/filesystems");
-    for (std::string line; std::getline(in, line);) {
-        if (line.ends_with("\t" + type)) return true;
-    }
-    std::ifstream release("/proc/sys/kernel/osrelease");
-    std::string version;
-    return std::getline(release, version) && fs::exists("/lib/modules/" + version);
 }
 
 }  // namespace
@@ -233,29 +176,24 @@ void sweepStaleVolumes() {
         // Only names this fixture gives, "<pid>-<start time>-<n>": other folders are not ours to judge.
         std::string name = entry.path().filename();
         if (std::count(name.begin(), name.end(), '-') != 2) continue;
-        std::string owner = name.substr(0, name.rfind('-'));
-        if (identityOf(std::atol(name.c_str())) != owner) warnUnless(tearDown(entry.path()), entry.path());
+        if (identityOf(std::atol(name.c_str())) != name.substr(0, name.rfind('-'))) tearDown(entry.path());
     }
 }
 
-std::string_view LoopVolume::kindName(Kind kind) {
-    switch (kind) {
-        case Kind::btrfs: return "btrfs";
-        case Kind::xfs: return "xfs";
-        case Kind::ext4: return "ext4";
-    }
-    return "";
-}
+std::string_view LoopVolume::kindName(Kind kind) { return traitsOf(kind).type; }
 
 std::string LoopVolume::unavailableReason(Kind kind) {
     Traits traits = traitsOf(kind);
-    std::string type(kindName(kind));
-    if (::geteuid() != 0) return "needs root to loop-mount a " + type + " image";
-    if (!hasSysAdminCapability()) return "runs as root but without CAP_SYS_ADMIN, so cannot loop-mount a " + type + " image";
-    if (findProgram(traits.mkfs).empty()) return std::string(traits.mkfs) + " is missing (install " + traits.package + ")";
+    // CAP_SYS_ADMIN is what mount(2) checks; root in an unprivileged container has uid 0 without it.
+    std::ifstream status("/proc/self/status");
+    std::string line;
+    while (std::getline(status, line) && !line.starts_with("CapEff:")) {
+    }
+    bool canMount = ::geteuid() == 0 && line.size() > 7 && (std::strtoull(line.c_str() + 7, nullptr, 16) >> 21) & 1;
+    if (!canMount) return std::string("needs root with CAP_SYS_ADMIN to loop-mount a ") + traits.type + " image";
+    if (findProgram(traits.mkfs[0]).empty()) return traits.mkfs[0] + " is missing (install " + traits.package + ")";
     if (findProgram("mount").empty()) return "mount is missing (install the package mount)";
     if (::access("/dev/loop-control", R_OK | W_OK) != 0) return "loop devices are unavailable: no /dev/loop-control";
-    if (!kernelKnows(type)) return "the running kernel has no " + type + " support";
     return {};
 }
 
@@ -276,27 +214,37 @@ std::unique_ptr<LoopVolume> LoopVolume::create(Kind kind) {
     std::ofstream(image).close();
     fs::resize_file(image, uintmax_t{512} << 20);
     Traits traits = traitsOf(kind);
-    std::vector<std::string> mkfs = traits.options;
-    mkfs.insert(mkfs.begin(), findProgram(traits.mkfs));
-    mkfs.push_back(image);
-    runCommandChecked(mkfs);
+    traits.mkfs[0] = findProgram(traits.mkfs[0]);
+    traits.mkfs.push_back(image);
+    runCommandChecked(traits.mkfs);
     fs::create_directory(volume->mountPoint_);
-    // Guarded before mounting, so a crash during the mount is covered too.
-    volume->slot_ = claimSlot(volume->mountPoint_);
-    std::string type(kindName(kind));
-    runCommandChecked({findProgram("mount"), "-t", type, "-o", "loop", image, volume->mountPoint_});
 
+    // Guarded before mounting, so a crash during the mount is covered too.
+    {
+        std::lock_guard lock(slotsMutex);
+        auto free = std::find_if(slots.begin(), slots.end(), [](const Slot& slot) { return !slot.live; });
+        if (free == slots.end() || volume->mountPoint_.size() >= sizeof free->mountPoint) {
+            throw std::runtime_error("no room to guard the test volume " + volume->mountPoint_);
+        }
+        free->owner = ::getpid();
+        std::strcpy(free->mountPoint, volume->mountPoint_.c_str());
+        free->live = true;
+        volume->slot_ = static_cast<int>(free - slots.begin());
+    }
+    runCommandChecked({findProgram("mount"), "-t", traits.type, "-o", "loop", image, volume->mountPoint_});
     std::vector<std::string> devices = loopDevicesBackedBy(folder);
     if (mountsUnder(folder) != std::vector<std::string>{volume->mountPoint_} || devices.size() != 1) {
-        throw std::runtime_error("mount reported success but " + volume->mountPoint_ + " is no loop-mounted " + type);
+        throw std::runtime_error("mount reported success but " + volume->mountPoint_ + " is not loop-mounted");
     }
     volume->device_ = devices[0];
     return volume;
 }
 
 LoopVolume::~LoopVolume() {
-    warnUnless(tearDown(folder_), folder_);
-    releaseSlot(slot_);  // only now, so a crash during the teardown is still covered
+    tearDown(folder_);
+    // Released only now, so a crash during the teardown is still covered.
+    std::lock_guard lock(slotsMutex);
+    if (slot_ >= 0) slots[static_cast<size_t>(slot_)].live = false;
 }
 
 }  // namespace dedup::test

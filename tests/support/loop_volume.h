@@ -1,19 +1,16 @@
 // A real Btrfs, XFS or ext4 file system for tests about shared blocks: a sparse image in
-// /var/tmp/dedup-test-volumes/<pid>-<start time>-<n>/ (not /tmp, which may be a tmpfs that vanishes
-// with the very mounts that should have been cleaned up), loop-mounted on mnt/ below it while the
-// object lives.
+// /var/tmp/dedup-test-volumes/<pid>-<start time>-<n>/ (not /tmp, often a tmpfs that would vanish
+// with the very mounts to be cleaned up), loop-mounted on mnt/ below it while the object lives.
 //
 // No volume may outlive its test process, or they pile up and hold the loop devices later runs
-// need. Three layers, because no single one covers every ending:
-//  - the destructor unmounts, detaches and deletes; the shared volumes are destroyed at exit, so
-//    a failing test changes nothing;
-//  - handlers of fatal signals detach this process's mounts before the signal takes its course,
-//    and an exit hook tears down whatever is still alive;
-//  - the first volume a process makes sweeps away those of processes that are gone, for what
+// need. Three layers, as no single one covers every ending:
+//  - the destructor unmounts, detaches and deletes; shared volumes are destroyed at exit, so a
+//    failing test makes no difference;
+//  - handlers of fatal signals detach this process's mounts before the signal takes its course;
+//  - the first volume a process makes sweeps away those of processes that are gone, for endings
 //    nothing can catch (SIGKILL, power loss).
-//
-// create() may be called from any thread; destroy a volume after the code under test has closed its
-// files on it, or the unmount falls back to a lazy one.
+// Destroy a volume after the code under test has closed its files on it, or the unmount falls back
+// to a lazy one.
 #pragma once
 
 #include <memory>
@@ -28,13 +25,12 @@ public:
     enum class Kind { btrfs, xfs, ext4 };
 
     // XFS is formatted with reflink=1, so btrfs and xfs share blocks and ext4 answers EOPNOTSUPP.
-    // Throws std::runtime_error naming what failed.
+    // Throws std::runtime_error naming what failed. Any thread may call it.
     static std::unique_ptr<LoopVolume> create(Kind kind);
-    // Empty when create(kind) can work on this machine, else one sentence why not, for GTEST_SKIP(),
-    // so that a machine that cannot mount is told apart from a fault.
+    // Empty when create(kind) can work here, else why not, for GTEST_SKIP(): a machine that cannot
+    // mount is told apart from a fault.
     static std::string unavailableReason(Kind kind);
-    // "btrfs", "xfs", "ext4": the kernel's type name, usable in test names.
-    static std::string_view kindName(Kind kind);
+    static std::string_view kindName(Kind kind);  // the kernel's type name: "btrfs", "xfs", "ext4"
 
     ~LoopVolume();
     LoopVolume(const LoopVolume&) = delete;
@@ -42,7 +38,7 @@ public:
 
     const std::string& folder() const { return folder_; }  // holds "image" and the mount point
     const std::string& mountPoint() const { return mountPoint_; }
-    const std::string& device() const { return device_; }  // the loop device, as mountinfo names it
+    const std::string& device() const { return device_; }  // the loop device: "/dev/loop3"
     std::string path(std::string_view relative) const { return mountPoint_ + "/" + std::string(relative); }
 
 private:
@@ -52,11 +48,11 @@ private:
     int slot_ = -1;
 };
 
-// What the kernel has mounted at or below `folder`, and the loop devices reading files there: for
-// the fixture's own test to prove nothing is left behind.
+// For the fixture's own test, to prove nothing is left behind: what is mounted at or below
+// `folder`, and the loop devices reading files there.
 std::vector<std::string> mountsUnder(const std::string& folder);
 std::vector<std::string> loopDevicesBackedBy(const std::string& folder);
-// Tears down every volume whose process is gone. Runs by itself at a process's first volume.
+// Tears down every volume whose process is gone.
 void sweepStaleVolumes();
 
 }  // namespace dedup::test

@@ -53,23 +53,15 @@ std::string readFile(const std::string& path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-bool removeTree(const std::string& path) {
-    std::error_code ec;
-    if (std::filesystem::remove_all(path, ec), !ec) return true;
-    try {
-        runCommand({"chattr", "-R", "-f", "-i", "-a", path});
-    } catch (const std::exception&) {
-        return false;
-    }
-    ec.clear();
-    std::filesystem::remove_all(path, ec);
-    return !ec;
-}
-
 TempDir::TempDir() {
     const char* base = std::getenv("TMPDIR");
     path_ = std::string(base != nullptr && *base != '\0' ? base : "/var/tmp") + "/dedup-test-XXXXXX";
     if (::mkdtemp(path_.data()) == nullptr) fail("mkdtemp " + path_);
+}
+
+TempDir::~TempDir() {
+    std::error_code ec;
+    std::filesystem::remove_all(path_, ec);
 }
 
 void reflinkCopy(const std::string& from, const std::string& to) {
