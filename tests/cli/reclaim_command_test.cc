@@ -44,7 +44,6 @@ protected:
     void makeTree(int groups, int64_t size) {
         for (int g = 0; g < groups; ++g) {
             std::string folder = root_ + "/g" + std::to_string(g % 7);
-            fs::create_directories(folder);
             for (int copy = 0; copy < 3; ++copy) {
                 test::writeRandomFile(folder + "/file" + std::to_string(g) + "-" + std::to_string(copy) + ".jpg",
                                       size, static_cast<uint64_t>(g));

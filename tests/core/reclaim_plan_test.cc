@@ -148,7 +148,6 @@ TEST(ReclaimerTest, ReclaimsCountsSkipsAndStopsWhenCancelled) {
     Journal journal(data.path("journal.jsonl"));
 
     for (int i = 0; i < 6; ++i) test::writeRandomFile(dir + "/f" + std::to_string(i), 100000, 61);
-    std::filesystem::create_directories(dir + "/left-out");
     test::writeRandomFile(dir + "/left-out/f", 100000, 61);
     DuplicateFinder finder;
     finder.options.minimumSize = 1;

@@ -35,11 +35,7 @@ const FolderSize& child(const FolderSize& folder, const std::string& name) {
 TEST(TrueSizeTest, HardLinksCountOnceAndOnlyWithAllTheirNames) {
     test::TempDir dir;
     std::string root = dir.path("root");
-    fs::create_directories(root + "/big");
-    fs::create_directories(root + "/small");
     fs::create_directories(root + "/empty/deeper");
-    fs::create_directories(root + "/linked");
-    fs::create_directories(root + "/half");
     test::writeRandomFile(root + "/big/f", 300000, 1);
     test::writeRandomFile(root + "/small/g", 100000, 2);
     test::writeRandomFile(root + "/linked/p", 50000, 3);
@@ -72,14 +68,6 @@ TEST(TrueSizeTest, HardLinksCountOnceAndOnlyWithAllTheirNames) {
     EXPECT_EQ(empty.logical + empty.allocated + empty.freedIfDeleted + empty.uncertain, 0);
     ASSERT_EQ(empty.children.size(), 1u);
     EXPECT_TRUE(empty.children[0].children.empty());
-
-    try {
-        TrueSize::measure(dir.path("missing"));
-        FAIL();
-    } catch (const SystemError& error) {
-        EXPECT_EQ(error.path, dir.path("missing"));
-        EXPECT_EQ(error.code, ENOENT);
-    }
 }
 
 struct VolumeCase {
@@ -96,7 +84,6 @@ TEST_P(TrueSizeOnVolume, ClonesAreFreedOnlyWithAllTheirMembers) {
     DEDUP_REQUIRE_VOLUME(kind);
     std::string top = test::freshFolder(test::sharedVolume(kind), "true-size");
     std::string tree = top + "/tree";
-    for (const char* folder : {"/both", "/one", "/pair/left", "/pair/right"}) fs::create_directories(tree + folder);
     constexpr int64_t mib = 1 << 20;
     test::writeRandomFile(tree + "/both/a", mib, 11);
     test::reflinkCopy(tree + "/both/a", tree + "/both/a2");
@@ -157,12 +144,10 @@ TEST(SpaceHoldersTest, AnotherVolumeHasItsOwnTrash) {
     std::string uid = std::to_string(::getuid());
     std::string dashed = volume->path(".Trash-" + uid);
     std::string shared = volume->path(".Trash/" + uid);
-    fs::create_directories(dashed + "/files");
     test::writeRandomFile(dashed + "/files/a", 100000, 2);
     EXPECT_EQ(SpaceHolders::check(folder).trashBytes, allocatedOf(dashed + "/files/a"));
 
     // The volume's shared Trash folder comes first when it has one for this user.
-    fs::create_directories(shared + "/files");
     test::writeRandomFile(shared + "/files/b", 300000, 3);
     EXPECT_EQ(SpaceHolders::check(folder).trashBytes, allocatedOf(shared + "/files/b"));
     EXPECT_EQ(SpaceHolders::check(folder).snapshots, std::vector<std::string>{});

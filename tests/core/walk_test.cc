@@ -32,7 +32,6 @@ Walk walkOf(const std::vector<std::string>& roots, ScanOptions options = {}) {
 
 TEST(WalkTest, EachFileOnceAcrossHardLinksAndNestedRoots) {
     test::TempDir dir;
-    fs::create_directories(dir.path("a/b"));
     test::writeFile(dir.path("a/one"), "1");
     test::writeFile(dir.path("a/b/two"), "22");
     ASSERT_EQ(::link(dir.path("a/one").c_str(), dir.path("a/b/one-again").c_str()), 0);
@@ -73,11 +72,6 @@ TEST(WalkTest, FileRulesSizeExtensionNamesAndTemporaries) {
 TEST(WalkTest, FolderRulesExclusionsCacheAndLinks) {
     test::TempDir dir;
     const std::string home = dir.path("home");
-    fs::create_directories(home + "/.cache/thumbs");
-    fs::create_directories(home + "/project/.cache");
-    fs::create_directories(home + "/photos/bc");
-    fs::create_directories(home + "/photos/b/deep");
-    fs::create_directories(home + "/Tool.app");
     test::writeFile(home + "/.cache/thumbs/t", "t");
     test::writeFile(home + "/project/.cache/c", "c");
     test::writeFile(home + "/photos/bc/kept", "k");

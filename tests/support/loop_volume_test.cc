@@ -2,7 +2,6 @@
 // fail in the engine and not in its scaffolding.
 #include "support/loop_volume.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>
@@ -10,7 +9,6 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <system_error>
 
 #include "support/test_files.h"
 
@@ -25,49 +23,42 @@ void expectGone(const std::string& folder) {
     EXPECT_FALSE(std::filesystem::exists(folder));
 }
 
-TEST(LoopVolumeTest, EachKindMountsClonesWhereItCanAndLeavesNothingBehind) {
-    for (Kind kind : {Kind::btrfs, Kind::xfs, Kind::ext4}) {
-        SCOPED_TRACE(LoopVolume::kindName(kind));
-        if (std::string reason = LoopVolume::unavailableReason(kind); !reason.empty()) GTEST_SKIP() << reason;
-        std::string folder;
-        {
-            auto volume = LoopVolume::create(kind);
-            folder = volume->folder();
-            EXPECT_EQ(mountsUnder(folder), std::vector<std::string>{volume->mountPoint()});
-            EXPECT_EQ(loopDevicesBackedBy(folder), std::vector<std::string>{volume->device()});
-            // Not a multiple of the block size, so a clone has to cover a partial tail block.
-            writeRandomFile(volume->path("original"), (3 << 20) + 123, 42);
-            if (kind == Kind::ext4) {
-                EXPECT_THROW(reflinkCopy(volume->path("original"), volume->path("clone")), std::system_error);
-            } else {
-                reflinkCopy(volume->path("original"), volume->path("clone"));
-                EXPECT_EQ(readFile(volume->path("clone")), randomBytes((3 << 20) + 123, 42));
-            }
-        }
-        expectGone(folder);
+TEST(LoopVolumeTest, DestroyedVolumeLeavesNothingBehind) {
+    if (std::string reason = LoopVolume::unavailableReason(Kind::btrfs); !reason.empty()) GTEST_SKIP() << reason;
+    std::string folder;
+    {
+        auto volume = LoopVolume::create(Kind::btrfs);
+        folder = volume->folder();
+        EXPECT_EQ(mountsUnder(folder), std::vector<std::string>{volume->mountPoint()});
+        EXPECT_EQ(loopDevicesBackedBy(folder), std::vector<std::string>{volume->device()});
+        writeRandomFile(volume->path("file"), 1 << 20, 42);
     }
+    expectGone(folder);
 }
 
-// Forks a child that makes an XFS volume, reports its folder and then dies of `sig`.
+// Forks a child that makes an XFS volume and stops; once its volume is seen mounted, the child is
+// sent `sig`. Answers the child's volume folder, empty when it could not make one.
 std::string folderOfChildKilledBy(int sig) {
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) return {};
     pid_t pid = ::fork();
     if (pid == 0) {
         rlimit noCore{0, 0};  // the crash is intended: no core file
         ::setrlimit(RLIMIT_CORE, &noCore);
         try {
-            std::string folder = LoopVolume::create(Kind::xfs).release()->folder() + "\n";
-            if (::write(fds[1], folder.data(), folder.size()) > 0) ::raise(sig);
+            LoopVolume::create(Kind::xfs).release();
+            ::raise(SIGSTOP);  // stopped, not gone: no sweep takes the volume while the test looks
         } catch (...) {
         }
         ::_exit(2);
     }
-    ::close(fds[1]);
-    std::string folder;
-    for (char c; ::read(fds[0], &c, 1) == 1 && c != '\n';) folder.push_back(c);
-    ::close(fds[0]);
     int status = 0;
+    ::waitpid(pid, &status, WUNTRACED);
+    std::string folder;
+    for (const auto& entry : std::filesystem::directory_iterator("/var/tmp/dedup-test-volumes")) {
+        if (entry.path().filename().string().starts_with(std::to_string(pid) + "-")) folder = entry.path();
+    }
+    EXPECT_TRUE(!folder.empty() && !mountsUnder(folder).empty()) << "the child made no volume";
+    ::kill(pid, sig);
+    ::kill(pid, SIGCONT);
     ::waitpid(pid, &status, 0);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == sig) << "status " << status;
     return folder;
@@ -75,13 +66,11 @@ std::string folderOfChildKilledBy(int sig) {
 
 TEST(LoopVolumeTest, VolumesOfCrashedAndKilledProcessesAreRemoved) {
     if (std::string reason = LoopVolume::unavailableReason(Kind::xfs); !reason.empty()) GTEST_SKIP() << reason;
-    std::string crashed = folderOfChildKilledBy(SIGABRT);
-    std::string killed = folderOfChildKilledBy(SIGKILL);
-    ASSERT_FALSE(crashed.empty() || killed.empty()) << "a child could not make its volume";
-    // A crash runs the signal handler, which detaches the mount at once; SIGKILL runs nothing, so
-    // only the sweep can clean up after it.
+    std::string crashed = folderOfChildKilledBy(SIGABRT), killed = folderOfChildKilledBy(SIGKILL);
+    ASSERT_FALSE(crashed.empty() || killed.empty());
+    // A crash runs the signal handler, which detaches the mount at once. SIGKILL runs nothing: only
+    // the sweep can clean up after it.
     EXPECT_TRUE(mountsUnder(crashed).empty());
-    EXPECT_FALSE(mountsUnder(killed).empty());
     sweepStaleVolumes();
     expectGone(crashed);
     expectGone(killed);

@@ -26,6 +26,7 @@ namespace {
 }  // namespace
 
 void writeFile(const std::string& path, std::string_view bytes) {
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     if (!out.write(bytes.data(), static_cast<std::streamsize>(bytes.size())).flush()) fail("write " + path);
 }
@@ -65,6 +66,7 @@ TempDir::~TempDir() {
 }
 
 void reflinkCopy(const std::string& from, const std::string& to) {
+    std::filesystem::create_directories(std::filesystem::path(to).parent_path());
     int source = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
     int target = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     int result = source < 0 || target < 0 ? -1 : ::ioctl(target, FICLONE, source);

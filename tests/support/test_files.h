@@ -10,6 +10,7 @@
 
 namespace dedup::test {
 
+// The writers make the folders above the file as needed.
 void writeFile(const std::string& path, std::string_view bytes);
 // The same bytes for the same seed on every machine and run, so a failure can be replayed exactly;
 // different seeds differ from the first 8 bytes on.
