@@ -18,12 +18,6 @@
 namespace dedup {
 namespace {
 
-int64_t allocatedOf(const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
-    return static_cast<int64_t>(st.st_blocks) * 512;
-}
-
 class CommandTest : public ::testing::Test {
 protected:
     CommandTest() { ::setenv("DEDUP_DATA_DIR", data_.path().c_str(), 1); }
@@ -122,8 +116,8 @@ protected:
 };
 
 TEST_F(SpaceCommandsTest, TrueSizePrintsTheTreeLargestFirstAndTheSentence) {
-    int64_t big = allocatedOf(tree_.path("big/photo.jpg")) + allocatedOf(tree_.path("big/photo copy.jpg"));
-    int64_t all = big + allocatedOf(tree_.path("small/notes.txt"));
+    int64_t big = test::allocatedOf(tree_.path("big/photo.jpg")) + test::allocatedOf(tree_.path("big/photo copy.jpg"));
+    int64_t all = big + test::allocatedOf(tree_.path("small/notes.txt"));
     auto run = dedup({"true-size", tree_.path()});
     ASSERT_EQ(run.exitCode, 0) << run.stderrText;
     EXPECT_EQ(run.stderrText, "");
@@ -214,7 +208,7 @@ TEST_F(SpaceCommandsTest, HoldersSayWhatWaitsInTheTrash) {
     std::string trash = tree_.path(".local/share/Trash");
     test::writeRandomFile(trash + "/files/folder/old.jpg", 250000, 3);
     test::writeFile(trash + "/info/folder.trashinfo", "[Trash Info]\nPath=/x/folder\n");
-    int64_t held = allocatedOf(trash + "/files/folder/old.jpg") + allocatedOf(trash + "/info/folder.trashinfo");
+    int64_t held = test::allocatedOf(trash + "/files/folder/old.jpg") + test::allocatedOf(trash + "/info/folder.trashinfo");
     EXPECT_EQ(dedup({"holders", tree_.path()}).stdoutText,
               "Still holding space on this disk:\n  " + formatBytes(held) + " waits in the Trash.\n");
     // XDG_DATA_HOME moves the home Trash.

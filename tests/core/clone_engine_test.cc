@@ -137,8 +137,7 @@ TEST_P(CloneEngineOnVolume, ReplacementKeepsEveryMetadataFieldAndSharesTheBlocks
 TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
     makePair(200000);
     auto reasonOf = [&](const FileStatus& expected) { return skipOf([&] { engine_.replace(copy(), kept(), expected); }); };
-    FileStatus scanned = FileStatus::read(copy());
-    FileStatus stale = scanned;
+    FileStatus stale = FileStatus::read(copy());
     stale.changed.nanoseconds += 1;
     EXPECT_EQ(reasonOf(stale), SkipReason::changedSinceScan);
 
@@ -180,11 +179,9 @@ TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
 
     // With coordination the write lease refuses a copy this very process holds open.
     engine_.coordinate = true;
-    {
-        int fd = ::open(copy().c_str(), O_RDONLY);
-        EXPECT_EQ(reasonOf(FileStatus::read(copy())), SkipReason::inUse);
-        ::close(fd);
-    }
+    int fd = ::open(copy().c_str(), O_RDONLY);
+    EXPECT_EQ(reasonOf(FileStatus::read(copy())), SkipReason::inUse);
+    ::close(fd);
     EXPECT_EQ(reasonOf(FileStatus::read(copy())), std::nullopt);
     EXPECT_TRUE(journal_->interrupted().empty());
 }

@@ -138,11 +138,10 @@ TEST(JournalTest, StartedEntriesClosedAnywhereInTheFileAreNotInterrupted) {
     EXPECT_EQ(journal.interrupted(), (std::vector<JournalEntry>{open1, open2}));
 }
 
-TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnce) {
+TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnceAndStopsAtAnError) {
     test::TempDir dir;
     Journal journal(dir.path("journal.jsonl"));
     test::writeFile(dir.path("leftover"), "clone");
-
     JournalEntry noTemporary = entryWith(JournalEntry::Event::started, dir.path("a"));
     JournalEntry withLeftover = fullEntry();
     withLeftover.event = JournalEntry::Event::started;
@@ -152,6 +151,11 @@ TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnce) {
     leftoverGone.temporary = dir.path("gone");
     for (const auto& entry : {noTemporary, withLeftover, leftoverGone}) journal.append(entry);
 
+    // The first attempt fails at the leftover: what came before is recorded, the rest left for later.
+    auto failing = [](const std::string& path) -> std::string { throw SystemError("unlink", path, EACCES); };
+    EXPECT_THROW(journal.recoverInterrupted(failing), SystemError);
+    EXPECT_EQ(journal.interrupted(), (std::vector<JournalEntry>{withLeftover, leftoverGone}));
+
     std::vector<std::string> handed;
     auto recoverLeftover = [&](const std::string& path) {
         handed.push_back(path);
@@ -159,48 +163,23 @@ TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnce) {
     };
     auto recovered = journal.recoverInterrupted(recoverLeftover);
     EXPECT_EQ(handed, std::vector<std::string>{dir.path("leftover")});
-    ASSERT_EQ(recovered.size(), 3u);
-    EXPECT_EQ(recovered[0].detail, "nothing left over");
-    EXPECT_EQ(recovered[1].detail, "removed");
-    EXPECT_EQ(recovered[2].detail, "nothing left over");
+    ASSERT_EQ(recovered.size(), 2u);
+    EXPECT_EQ(recovered[1].detail, "nothing left over");
     // Everything but the time, the event and the detail is the started entry's.
     JournalEntry expected = withLeftover;
     expected.event = JournalEntry::Event::recovered;
     expected.detail = "removed";
-    expected.time = recovered[1].time;
-    EXPECT_EQ(recovered[1], expected);
-    EXPECT_EQ(recovered[1].label(), "put right");
+    expected.time = recovered[0].time;
+    EXPECT_EQ(recovered[0], expected);
+    EXPECT_EQ(recovered[0].label(), "put right");
 
     auto all = journal.entries();
     ASSERT_EQ(all.size(), 6u);
-    EXPECT_EQ(std::vector<JournalEntry>(all.begin() + 3, all.end()), recovered);
+    EXPECT_EQ(all[3].target, noTemporary.target);
+    EXPECT_EQ(all[3].detail, "nothing left over");
+    EXPECT_EQ(std::vector<JournalEntry>(all.begin() + 4, all.end()), recovered);
     EXPECT_TRUE(journal.recoverInterrupted(recoverLeftover).empty());
     EXPECT_EQ(handed.size(), 1u);
-}
-
-TEST(JournalTest, RecoveryStopsAtTheFirstErrorKeepingWhatWasRecorded) {
-    test::TempDir dir;
-    Journal journal(dir.path("journal.jsonl"));
-    std::vector<JournalEntry> started;
-    for (std::string name : {"one", "two", "three"}) {
-        started.push_back(entryWith(JournalEntry::Event::started, dir.path(name)));
-        started.back().temporary = dir.path("." + name);
-        test::writeFile(*started.back().temporary, "clone");
-        journal.append(started.back());
-    }
-    int calls = 0;
-    auto failingSecond = [&](const std::string& path) -> std::string {
-        if (++calls == 2) throw SystemError("unlink", path, EACCES);
-        return "kept";
-    };
-    EXPECT_THROW(journal.recoverInterrupted(failingSecond), SystemError);
-    EXPECT_EQ(calls, 2);
-    EXPECT_EQ(journal.interrupted(), (std::vector<JournalEntry>{started[1], started[2]}));
-
-    auto rest = journal.recoverInterrupted([](const std::string&) { return std::string("restored"); });
-    ASSERT_EQ(rest.size(), 2u);
-    EXPECT_EQ(rest[0].id, started[1].id);
-    EXPECT_TRUE(journal.interrupted().empty());
 }
 
 TEST(JournalTest, ConcurrentAppendsNeverInterleave) {

@@ -1,7 +1,6 @@
 #include "true_size.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,12 +17,6 @@ namespace {
 namespace fs = std::filesystem;
 using test::LoopVolume;
 using TrueSize::Sharing;
-
-int64_t allocatedOf(const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
-    return static_cast<int64_t>(st.st_blocks) * 512;
-}
 
 const FolderSize& child(const FolderSize& folder, const std::string& name) {
     for (const auto& c : folder.children) {
@@ -44,8 +37,8 @@ TEST(TrueSizeTest, HardLinksCountOnceAndOnlyWithAllTheirNames) {
     test::writeRandomFile(root + "/half/q", 20000, 4);
     ASSERT_EQ(::link((root + "/half/q").c_str(), dir.path("q-outside").c_str()), 0);
     fs::create_symlink(root + "/big/f", root + "/big/link");
-    int64_t f = allocatedOf(root + "/big/f"), g = allocatedOf(root + "/small/g"), p = allocatedOf(root + "/linked/p"),
-            q = allocatedOf(root + "/half/q");
+    int64_t f = test::allocatedOf(root + "/big/f"), g = test::allocatedOf(root + "/small/g"), p = test::allocatedOf(root + "/linked/p"),
+            q = test::allocatedOf(root + "/half/q");
 
     auto [size, tally] = TrueSize::measureWithTally(root);
     EXPECT_EQ(size.path, root);
@@ -145,11 +138,11 @@ TEST(SpaceHoldersTest, AnotherVolumeHasItsOwnTrash) {
     std::string dashed = volume->path(".Trash-" + uid);
     std::string shared = volume->path(".Trash/" + uid);
     test::writeRandomFile(dashed + "/files/a", 100000, 2);
-    EXPECT_EQ(SpaceHolders::check(folder).trashBytes, allocatedOf(dashed + "/files/a"));
+    EXPECT_EQ(SpaceHolders::check(folder).trashBytes, test::allocatedOf(dashed + "/files/a"));
 
     // The volume's shared Trash folder comes first when it has one for this user.
     test::writeRandomFile(shared + "/files/b", 300000, 3);
-    EXPECT_EQ(SpaceHolders::check(folder).trashBytes, allocatedOf(shared + "/files/b"));
+    EXPECT_EQ(SpaceHolders::check(folder).trashBytes, test::allocatedOf(shared + "/files/b"));
     EXPECT_EQ(SpaceHolders::check(folder).snapshots, std::vector<std::string>{});
     fs::remove_all(dashed);
     fs::remove_all(volume->path(".Trash"));

@@ -17,6 +17,8 @@ void writeFile(const std::string& path, std::string_view bytes);
 std::string randomBytes(int64_t size, uint64_t seed);
 void writeRandomFile(const std::string& path, int64_t size, uint64_t seed);
 std::string readFile(const std::string& path);
+// The bytes the file's blocks take on disk.
+int64_t allocatedOf(const std::string& path);
 
 // A fresh folder, removed with everything in it when the object dies. It lives under $TMPDIR, else
 // /var/tmp: /tmp is often a tmpfs, whose files have no extent map and no birth time.
