@@ -201,7 +201,9 @@ TEST_F(ReclaimCommandTest, DiskThatCannotCloneIsSaidPlainlyAndNothingChanges) {
     test::writeRandomFile(root_ + "/b", 200000, 1);
     auto inodes = [&] {  // a temporary left behind would show here too
         std::map<std::string, uint64_t> found;
-        for (const auto& entry : fs::directory_iterator(root_)) found[entry.path()] = FileStatus::read(entry.path()).inode;
+        for (const auto& entry : fs::directory_iterator(root_)) {
+            found[entry.path()] = FileStatus::read(entry.path()).inode;
+        }
         return found;
     };
     auto before = inodes();

@@ -154,7 +154,8 @@ TEST_F(SpaceCommandsTest, UnreadableSubfolderIsNamedAndTheRestStillScanned) {
         ASSERT_EQ(::chown(tree_.path(name).c_str(), 65534, 65534), 0);
     }
     auto asNobody = [&](std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {setpriv, "--reuid=65534", "--regid=65534", "--clear-groups", DEDUP_BINARY});
+        arguments.insert(arguments.begin(),
+                         {setpriv, "--reuid=65534", "--regid=65534", "--clear-groups", DEDUP_BINARY});
         return test::runCommand(arguments);
     };
     auto run = asNobody({"true-size", tree_.path()});
@@ -208,7 +209,8 @@ TEST_F(SpaceCommandsTest, HoldersSayWhatWaitsInTheTrash) {
     std::string trash = tree_.path(".local/share/Trash");
     test::writeRandomFile(trash + "/files/folder/old.jpg", 250000, 3);
     test::writeFile(trash + "/info/folder.trashinfo", "[Trash Info]\nPath=/x/folder\n");
-    int64_t held = test::allocatedOf(trash + "/files/folder/old.jpg") + test::allocatedOf(trash + "/info/folder.trashinfo");
+    int64_t held =
+        test::allocatedOf(trash + "/files/folder/old.jpg") + test::allocatedOf(trash + "/info/folder.trashinfo");
     EXPECT_EQ(dedup({"holders", tree_.path()}).stdoutText,
               "Still holding space on this disk:\n  " + formatBytes(held) + " waits in the Trash.\n");
     // XDG_DATA_HOME moves the home Trash.

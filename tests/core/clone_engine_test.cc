@@ -136,7 +136,9 @@ TEST_P(CloneEngineOnVolume, ReplacementKeepsEveryMetadataFieldAndSharesTheBlocks
 
 TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
     makePair(200000);
-    auto reasonOf = [&](const FileStatus& expected) { return skipOf([&] { engine_.replace(copy(), kept(), expected); }); };
+    auto reasonOf = [&](const FileStatus& expected) {
+        return skipOf([&] { engine_.replace(copy(), kept(), expected); });
+    };
     FileStatus stale = FileStatus::read(copy());
     stale.changed.nanoseconds += 1;
     EXPECT_EQ(reasonOf(stale), SkipReason::changedSinceScan);

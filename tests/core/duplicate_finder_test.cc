@@ -249,7 +249,7 @@ TEST(HasherTest, ManyFilesInParallelMatchOneByOneCountBytesAndStopWhenCancelled)
     EXPECT_TRUE(cancelled[3] && !cancelled[4]);
 }
 
-TEST_P(FinderOnVolume, CacheKeepsBothDigestsOfOneVersionAndSurvivesReopening) {
+TEST_P(FinderOnVolume, CacheKeepsBothDigestsOfOneVersionSurvivesReopeningAndBearsALock) {
     ScannedFile f = file("a"), bigger = f;
     bigger.status.size += 1;
     {
@@ -264,7 +264,18 @@ TEST_P(FinderOnVolume, CacheKeepsBothDigestsOfOneVersionAndSurvivesReopening) {
         EXPECT_FALSE(cache.digest(HashCache::Kind::partial, bigger));
         EXPECT_FALSE(cache.digest(HashCache::Kind::full, f));
     }
-    EXPECT_EQ(HashCache(database()).digest(HashCache::Kind::full, bigger), "f2");
+    HashCache reopened(database());
+    EXPECT_EQ(reopened.digest(HashCache::Kind::full, bigger), "f2");
+
+    // Another program holding the database locked never stops the work: writes are dropped and
+    // reads still answer from what is committed.
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(database().c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr), SQLITE_OK);
+    for (int i = 0; i < 50; ++i) reopened.store("during", HashCache::Kind::partial, bigger);
+    EXPECT_EQ(reopened.digest(HashCache::Kind::full, bigger), "f2");
+    sqlite3_exec(other, "COMMIT;", nullptr, nullptr, nullptr);
+    sqlite3_close(other);
 }
 
 TEST_P(FinderOnVolume, CachePruneRemovesOnlyUnseenFilesUnderTheRoots) {
@@ -292,21 +303,6 @@ TEST_P(FinderOnVolume, CachePruneRemovesOnlyUnseenFilesUnderTheRoots) {
     cache.store("d", HashCache::Kind::full, accented);
     cache.prune({root_ + "/Fotos é"}, {});
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, accented));
-}
-
-TEST_P(FinderOnVolume, CacheThatIsLockedNeverStopsTheWork) {
-    HashCache cache(database());
-    ScannedFile f = file("locked");
-    cache.store("before", HashCache::Kind::full, f);
-    cache.flush();
-    sqlite3* other = nullptr;
-    ASSERT_EQ(sqlite3_open(database().c_str(), &other), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(other, "BEGIN EXCLUSIVE;", nullptr, nullptr, nullptr), SQLITE_OK);
-    // Writes are dropped and reads still answer from what is committed.
-    for (int i = 0; i < 50; ++i) cache.store("during", HashCache::Kind::partial, f);
-    EXPECT_EQ(cache.digest(HashCache::Kind::full, f), "before");
-    sqlite3_exec(other, "COMMIT;", nullptr, nullptr, nullptr);
-    sqlite3_close(other);
 }
 
 TEST(FileRecordsTest, NoExtentMapMeansUnknownNotUnshared) {

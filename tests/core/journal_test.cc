@@ -210,7 +210,8 @@ TEST(JournalTest, UnknownSkipReasonIsShownAsItIsAndDatesAreStrict) {
     for (std::time_t time : {std::time_t{-1}, std::time_t{951782400} /* 29 Feb 2000 */}) {
         EXPECT_EQ(parseIsoDate(isoDate(time)), time) << isoDate(time);
     }
-    for (const char* bad : {"2025-03-01T14:07:55", "2025-03-01 14:07:55Z", "2025-04-31T14:07:55Z", "2025-03-01T24:00:00Z"}) {
+    for (const char* bad :
+         {"2025-03-01T14:07:55", "2025-03-01 14:07:55Z", "2025-04-31T14:07:55Z", "2025-03-01T24:00:00Z"}) {
         EXPECT_FALSE(parseIsoDate(bad)) << bad;
     }
 }

@@ -37,8 +37,9 @@ TEST(TrueSizeTest, HardLinksCountOnceAndOnlyWithAllTheirNames) {
     test::writeRandomFile(root + "/half/q", 20000, 4);
     ASSERT_EQ(::link((root + "/half/q").c_str(), dir.path("q-outside").c_str()), 0);
     fs::create_symlink(root + "/big/f", root + "/big/link");
-    int64_t f = test::allocatedOf(root + "/big/f"), g = test::allocatedOf(root + "/small/g"), p = test::allocatedOf(root + "/linked/p"),
-            q = test::allocatedOf(root + "/half/q");
+    using test::allocatedOf;
+    int64_t f = allocatedOf(root + "/big/f"), g = allocatedOf(root + "/small/g"), p = allocatedOf(root + "/linked/p"),
+            q = allocatedOf(root + "/half/q");
 
     auto [size, tally] = TrueSize::measureWithTally(root);
     EXPECT_EQ(size.path, root);

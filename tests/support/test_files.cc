@@ -42,7 +42,9 @@ std::string randomBytes(int64_t size, uint64_t seed) {
         z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
         z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
         z ^= z >> 31;
-        for (int i = 0; i < 8 && static_cast<int64_t>(out.size()) < size; ++i) out.push_back(static_cast<char>(z >> (8 * i)));
+        for (int i = 0; i < 8 && static_cast<int64_t>(out.size()) < size; ++i) {
+            out.push_back(static_cast<char>(z >> (8 * i)));
+        }
     }
     return out;
 }
