@@ -3,7 +3,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <filesystem>
+
+#include <nlohmann/json.hpp>
+
 #include "duplicate_finder.h"
+#include "journal.h"
+#include "reclaimer.h"
+#include "report_export.h"
 #include "support/test_files.h"
 #include "volumes.h"
 
@@ -61,10 +68,114 @@ TEST(ReclaimPlanTest, SelectionLeavesOutWholePathsAtAnyDepth) {
     auto targets = Report::targets({group}, selection);
     ASSERT_EQ(targets.size(), 1u);
     EXPECT_EQ(targets[0].file.path, "/photos/b");
+}
 
-    test::TempDir dir;
-    selection.save(dir.path("selection.json"));
-    EXPECT_EQ(Selection::load(dir.path("selection.json")), selection);
+TEST(ReportExportTest, CsvQuotesOnlyPathsThatNeedItAndLeavesFreesEmptyWhereNothingIsFreed) {
+    EXPECT_EQ(Report::csv({}, {}), "digest,size,frees,role,path\n");
+
+    std::string digest(64, 'a');
+    DuplicateGroup group;
+    group.digest = digest;
+    group.files = {copy("/p/kept, first.jpg", 300, CloneInfo{300, 5, 0}),
+                   copy("/p/say \"hi\".jpg", 300),
+                   copy("/p/two\nlines.jpg", 300),
+                   copy("/p/left out/ünïcode photo.jpg", 300),
+                   copy("/p/already a clone.jpg", 300, CloneInfo{0, 5, 0})};
+    Selection selection;
+    selection.excluded = {"/p/left out"};
+    EXPECT_EQ(Report::csv({group}, selection),
+              "digest,size,frees,role,path\n" +
+                  digest + ",300,,keep,\"/p/kept, first.jpg\"\n" +
+                  digest + ",300,300,clone,\"/p/say \"\"hi\"\".jpg\"\n" +
+                  digest + ",300,300,clone,\"/p/two\nlines.jpg\"\n" +
+                  digest + ",300,,excluded,/p/left out/ünïcode photo.jpg\n" +
+                  digest + ",300,,clone,/p/already a clone.jpg\n");
+}
+
+TEST(ReportExportTest, SavedScanLoadsBackEqual) {
+    ScanResult result;
+    DuplicateGroup group;
+    group.digest = std::string(64, 'f');
+    group.files = {copy("/a/é.jpg", 5000000000, CloneInfo{5000000000, 0xFFFFFFFFFFFFFFF1ull, 3}),
+                   copy("/b/x.jpg", 5000000000)};
+    group.files[1].status.modified = {-1, 999999999};
+    group.files[1].status.device = 0xFFFFFFFF12ull;
+    group.reclaimableBytes = 5000000000;
+    result.groups = {group, group};
+    result.filesSeen = 12;
+    result.bytesRead = 10000000000;
+    result.unreadableFolders = {"/secret"};
+    result.leftovers = {"/a/.x.dedup-0F0E8C9B-3D63-4E1A-9C9B-5E9A7E0C1D2F"};
+    result.cancelled = true;
+
+    EXPECT_EQ(Report::load(Report::json(result)), result);
+
+    // A path that is not UTF-8 cannot be saved faithfully, so saving fails rather than alter it.
+    result.groups[0].files[0].path = "/a/\xff.jpg";
+    EXPECT_THROW(Report::json(result), nlohmann::json::exception);
+    EXPECT_THROW(Report::load("digest,size\n"), nlohmann::json::exception);
+    EXPECT_THROW(Report::load("{\"groups\": []}"), nlohmann::json::exception);
+}
+
+std::vector<CloneEngine::Replacement> sized(int count, int64_t size) {
+    std::vector<CloneEngine::Replacement> result(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        result[static_cast<size_t>(i)].target = "/t" + std::to_string(i);
+        result[static_cast<size_t>(i)].expected.size = size;
+    }
+    return result;
+}
+
+TEST(ReclaimerTest, BatchesAreBoundedByCountAndBytes) {
+    auto small = Reclaimer::batches(sized(65, 10));
+    ASSERT_EQ(small.size(), 2u);
+    EXPECT_EQ(small[0].size(), 64u);
+    EXPECT_EQ(small[1].size(), 1u);
+    EXPECT_EQ(small[1][0].target, "/t64");
+
+    // The second 600 MB copy takes a batch past 2^30 bytes, so the third starts the next.
+    auto large = Reclaimer::batches(sized(5, 600000000));
+    ASSERT_EQ(large.size(), 3u);
+    EXPECT_EQ(large[0].size(), 2u);
+    EXPECT_EQ(large[2].size(), 1u);
+    EXPECT_TRUE(Reclaimer::batches({}).empty());
+}
+
+TEST(ReclaimerTest, ReclaimsCountsSkipsAndStopsWhenCancelled) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+    auto* volume = test::sharedVolume(test::LoopVolume::Kind::xfs);
+    std::string dir = test::freshFolder(volume, "reclaimer");
+    test::TempDir data;
+    Journal journal(data.path("journal.jsonl"));
+
+    for (int i = 0; i < 6; ++i) test::writeRandomFile(dir + "/f" + std::to_string(i), 100000, 61);
+    test::writeRandomFile(dir + "/left-out/f", 100000, 61);
+    DuplicateFinder finder;
+    finder.options.minimumSize = 1;
+    auto groups = finder.scan({dir}, nullptr, nullptr).groups;
+    ASSERT_EQ(groups.size(), 1u);
+    ASSERT_EQ(groups[0].files.size(), 7u);
+
+    // One copy changed since the scan: skipped under its reason, not failed.
+    const std::string changed = groups[0].files[2].path;
+    test::writeRandomFile(changed, 100000, 61);
+
+    Reclaimer reclaimer;
+    reclaimer.engine.journal = &journal;
+    std::vector<ReclaimProgress> seen;
+    int started = 0;
+    auto summary = reclaimer.reclaim(groups, Selection{{dir + "/left-out"}},
+                                     [&](const ReclaimProgress& p) { seen.push_back(p); },
+                                     [&] { return started++ >= 4; });
+    // Five targets planned (the left-out one is not), four started, then cancelled.
+    EXPECT_TRUE(summary.cancelled);
+    EXPECT_EQ(seen.size(), 4u);
+    EXPECT_EQ(seen.back().total, 5);
+    EXPECT_EQ(summary.replaced, 3);
+    EXPECT_EQ(summary.freedBytes, 300000);
+    EXPECT_EQ(summary.skipped, (std::map<std::string, std::vector<std::string>>{{"changedSinceScan", {changed}}}));
+    EXPECT_TRUE(summary.failed.empty());
+    EXPECT_TRUE(journal.interrupted().empty());
 }
 
 // Btrfs keeps small files inside its metadata, where every one reports the same address 0: they

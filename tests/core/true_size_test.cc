@@ -1,12 +1,13 @@
 #include "true_size.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "file_records.h"
+#include "space_holders.h"
 #include "support/test_files.h"
 #include "volumes.h"
 
@@ -17,12 +18,6 @@ namespace fs = std::filesystem;
 using test::LoopVolume;
 using TrueSize::Sharing;
 
-int64_t allocatedOf(const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
-    return static_cast<int64_t>(st.st_blocks) * 512;
-}
-
 const FolderSize& child(const FolderSize& folder, const std::string& name) {
     for (const auto& c : folder.children) {
         if (c.path == folder.path + "/" + name) return c;
@@ -30,41 +25,19 @@ const FolderSize& child(const FolderSize& folder, const std::string& name) {
     throw std::runtime_error("no child " + name + " in " + folder.path);
 }
 
-TEST(TrueSizeTest, SharedBlocksAreFreedOnlyOnceEveryUserIsInside) {
-    // Extent 7 is used by three files: one in each half and an inode with a name in each half.
-    TrueSize::Tally left;
-    left.privateBytes = 10;
-    left.families[7] = {3, 1, 100};
-    left.linked[42] = {2, 50, 1, {7}};
-    TrueSize::Tally right;
-    right.privateBytes = 20;
-    right.families[7] = {3, 1, 80};
-    right.linked[42] = {2, 50, 1, {7}};
-    EXPECT_EQ(left.freed(), 10);
-    EXPECT_EQ(right.freed(), 20);
-
-    TrueSize::Tally both = left;
-    both.merge(right);
-    EXPECT_EQ(both.families.at(7), (TrueSize::Family{3, 2, 100}));
-    EXPECT_EQ(both.linked.at(42).found, 2);
-    EXPECT_EQ(both.freed(), 10 + 20 + 50 + 100);
-}
-
 TEST(TrueSizeTest, HardLinksCountOnceAndOnlyWithAllTheirNames) {
     test::TempDir dir;
     std::string root = dir.path("root");
-    fs::create_directories(root + "/big");
-    fs::create_directories(root + "/small");
     fs::create_directories(root + "/empty/deeper");
-    fs::create_directories(root + "/linked");
-    fs::create_directories(root + "/half");
     test::writeRandomFile(root + "/big/f", 300000, 1);
     test::writeRandomFile(root + "/small/g", 100000, 2);
     test::writeRandomFile(root + "/linked/p", 50000, 3);
-    ASSERT_EQ(::link((root + "/linked/p").c_str(), (root + "/linked/p2").c_str()), 0);
+    // Its two names are in sibling folders: only their parent holds the whole file.
+    ASSERT_EQ(::link((root + "/linked/p").c_str(), (root + "/small/p2").c_str()), 0);
     test::writeRandomFile(root + "/half/q", 20000, 4);
     ASSERT_EQ(::link((root + "/half/q").c_str(), dir.path("q-outside").c_str()), 0);
     fs::create_symlink(root + "/big/f", root + "/big/link");
+    using test::allocatedOf;
     int64_t f = allocatedOf(root + "/big/f"), g = allocatedOf(root + "/small/g"), p = allocatedOf(root + "/linked/p"),
             q = allocatedOf(root + "/half/q");
 
@@ -80,23 +53,15 @@ TEST(TrueSizeTest, HardLinksCountOnceAndOnlyWithAllTheirNames) {
     ASSERT_EQ(size.children.size(), 5u);
     EXPECT_EQ(size.children[0].path, root + "/big");
     EXPECT_EQ(size.children[1].path, root + "/small");
-    EXPECT_EQ(size.children[2].path, root + "/linked");
-    EXPECT_EQ(child(size, "linked").freedIfDeleted, p);
-    EXPECT_EQ(child(size, "linked").logical, 2 * 50000);
+    EXPECT_EQ(child(size, "small").freedIfDeleted, g);
+    EXPECT_EQ(child(size, "small").logical, 100000 + 50000);
+    EXPECT_EQ(child(size, "linked").freedIfDeleted, 0);
     EXPECT_EQ(child(size, "half").freedIfDeleted, 0);
     EXPECT_EQ(child(size, "half").allocated, q);
     const FolderSize& empty = child(size, "empty");
     EXPECT_EQ(empty.logical + empty.allocated + empty.freedIfDeleted + empty.uncertain, 0);
     ASSERT_EQ(empty.children.size(), 1u);
     EXPECT_TRUE(empty.children[0].children.empty());
-
-    try {
-        TrueSize::measure(dir.path("missing"));
-        FAIL();
-    } catch (const SystemError& error) {
-        EXPECT_EQ(error.path, dir.path("missing"));
-        EXPECT_EQ(error.code, ENOENT);
-    }
 }
 
 struct VolumeCase {
@@ -113,7 +78,6 @@ TEST_P(TrueSizeOnVolume, ClonesAreFreedOnlyWithAllTheirMembers) {
     DEDUP_REQUIRE_VOLUME(kind);
     std::string top = test::freshFolder(test::sharedVolume(kind), "true-size");
     std::string tree = top + "/tree";
-    for (const char* folder : {"/both", "/one", "/pair/left", "/pair/right"}) fs::create_directories(tree + folder);
     constexpr int64_t mib = 1 << 20;
     test::writeRandomFile(tree + "/both/a", mib, 11);
     test::reflinkCopy(tree + "/both/a", tree + "/both/a2");
@@ -164,6 +128,50 @@ INSTANTIATE_TEST_SUITE_P(Volumes, TrueSizeOnVolume,
                                            VolumeCase{LoopVolume::Kind::btrfs, false, "btrfsNotAsked"},
                                            VolumeCase{LoopVolume::Kind::xfs, true, "xfs"}),
                          [](const auto& info) { return std::string(info.param.name); });
+
+TEST(SpaceHoldersTest, AnotherVolumeHasItsOwnTrash) {
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::xfs);
+    auto* volume = test::sharedVolume(LoopVolume::Kind::xfs);
+    std::string folder = test::freshFolder(volume, "holders");
+    EXPECT_EQ(SpaceHolders::check(folder), SpaceHolders{});
+
+    std::string uid = std::to_string(::getuid());
+    std::string dashed = volume->path(".Trash-" + uid);
+    std::string shared = volume->path(".Trash/" + uid);
+    test::writeRandomFile(dashed + "/files/a", 100000, 2);
+    EXPECT_EQ(SpaceHolders::check(folder).trashBytes, test::allocatedOf(dashed + "/files/a"));
+
+    // The volume's shared Trash folder comes first when it has one for this user.
+    test::writeRandomFile(shared + "/files/b", 300000, 3);
+    EXPECT_EQ(SpaceHolders::check(folder).trashBytes, test::allocatedOf(shared + "/files/b"));
+    EXPECT_EQ(SpaceHolders::check(folder).snapshots, std::vector<std::string>{});
+    fs::remove_all(dashed);
+    fs::remove_all(volume->path(".Trash"));
+}
+
+TEST(SpaceHoldersTest, BtrfsSnapshotIsListedAndKeepsItsBlocks) {
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::btrfs);
+    std::string folder = test::freshFolder(test::sharedVolume(LoopVolume::Kind::btrfs), "snapshots");
+    test::runCommandChecked({"btrfs", "subvolume", "create", folder + "/data"});
+    test::runCommandChecked({"btrfs", "subvolume", "create", folder + "/plain"});
+    test::writeRandomFile(folder + "/data/photo.jpg", 1 << 20, 4);
+    test::runCommandChecked({"btrfs", "subvolume", "snapshot", "-r", folder + "/data", folder + "/data-monday"});
+
+    auto snapshots = SpaceHolders::check(folder + "/data").snapshots;
+    EXPECT_NE(std::find(snapshots.begin(), snapshots.end(), folder + "/data-monday"), snapshots.end());
+    EXPECT_EQ(std::find(snapshots.begin(), snapshots.end(), folder + "/plain"), snapshots.end());
+    EXPECT_EQ(std::find(snapshots.begin(), snapshots.end(), folder + "/data"), snapshots.end());
+
+    // The snapshot still uses the photo's blocks: deleting the folder frees none of them.
+    auto [data, tally] = TrueSize::measureWithTally(folder + "/data");
+    EXPECT_EQ(data.allocated, 1 << 20);
+    EXPECT_EQ(data.freedIfDeleted, 0);
+    EXPECT_EQ(data.uncertain, tally.sharing == TrueSize::Sharing::unknown ? 1 << 20 : 0);
+    // Subvolumes inside a folder are other trees, never entered.
+    FolderSize outer = TrueSize::measure(folder);
+    EXPECT_EQ(outer.logical, 0);
+    EXPECT_TRUE(outer.children.empty());
+}
 
 }  // namespace
 }  // namespace dedup
