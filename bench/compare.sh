@@ -16,6 +16,8 @@ set -euo pipefail
 
 readonly all_tools="dedup jdupes rmlint fdupes rdfind"
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+# shellcheck source=tree.sh
+. "$here/tree.sh"
 repo="$(dirname "$here")"
 
 usage() {
@@ -152,23 +154,9 @@ tree="$dir/tree"
 stamp="$dir/stamp"
 summary="$dir/summary.txt"
 want_stamp="scale=$scale reflink=$reflink generator=$(sha256sum "$here/make_dataset.cc" | cut -c1-16)"
-if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$want_stamp" ] && [ -d "$tree" ] && [ -f "$summary" ]; then
-  say "reusing the tree in $tree ($want_stamp)"
-else
-  if [ -e "$tree" ]; then
-    # Only a tree this script made (it leaves a stamp before writing) is ever removed.
-    [ -f "$stamp" ] || die "$tree exists but was not made by this script; remove it or choose another --dir"
-    say "removing the old tree ($(cat "$stamp"))"
-    rm -rf -- "$tree"
-  fi
-  echo "incomplete" >"$stamp"
-  say "generating the tree (scale $scale) in $tree"
-  gen_args=(--scale "$scale")
-  [ "$reflink" -eq 0 ] || gen_args+=(--reflink)
-  "$make_dataset" "${gen_args[@]}" "$tree" >"$summary.new"
-  mv "$summary.new" "$summary"
-  echo "$want_stamp" >"$stamp"
-fi
+gen_args=(--scale "$scale")
+[ "$reflink" -eq 0 ] || gen_args+=(--reflink)
+ensure_tree "$dir" "$want_stamp" "" "${gen_args[@]}"
 sed 's/^/  /' "$summary" >&2
 
 summary_value() { sed -n "s/^$1: //p" "$summary"; }

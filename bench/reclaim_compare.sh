@@ -20,6 +20,8 @@ readonly all_fs="btrfs xfs"
 # Bump when the metadata given to the tree (decorate below) changes, so an old tree is not reused.
 readonly decoration_version=1
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+# shellcheck source=tree.sh
+. "$here/tree.sh"
 repo="$(dirname "$here")"
 
 usage() {
@@ -178,22 +180,11 @@ decorate() {
   done < <(cd "$root" && find . -mindepth 1 -type d -print0 | LC_ALL=C sort -rz | sed -z "s|^\.|$root|")
 }
 
-if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$want_stamp" ] && [ -d "$tree" ] && [ -f "$summary" ]; then
-  say "reusing the tree in $tree ($want_stamp)"
-else
-  if [ -e "$tree" ]; then
-    [ -f "$stamp" ] || die "$tree exists but was not made by this script; remove it or choose another --dir"
-    say "removing the old tree ($(cat "$stamp"))"
-    rm -rf -- "$tree"
-  fi
-  echo "incomplete" >"$stamp"
-  say "generating the tree (scale $scale) in $tree"
-  "$make_dataset" --scale "$scale" "$tree" >"$summary.new"
+decorate_noisily() {
   say "giving a fifth of the files other owners, modes, attributes, ACLs and dates"
-  decorate "$tree"
-  mv "$summary.new" "$summary"
-  echo "$want_stamp" >"$stamp"
-fi
+  decorate "$1"
+}
+ensure_tree "$dir" "$want_stamp" decorate_noisily --scale "$scale"
 # The records below are lines of tab-separated fields ending in the path.
 if find "$tree" \( -name $'*\n*' -o -name $'*\t*' -o -name '*\\*' \) -print -quit | grep -q .; then
   die "a name in $tree holds a tab, newline or backslash; the records cannot hold it"

@@ -1,0 +1,28 @@
+# Sourced by the benchmark scripts: the generated tree, made once and kept while it would come out
+# byte for byte the same. Needs `say`, `die` and `make_dataset` from the caller.
+#
+#   ensure_tree DIR WANT_STAMP AFTER [MAKE_DATASET ARGUMENTS...]
+#
+# Makes DIR/tree and DIR/summary.txt (what the generator printed) unless DIR/stamp already says
+# WANT_STAMP. AFTER names a function run on the new tree before it is stamped, or is empty. Only a
+# tree this script made (the stamp is written before the tree) is ever removed.
+ensure_tree() {
+  local dir="$1" want="$2" after="$3"
+  shift 3
+  local tree="$dir/tree" stamp="$dir/stamp" summary="$dir/summary.txt"
+  if [ -f "$stamp" ] && [ "$(cat "$stamp")" = "$want" ] && [ -d "$tree" ] && [ -f "$summary" ]; then
+    say "reusing the tree in $tree ($want)"
+    return
+  fi
+  if [ -e "$tree" ]; then
+    [ -f "$stamp" ] || die "$tree exists but was not made by this script; remove it or choose another --dir"
+    say "removing the old tree ($(cat "$stamp"))"
+    rm -rf -- "$tree"
+  fi
+  echo "incomplete" >"$stamp"
+  say "generating the tree in $tree ($want)"
+  "$make_dataset" "$@" "$tree" >"$summary.new"
+  [ -z "$after" ] || "$after" "$tree"
+  mv "$summary.new" "$summary"
+  echo "$want" >"$stamp"
+}
