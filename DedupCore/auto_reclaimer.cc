@@ -273,8 +273,10 @@ std::set<SizeKey> AutoReclaimer::refresh(const std::string& folder) {
             ++it;
         }
     }
+    // A subfolder deleted or moved away is noticed here, in its parent; what was below it goes too.
     std::vector<std::string> vanished;
     for (auto it = folders_.lower_bound(prefix); it != folders_.end() && it->starts_with(prefix); ++it) {
+        if (parentOf(*it) != folder) continue;
         bool present = false;
         try {
             present = FileStatus::read(watchedSpelling(*it)).isDirectory();
