@@ -40,6 +40,11 @@ struct Candidate {
     std::vector<size_t> units;
 };
 
+// How far ahead of the reading the disk is asked for a file's bytes: a spinning disk gets long
+// stretches of one file before its head moves to the next file of the set.
+constexpr int64_t solidReadAhead = int64_t{4} << 20;
+constexpr int64_t spinningReadAhead = int64_t{16} << 20;
+
 class Grouper {
 public:
     Grouper(const DuplicateFinder& finder, bool acrossVolumes, const ProgressCallback& progress,
@@ -50,23 +55,26 @@ public:
           isCancelled_(isCancelled),
           filesSeen_(filesSeen) {}
 
+    // The steps in order, cheapest first: sizes from the listing; a 64 KiB prefix of each file whose
+    // size another file shares; the extent maps of the files whose prefix another shares too; the
+    // whole files, read side by side.
     DuplicateFinder::Grouping run(const std::vector<ScannedFile>& files) {
         files_ = &files;
         bucketBySize(files);
-        readCloneFacts();
         std::vector<Candidate> candidates;
         for (auto& bucket : buckets_) {
             if (cancelled()) break;
-            formUnits(bucket);
-            if (!acrossVolumes_) decideReplaceable(bucket);
-            Candidate all{&bucket, {}};
-            for (size_t u = 0; u < bucket.units.size(); ++u) all.units.push_back(u);
+            Candidate all{&bucket, formUnits(bucket, bucket.files)};
             if (worthHashing(all)) candidates.push_back(std::move(all));
         }
-        candidates = refine(candidates, ContentHash::partialLimit, [](const Bucket&) { return true; });
+        digestPrefixes(candidates);
+        candidates = splitByDigest(candidates, [](const Bucket&) { return true; });
+        readCloneFacts(candidates);
+        candidates = joinClones(candidates);
         // Up to 64 KiB the prefix digest already covers the whole file.
-        candidates = refine(candidates, ContentHash::fullLimit,
-                            [](const Bucket& b) { return b.size > ContentHash::partialLimit; });
+        auto needsWholeFile = [](const Bucket& b) { return b.size > ContentHash::partialLimit; };
+        digestWholeFiles(candidates, needsWholeFile);
+        candidates = splitByDigest(candidates, needsWholeFile);
         DuplicateFinder::Grouping result;
         for (auto& candidate : candidates) result.groups.push_back(makeGroup(candidate));
         std::stable_sort(result.groups.begin(), result.groups.end(), [](const auto& a, const auto& b) {
@@ -117,11 +125,16 @@ private:
 
     const ScannedFile& file(size_t member) const { return (*files_)[pool_[member].index]; }
 
-    // The extent map is read only for files whose size another file shares.
-    void readCloneFacts() {
+    // The extent map is read only for files whose size and prefix another file shares: most files
+    // of a common size differ in their first bytes, and a digest from the cache costs no reading.
+    void readCloneFacts(const std::vector<Candidate>& candidates) {
         std::vector<size_t> missing;
-        for (size_t i = 0; i < pool_.size(); ++i) {
-            if (!pool_[i].clones) missing.push_back(i);
+        for (const auto& candidate : candidates) {
+            for (size_t u : candidate.units) {
+                for (size_t i : candidate.bucket->units[u].files) {
+                    if (!pool_[i].clones) missing.push_back(i);
+                }
+            }
         }
         parallelFor(missing.size(), workersFor(finder_.threads, false), [&](size_t k) {
             if (cancelled()) return;
@@ -134,21 +147,60 @@ private:
         });
     }
 
-    void formUnits(Bucket& bucket) {
-        std::stable_sort(bucket.files.begin(), bucket.files.end(),
-                         [&](size_t a, size_t b) { return file(a).path < file(b).path; });
+    // Makes units of `files` (members of `bucket`): files that share all their blocks form one, any
+    // other file is one on its own. Returns their indices in bucket.units.
+    std::vector<size_t> formUnits(Bucket& bucket, std::vector<size_t> files) {
+        std::stable_sort(files.begin(), files.end(), [&](size_t a, size_t b) { return file(a).path < file(b).path; });
+        std::vector<size_t> formed;
         std::map<std::pair<uint64_t, uint64_t>, size_t> families;
-        for (size_t index : bucket.files) {
+        for (size_t index : files) {
             const auto& clones = pool_[index].clones;
             if (!clones || clones->privateSize != 0) {
+                formed.push_back(bucket.units.size());
                 bucket.units.push_back(Unit{{index}, true, {}});
                 continue;
             }
             auto key = std::pair{file(index).status.device, clones->cloneID};
             auto [it, isNew] = families.emplace(key, bucket.units.size());
-            if (isNew) bucket.units.push_back(Unit{{}, true, {}});
+            if (isNew) {
+                formed.push_back(bucket.units.size());
+                bucket.units.push_back(Unit{{}, true, {}});
+            }
             bucket.units[it->second].files.push_back(index);
         }
+        if (!acrossVolumes_) {
+            for (size_t u : formed) {
+                Unit& unit = bucket.units[u];
+                unit.replaceable = std::all_of(unit.files.begin(), unit.files.end(),
+                                               [&](size_t i) { return isReplaceable(file(i)); });
+            }
+        }
+        return formed;
+    }
+
+    // With the extent maps read, files of a candidate that share all their blocks become one unit;
+    // a candidate left with one unit (or none that could be replaced) is no longer worth reading.
+    std::vector<Candidate> joinClones(std::vector<Candidate>& candidates) {
+        std::vector<Candidate> result;
+        for (auto& candidate : candidates) {
+            auto& units = candidate.bucket->units;
+            bool anyClone = std::any_of(candidate.units.begin(), candidate.units.end(), [&](size_t u) {
+                return std::any_of(units[u].files.begin(), units[u].files.end(), [&](size_t i) {
+                    return pool_[i].clones && pool_[i].clones->privateSize == 0;
+                });
+            });
+            if (!anyClone) {
+                result.push_back(std::move(candidate));
+                continue;
+            }
+            std::string digest = units[candidate.units.front()].digest;
+            std::vector<size_t> files;
+            for (size_t u : candidate.units) files.insert(files.end(), units[u].files.begin(), units[u].files.end());
+            Candidate joined{candidate.bucket, formUnits(*candidate.bucket, std::move(files))};
+            for (size_t u : joined.units) candidate.bucket->units[u].digest = digest;
+            if (worthHashing(joined)) result.push_back(std::move(joined));
+        }
+        return result;
     }
 
     bool isReplaceable(const ScannedFile& file) {
@@ -164,13 +216,6 @@ private:
         return it->second;
     }
 
-    void decideReplaceable(Bucket& bucket) {
-        for (auto& unit : bucket.units) {
-            unit.replaceable = std::all_of(unit.files.begin(), unit.files.end(),
-                                           [&](size_t i) { return isReplaceable(file(i)); });
-        }
-    }
-
     static bool worthHashing(const Candidate& candidate) {
         if (candidate.units.size() < 2) return false;
         return std::any_of(candidate.units.begin(), candidate.units.end(),
@@ -183,24 +228,23 @@ private:
         return it->second;
     }
 
-    // Digests one file of every unit still in question, `limit` bytes of it, then splits each
-    // candidate by digest. Candidates that `needs` nothing more pass through unchanged. All buckets
-    // are hashed in one pass per device, so the readers stay busy however small the buckets are.
-    template <typename Needs>
-    std::vector<Candidate> refine(std::vector<Candidate>& candidates, int64_t limit, Needs needs) {
+    void reading(const std::string& path) {
+        if (progress_) progress_(ScanProgress{ScanProgress::Phase::hashing, filesSeen_, bytesRead_.get(), path});
+    }
+
+    // The prefix digest of one file of every unit. All buckets are hashed in one pass per device,
+    // so the readers stay busy however small the buckets are.
+    void digestPrefixes(std::vector<Candidate>& candidates) {
         struct Job {
             Unit* unit;
-            size_t member;
             const ScannedFile* file;
         };
         std::map<uint64_t, std::vector<Job>> jobsByDevice;
         for (auto& candidate : candidates) {
-            if (!needs(*candidate.bucket)) continue;
             for (size_t u : candidate.units) {
                 Unit& unit = candidate.bucket->units[u];
-                unit.digest.clear();
                 const ScannedFile& first = file(unit.files.front());
-                jobsByDevice[first.status.device].push_back({&unit, unit.files.front(), &first});
+                jobsByDevice[first.status.device].push_back({&unit, &first});
             }
         }
         for (auto& [device, jobs] : jobsByDevice) {
@@ -211,17 +255,54 @@ private:
             std::vector<const ScannedFile*> files;
             files.reserve(jobs.size());
             for (const auto& job : jobs) files.push_back(job.file);
-            auto reading = [this](const std::string& path) {
-                if (progress_) {
-                    progress_(ScanProgress{ScanProgress::Phase::hashing, filesSeen_, bytesRead_.get(), path});
-                }
-            };
-            auto digests = Hasher::digests(files, limit, rotational(device, files.front()->path), finder_.cache,
-                                           bytesRead_, reading, isCancelled_, finder_.threads);
+            auto digests = Hasher::digests(files, ContentHash::partialLimit, rotational(device, files.front()->path),
+                                           finder_.cache, bytesRead_, [this](const std::string& p) { reading(p); },
+                                           isCancelled_, finder_.threads);
             for (size_t i = 0; i < jobs.size(); ++i) {
-                if (digests[i]) jobs[i].unit->digest = std::move(*digests[i]);
+                jobs[i].unit->digest = digests[i] ? std::move(*digests[i]) : std::string();
             }
         }
+    }
+
+    // The whole-file digest of one file of every unit that `needs` it, each candidate's files read
+    // side by side, candidates on as many readers as the disk bears.
+    template <typename Needs>
+    void digestWholeFiles(std::vector<Candidate>& candidates, Needs needs) {
+        auto firstOf = [this](const Candidate& c, size_t k) -> const ScannedFile& {
+            return file(c.bucket->units[c.units[k]].files.front());
+        };
+        std::map<uint64_t, std::vector<Candidate*>> jobsByDevice;
+        for (auto& candidate : candidates) {
+            if (needs(*candidate.bucket)) jobsByDevice[firstOf(candidate, 0).status.device].push_back(&candidate);
+        }
+        for (auto& [device, jobs] : jobsByDevice) {
+            if (cancelled()) break;
+            bool spins = rotational(device, firstOf(*jobs.front(), 0).path);
+            size_t workers = workersFor(finder_.threads, spins);
+            // One reader goes through the disk in inode order; several take the largest sets first,
+            // so that no long read is left for last while the other readers stand idle.
+            std::stable_sort(jobs.begin(), jobs.end(), [&](const Candidate* a, const Candidate* b) {
+                if (workers == 1) return firstOf(*a, 0).status.inode < firstOf(*b, 0).status.inode;
+                return a->bucket->size * std::ssize(a->units) > b->bucket->size * std::ssize(b->units);
+            });
+            parallelFor(jobs.size(), workers, [&](size_t j) {
+                if (cancelled()) return;
+                Candidate& candidate = *jobs[j];
+                std::vector<const ScannedFile*> files;
+                for (size_t k = 0; k < candidate.units.size(); ++k) files.push_back(&firstOf(candidate, k));
+                auto digests = Hasher::digestsSideBySide(files, finder_.cache, bytesRead_,
+                                                         [this](const std::string& p) { reading(p); }, isCancelled_,
+                                                         spins ? spinningReadAhead : solidReadAhead);
+                for (size_t k = 0; k < files.size(); ++k) {
+                    candidate.bucket->units[candidate.units[k]].digest = digests[k] ? std::move(*digests[k]) : "";
+                }
+            });
+        }
+    }
+
+    // Splits each candidate that `needs` it by its units' digests; a part worth no more reading goes.
+    template <typename Needs>
+    std::vector<Candidate> splitByDigest(std::vector<Candidate>& candidates, Needs needs) {
         std::vector<Candidate> result;
         for (auto& candidate : candidates) {
             if (!needs(*candidate.bucket)) {

@@ -45,6 +45,11 @@ FileDescriptor openDirectory(const std::string& path);
 // Reads up to buffer.size() bytes; 0 means end of file. Throws SystemError("read", path, errno).
 size_t readSome(const FileDescriptor& fd, const std::string& path, std::span<std::byte> buffer);
 
+// Asks the kernel to start reading `length` bytes from `offset` into the page cache and returns at
+// once, so that the disk works while the caller digests what it already has. Only a hint: never
+// fails.
+void readAhead(const FileDescriptor& fd, int64_t offset, int64_t length);
+
 // Writes the whole text to a temporary file beside `path`, flushes it and renames it over `path`,
 // so readers see the old or the new content, never a part. Throws SystemError.
 void writeFileAtomically(const std::string& path, const std::string& content);

@@ -4,7 +4,9 @@
 
 #include <atomic>
 
+#include "hash_cache.h"
 #include "support/test_files.h"
+#include "volumes.h"
 
 namespace dedup {
 namespace {
@@ -66,6 +68,69 @@ TEST(HasherTest, CancellationLeavesTheRestAbsent) {
                                    [&](const std::string&) { ++read; }, [&] { return read >= 4; });
     EXPECT_EQ(std::count_if(digests.begin(), digests.end(), [](const auto& d) { return d.has_value(); }), 4);
     EXPECT_TRUE(digests[3] && !digests[4]);
+}
+
+TEST(HasherTest, FilesReadSideBySideGetTheirOwnDigestsWhereverTheyDiffer) {
+    test::TempDir dir;
+    constexpr int64_t chunk = static_cast<int64_t>(ContentHash::chunkSize);
+    std::string content = test::randomBytes(3 * chunk + 1000, 33);
+    auto changed = [&](int64_t at) {
+        std::string copy = content;
+        copy[static_cast<size_t>(at)] ^= 0x40;
+        return copy;
+    };
+    // Copies, and files that part from the first in its first chunk, inside a later chunk, at a
+    // chunk's edge and in the last byte; two that part at the same place but agree with each other
+    // (they must still match); one shorter and one longer.
+    std::vector<std::pair<std::string, std::string>> made = {
+        {"first", content},          {"copy", content},
+        {"at0", changed(0)},         {"middle", changed(chunk + 77)},
+        {"edge", changed(2 * chunk)}, {"last", changed(static_cast<int64_t>(content.size()) - 1)},
+        {"twin1", changed(chunk + 5)}, {"twin2", changed(chunk + 5)},
+        {"copy2", content},          {"shorter", content.substr(0, content.size() - 1)},
+        {"longer", content + "x"}};
+    std::vector<ScannedFile> files;
+    int64_t total = 0;
+    for (const auto& [name, bytes] : made) {
+        test::writeFile(dir.path(name), bytes);
+        files.push_back({dir.path(name), FileStatus::read(dir.path(name)), {}});
+        total += static_cast<int64_t>(bytes.size());
+    }
+    files.insert(files.begin(), {dir.path("vanished"), files[0].status, {}});
+    std::vector<const ScannedFile*> pointers;
+    for (const auto& file : files) pointers.push_back(&file);
+
+    Locked<int64_t> bytes{0};
+    auto digests = Hasher::digestsSideBySide(pointers, nullptr, bytes, nullptr, nullptr, chunk);
+    ASSERT_EQ(digests.size(), files.size());
+    EXPECT_FALSE(digests[0]);  // an unreadable first file leaves the others to go on without it
+    for (size_t i = 1; i < files.size(); ++i) {
+        ASSERT_TRUE(digests[i]) << files[i].path;
+        EXPECT_EQ(*digests[i], digestText(ContentHash::sha256(files[i].path, ContentHash::fullLimit))) << files[i].path;
+    }
+    // Each file is read once, whatever it shares.
+    EXPECT_EQ(bytes.get(), total);
+
+}
+
+TEST(HasherTest, SideBySideServesCachedDigestsAndReadsOnlyTheRest) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+    std::string root = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::xfs), "side-by-side");
+    test::TempDir data;
+    HashCache cache(data.path("hashes.sqlite"));
+    std::vector<ScannedFile> files;
+    for (const char* name : {"a", "b", "c"}) {
+        test::writeRandomFile(root + "/" + name, 300000, 34);
+        files.push_back({root + "/" + name, FileStatus::read(root + "/" + name), {}});
+    }
+    cache.store("known", HashCache::Kind::full, files[0]);
+    Locked<int64_t> bytes{0};
+    auto digests = Hasher::digestsSideBySide({&files[0], &files[1], &files[2]}, &cache, bytes, nullptr, nullptr);
+    std::string real = digestText(ContentHash::sha256(files[1].path, ContentHash::fullLimit));
+    EXPECT_EQ(digests, (std::vector<std::optional<std::string>>{"known", real, real}));
+    EXPECT_EQ(bytes.get(), 2 * 300000);
+    // The digests read are cached for the next time.
+    EXPECT_EQ(cache.digest(HashCache::Kind::full, files[2]), real);
 }
 
 TEST(HasherTest, SameContentComparesEveryByte) {

@@ -58,6 +58,10 @@ size_t readSome(const FileDescriptor& fd, const std::string& path, std::span<std
     }
 }
 
+void readAhead(const FileDescriptor& fd, int64_t offset, int64_t length) {
+    ::posix_fadvise(fd.get(), offset, length, POSIX_FADV_WILLNEED);
+}
+
 void writeFileAtomically(const std::string& path, const std::string& content) {
     std::string temporary = path + ".tmp-" + std::to_string(::getpid());
     int fd = openRetrying(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW);
