@@ -204,20 +204,27 @@ std::vector<std::optional<std::string>> Hasher::digests(const std::vector<const 
                                                         Locked<int64_t>& bytesRead,
                                                         const std::function<void(const std::string&)>& reading,
                                                         const std::function<bool()>& isCancelled, int workers) {
+    auto kindOf = [limit](const ScannedFile& file) {
+        return limit >= file.status.size ? HashCache::Kind::full : HashCache::Kind::partial;
+    };
+    // The cache answers for all files in one pass before any worker starts, so the workers neither
+    // wait on each other for it nor read a file it knows.
+    std::vector<std::optional<std::string>> result(files.size());
+    if (cache) {
+        std::vector<HashCache::Lookup> lookups;
+        lookups.reserve(files.size());
+        for (const ScannedFile* file : files) lookups.push_back({kindOf(*file), file});
+        result = cache->digests(lookups);
+    }
+    std::vector<size_t> unread;
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (!result[i]) unread.push_back(i);
+    }
     // Each index is written by exactly one worker, and the vector is not resized while they run,
     // so the entries need no lock of their own.
-    std::vector<std::optional<std::string>> result(files.size());
-    auto work = [&](size_t i) {
+    auto work = [&](size_t k) {
         if (isCancelled && isCancelled()) return;
-        const ScannedFile& file = *files[i];
-        bool full = limit >= file.status.size;
-        auto kind = full ? HashCache::Kind::full : HashCache::Kind::partial;
-        if (cache) {
-            if (auto known = cache->digest(kind, file)) {
-                result[i] = std::move(known);
-                return;
-            }
-        }
+        const ScannedFile& file = *files[unread[k]];
         if (reading) reading(file.path);
         std::string text;
         try {
@@ -225,12 +232,11 @@ std::vector<std::optional<std::string>> Hasher::digests(const std::vector<const 
         } catch (const std::exception&) {
             return;  // unreadable or gone: no digest, so it matches nothing
         }
-        if (cache) cache->store(text, kind, file);
+        if (cache) cache->store(text, kindOf(file), file);
         bytesRead.with([&](int64_t& total) { total += std::min(file.status.size, limit); });
-        result[i] = std::move(text);
+        result[unread[k]] = std::move(text);
     };
-
-    parallelFor(files.size(), workersFor(workers, rotational), work);
+    parallelFor(unread.size(), workersFor(workers, rotational), work);
     return result;
 }
 
@@ -240,9 +246,13 @@ std::vector<std::optional<std::string>> Hasher::digestsSideBySide(const std::vec
                                                                   const std::function<bool()>& isCancelled,
                                                                   int64_t readAhead) {
     std::vector<std::optional<std::string>> result(files.size());
+    if (cache) {
+        std::vector<HashCache::Lookup> lookups;
+        for (const ScannedFile* file : files) lookups.push_back({HashCache::Kind::full, file});
+        result = cache->digests(lookups);
+    }
     std::vector<size_t> unread;
     for (size_t i = 0; i < files.size(); ++i) {
-        if (cache) result[i] = cache->digest(HashCache::Kind::full, *files[i]);
         if (!result[i]) unread.push_back(i);
     }
     for (size_t start = 0; start < unread.size(); start += filesSideBySide) {

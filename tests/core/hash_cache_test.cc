@@ -96,6 +96,43 @@ TEST_F(HashCacheTest, PruneRemovesOnlyUnseenFilesUnderTheRoots) {
     EXPECT_TRUE(cache_->digest(Kind::full, accented));
 }
 
+TEST_F(HashCacheTest, ManyLookupsAtOnceAnswerAsOneByOne) {
+    // Records for made-up inodes of this volume: the cache knows files only by volume and inode.
+    ScannedFile real = file("real");
+    std::vector<ScannedFile> files;
+    for (int i = 0; i < 3000; ++i) {
+        ScannedFile f = real;
+        f.status.inode = 100000 + static_cast<uint64_t>(i) * 7;
+        f.status.size = i;
+        files.push_back(f);
+        if (i % 10 == 9) continue;  // some have no record at all
+        cache_->store("p" + std::to_string(i), Kind::partial, f);
+        if (i % 3 == 0) cache_->store("f" + std::to_string(i), Kind::full, f);
+    }
+    // A file that changed since: its record no longer serves it.
+    files[42].status.modified.nanoseconds += 1;
+
+    auto check = [&](const std::vector<size_t>& picked) {
+        std::vector<HashCache::Lookup> lookups;
+        for (size_t i : picked) lookups.push_back({i % 2 ? Kind::partial : Kind::full, &files[i]});
+        auto many = cache_->digests(lookups);
+        ASSERT_EQ(many.size(), lookups.size());
+        for (size_t k = 0; k < lookups.size(); ++k) {
+            EXPECT_EQ(many[k], cache_->digest(lookups[k].kind, *lookups[k].file)) << "inode " << lookups[k].file->status.inode;
+        }
+    };
+    // Most of the records, in no particular order: answered in one pass over them.
+    std::vector<size_t> most;
+    for (size_t i = 0; i < files.size(); i += 2) most.push_back(files.size() - 1 - i);
+    most.push_back(42);
+    check(most);
+    // A few files far apart among many records: the pass gives up early and searches for the rest.
+    std::vector<size_t> few;
+    for (size_t i = 0; i < files.size(); i += 40) few.push_back(i);
+    check(few);
+    EXPECT_FALSE(cache_->digests({{Kind::full, &files[42]}})[0]);
+}
+
 TEST_F(HashCacheTest, RecordsSurviveReopeningAndAnotherConnection) {
     ScannedFile f = file("kept");
     cache_->store("abc", Kind::full, f);
