@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
-#include <unordered_set>
 
 #include "platform/system.h"
 
@@ -280,13 +279,15 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
 
 void HashCache::prune(const std::vector<std::string>& roots, const std::vector<ScannedFile>& seen) {
     std::lock_guard guard(lock_);
-    std::unordered_map<std::string, std::unordered_set<int64_t>> seenInodes;
+    if (roots.empty()) return;
+    // Sorted inode numbers per volume: a few bytes a file, where a hash set costs a node each.
+    std::map<std::string, std::vector<int64_t>> seenInodes;
     for (const auto& file : seen) {
         if (auto volume = volumeOf(file.status.device, file.path)) {
-            seenInodes[*volume].insert(static_cast<int64_t>(file.status.inode));
+            seenInodes[*volume].push_back(static_cast<int64_t>(file.status.inode));
         }
     }
-    if (roots.empty()) return;
+    for (auto& [volume, inodes] : seenInodes) std::sort(inodes.begin(), inodes.end());
     for (const auto& root : roots) {
         FileStatus status;
         try {
@@ -296,17 +297,51 @@ void HashCache::prune(const std::vector<std::string>& roots, const std::vector<S
         }
         auto volume = volumeOf(status.device, root);
         if (!volume) continue;
+        // Usually every record of the volume belongs to a file just seen: the index alone tells,
+        // and the paths of the few others are read one by one. When many others turn up (records
+        // of files outside the roots), one pass over the paths of all is cheaper.
         // substr counts characters and the length counts bytes: under a root with non-ASCII
         // characters only the root itself is pruned. Records kept too long cost nothing but space.
-        std::string prefix = root.ends_with('/') ? root : root + "/";
-        auto rows = query("SELECT inode FROM hashes WHERE volume = ? AND (path = ? OR substr(path, 1, ?) = ?)",
-                          {*volume, root, static_cast<int64_t>(prefix.size()), prefix});
         const auto& kept = seenInodes[*volume];
-        for (const auto& row : rows) {
-            auto* inode = row.empty() ? nullptr : std::get_if<int64_t>(&row[0]);
-            if (!inode || kept.contains(*inode)) continue;
+        auto isKept = [&](int64_t inode) { return std::binary_search(kept.begin(), kept.end(), inode); };
+        constexpr size_t searchedAtMost = 1024;
+        std::vector<int64_t> unseen;
+        bool many = false;
+        if (sqlite3_stmt* all = prepared("SELECT inode FROM hashes WHERE volume = ?")) {
+            sqlite3_bind_text(all, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
+            while (!many && sqlite3_step(all) == SQLITE_ROW) {
+                int64_t inode = sqlite3_column_int64(all, 0);
+                if (!isKept(inode)) unseen.push_back(inode);
+                many = unseen.size() > searchedAtMost;
+            }
+            sqlite3_reset(all);
+        }
+        std::string prefix = root.ends_with('/') ? root : root + "/";
+        const std::string underRoot = "(path = ? OR substr(path, 1, ?) = ?)";
+        std::vector<int64_t> gone;
+        if (!many) {
+            for (int64_t inode : unseen) {
+                if (!query("SELECT 1 FROM hashes WHERE volume = ? AND inode = ? AND " + underRoot,
+                           {*volume, inode, root, static_cast<int64_t>(prefix.size()), prefix})
+                         .empty()) {
+                    gone.push_back(inode);
+                }
+            }
+        } else if (sqlite3_stmt* under = prepared("SELECT inode FROM hashes WHERE volume = ? AND " + underRoot)) {
+            sqlite3_bind_text(under, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
+            sqlite3_bind_text(under, 2, root.c_str(), static_cast<int>(root.size()), SQLITE_STATIC);
+            sqlite3_bind_int64(under, 3, static_cast<int64_t>(prefix.size()));
+            sqlite3_bind_text(under, 4, prefix.c_str(), static_cast<int>(prefix.size()), SQLITE_STATIC);
+            // Gathered first and deleted after: the records are not changed under a running query.
+            while (sqlite3_step(under) == SQLITE_ROW) {
+                int64_t inode = sqlite3_column_int64(under, 0);
+                if (!isKept(inode)) gone.push_back(inode);
+            }
+            sqlite3_reset(under);
+        }
+        for (int64_t inode : gone) {
             begin();
-            query("DELETE FROM hashes WHERE volume = ? AND inode = ?", {*volume, *inode});
+            query("DELETE FROM hashes WHERE volume = ? AND inode = ?", {*volume, inode});
             counted();
         }
     }

@@ -87,6 +87,24 @@ TEST_F(HashCacheTest, PruneRemovesOnlyUnseenFilesUnderTheRoots) {
     // A root that is a single file is its own record.
     EXPECT_FALSE(cache_->digest(Kind::full, single));
 
+    // Many records of files elsewhere on the volume, which no scan of this root sees: they stay,
+    // and an unseen file under the root still goes.
+    ScannedFile again = file("in/again");
+    cache_->store("d", Kind::full, again);
+    std::vector<ScannedFile> elsewhere;
+    for (int i = 0; i < 1500; ++i) {
+        ScannedFile f = seen;
+        f.path = root_ + "/elsewhere/" + std::to_string(i);
+        f.status.inode = 500000 + static_cast<uint64_t>(i);
+        cache_->store("e", Kind::full, f);
+        elsewhere.push_back(f);
+    }
+    cache_->prune({root_ + "/in"}, {seen});
+    EXPECT_FALSE(cache_->digest(Kind::full, again));
+    EXPECT_TRUE(cache_->digest(Kind::full, seen));
+    EXPECT_TRUE(cache_->digest(Kind::full, elsewhere.front()));
+    EXPECT_TRUE(cache_->digest(Kind::full, elsewhere.back()));
+
     // Below a root with non-ASCII characters only the root itself is matched: records there are
     // kept rather than wrongly dropped.
     std::filesystem::create_directories(root_ + "/Fotos é");
