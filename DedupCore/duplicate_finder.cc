@@ -147,10 +147,10 @@ private:
         });
     }
 
-    // Makes units of `files` (members of `bucket`): files that share all their blocks form one, any
-    // other file is one on its own. Returns their indices in bucket.units.
-    std::vector<size_t> formUnits(Bucket& bucket, std::vector<size_t> files) {
-        std::stable_sort(files.begin(), files.end(), [&](size_t a, size_t b) { return file(a).path < file(b).path; });
+    // Makes units of `files` (members of `bucket`): files that share all their blocks form one, in
+    // path order, any other file is one on its own. Returns their indices in bucket.units, in no
+    // particular order: a group puts its units in order when it is made.
+    std::vector<size_t> formUnits(Bucket& bucket, const std::vector<size_t>& files) {
         std::vector<size_t> formed;
         std::map<std::pair<uint64_t, uint64_t>, size_t> families;
         for (size_t index : files) {
@@ -167,6 +167,10 @@ private:
                 bucket.units.push_back(Unit{{}, true, {}});
             }
             bucket.units[it->second].files.push_back(index);
+        }
+        for (const auto& [key, u] : families) {
+            auto& members = bucket.units[u].files;
+            std::sort(members.begin(), members.end(), [&](size_t a, size_t b) { return file(a).path < file(b).path; });
         }
         if (!acrossVolumes_) {
             for (size_t u : formed) {
@@ -196,7 +200,7 @@ private:
             std::string digest = units[candidate.units.front()].digest;
             std::vector<size_t> files;
             for (size_t u : candidate.units) files.insert(files.end(), units[u].files.begin(), units[u].files.end());
-            Candidate joined{candidate.bucket, formUnits(*candidate.bucket, std::move(files))};
+            Candidate joined{candidate.bucket, formUnits(*candidate.bucket, files)};
             for (size_t u : joined.units) candidate.bucket->units[u].digest = digest;
             if (worthHashing(joined)) result.push_back(std::move(joined));
         }
@@ -207,13 +211,15 @@ private:
         const FileStatus& s = file.status;
         if (!s.isRegularFile() || s.links != 1) return false;
         if (s.flags & (FileFlags::anyImmutable | FileFlags::anyAppend)) return false;
-        if (s.uid != platform::effectiveUser()) return false;
+        if (s.uid != user_) return false;
         // Linux has no separate right to delete one file: a writable folder grants it to the
         // file's owner, which the test above already made sure of.
-        std::string parent = parentOf(file.path);
-        auto [it, isNew] = writableFolders_.try_emplace(parent, false);
-        if (isNew) it->second = platform::canAccess(parent, platform::writeAccess);
-        return it->second;
+        std::string_view parent = parentViewOf(file.path);
+        if (auto it = writableFolders_.find(parent); it != writableFolders_.end()) return it->second;
+        std::string folder(parent);
+        bool writable = platform::canAccess(folder, platform::writeAccess);
+        writableFolders_.emplace(std::move(folder), writable);
+        return writable;
     }
 
     static bool worthHashing(const Candidate& candidate) {
@@ -309,15 +315,20 @@ private:
                 result.push_back(std::move(candidate));
                 continue;
             }
-            std::map<std::string, Candidate> byDigest;
+            // Units in digest order, so that equal digests stand together; stable, so the units of
+            // a part keep their order.
+            std::vector<size_t> units;
             for (size_t u : candidate.units) {
-                const Unit& unit = candidate.bucket->units[u];
-                if (unit.digest.empty()) continue;  // unreadable or cancelled: matches nothing
-                auto [it, isNew] = byDigest.try_emplace(unit.digest, Candidate{candidate.bucket, {}});
-                it->second.units.push_back(u);
+                // Unreadable or cancelled: no digest, so it matches nothing.
+                if (!candidate.bucket->units[u].digest.empty()) units.push_back(u);
             }
-            for (auto& [digest, split] : byDigest) {
-                if (worthHashing(split)) result.push_back(std::move(split));
+            auto digestOf = [&](size_t u) -> const std::string& { return candidate.bucket->units[u].digest; };
+            std::stable_sort(units.begin(), units.end(), [&](size_t a, size_t b) { return digestOf(a) < digestOf(b); });
+            for (size_t start = 0, end = 0; start < units.size(); start = end) {
+                while (end < units.size() && digestOf(units[end]) == digestOf(units[start])) ++end;
+                Candidate part{candidate.bucket, {units.begin() + static_cast<ptrdiff_t>(start),
+                                                  units.begin() + static_cast<ptrdiff_t>(end)}};
+                if (worthHashing(part)) result.push_back(std::move(part));
             }
         }
         return result;
@@ -347,6 +358,7 @@ private:
     }
 
     const DuplicateFinder& finder_;
+    const uint32_t user_ = platform::effectiveUser();  // asked once: the answer is the same for every file
     bool acrossVolumes_;
     const ProgressCallback& progress_;
     const CancelCallback& isCancelled_;
@@ -360,7 +372,12 @@ private:
     const std::vector<ScannedFile>* files_ = nullptr;
     std::vector<Member> pool_;
     std::vector<Bucket> buckets_;
-    std::unordered_map<std::string, bool> writableFolders_;
+    // Asked by folder name for every file: looked up without making a string of it each time.
+    struct NameHash {
+        using is_transparent = void;
+        size_t operator()(std::string_view name) const noexcept { return std::hash<std::string_view>{}(name); }
+    };
+    std::unordered_map<std::string, bool, NameHash, std::equal_to<>> writableFolders_;
     std::unordered_map<uint64_t, bool> rotational_;
     Locked<int64_t> bytesRead_{0};
 };
@@ -385,6 +402,10 @@ ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const Pr
     walk.progress = progress;
     walk.isCancelled = latch;
     for (const auto& root : roots) walk.visit(root);
+    // What the walk kept to meet each folder and file once is of no use to the grouping, which
+    // needs the memory more.
+    walk.inodes = {};
+    walk.folders = {};
 
     Grouping grouping = groups(walk.files, false, progress, latch);
     ScanResult result;

@@ -209,12 +209,14 @@ std::vector<std::optional<std::string>> Hasher::digests(const std::vector<const 
     };
     // The cache answers for all files in one pass before any worker starts, so the workers neither
     // wait on each other for it nor read a file it knows.
-    std::vector<std::optional<std::string>> result(files.size());
+    std::vector<std::optional<std::string>> result;
     if (cache) {
         std::vector<HashCache::Lookup> lookups;
         lookups.reserve(files.size());
         for (const ScannedFile* file : files) lookups.push_back({kindOf(*file), file});
         result = cache->digests(lookups);
+    } else {
+        result.resize(files.size());
     }
     std::vector<size_t> unread;
     for (size_t i = 0; i < files.size(); ++i) {
@@ -245,11 +247,13 @@ std::vector<std::optional<std::string>> Hasher::digestsSideBySide(const std::vec
                                                                   const std::function<void(const std::string&)>& reading,
                                                                   const std::function<bool()>& isCancelled,
                                                                   int64_t readAhead) {
-    std::vector<std::optional<std::string>> result(files.size());
+    std::vector<std::optional<std::string>> result;
     if (cache) {
         std::vector<HashCache::Lookup> lookups;
         for (const ScannedFile* file : files) lookups.push_back({HashCache::Kind::full, file});
         result = cache->digests(lookups);
+    } else {
+        result.resize(files.size());
     }
     std::vector<size_t> unread;
     for (size_t i = 0; i < files.size(); ++i) {
