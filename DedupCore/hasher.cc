@@ -3,9 +3,13 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include "hash_cache.h"
 #include "parallel.h"
@@ -222,23 +226,63 @@ std::vector<std::optional<std::string>> Hasher::digests(const std::vector<const 
     for (size_t i = 0; i < files.size(); ++i) {
         if (!result[i]) unread.push_back(i);
     }
+    // The cache takes one store at a time. Rather than wait on each other for it, the workers hand
+    // what they made to this thread, which stores it while they go on reading.
+    struct Made {
+        std::mutex lock;
+        std::condition_variable changed;
+        std::vector<size_t> indices;
+        bool all = false;
+    } made;
+    constexpr size_t storedTogether = 64;
+    // Counted here and handed on now and then: every worker taking a lock per file would cost more
+    // than the count is worth.
+    std::atomic<int64_t> uncounted{0};
+    constexpr int64_t countedEvery = 8 << 20;
     // Each index is written by exactly one worker, and the vector is not resized while they run,
     // so the entries need no lock of their own.
     auto work = [&](size_t k) {
         if (isCancelled && isCancelled()) return;
-        const ScannedFile& file = *files[unread[k]];
+        size_t i = unread[k];
+        const ScannedFile& file = *files[i];
         if (reading) reading(file.path);
-        std::string text;
         try {
-            text = digestText(ContentHash::sha256(file.path, limit));
+            result[i] = digestText(ContentHash::sha256(file.path, limit));
         } catch (const std::exception&) {
             return;  // unreadable or gone: no digest, so it matches nothing
         }
-        if (cache) cache->store(text, kindOf(file), file);
-        bytesRead.with([&](int64_t& total) { total += std::min(file.status.size, limit); });
-        result[unread[k]] = std::move(text);
+        int64_t bytes = std::min(file.status.size, limit);
+        if (uncounted.fetch_add(bytes) + bytes >= countedEvery) {
+            bytesRead.with([&](int64_t& total) { total += uncounted.exchange(0); });
+        }
+        if (!cache) return;
+        std::lock_guard lock(made.lock);
+        made.indices.push_back(i);
+        if (made.indices.size() == storedTogether) made.changed.notify_one();
     };
-    parallelFor(unread.size(), workersFor(workers, rotational), work);
+    size_t readers = workersFor(workers, rotational);
+    if (!cache) {
+        parallelFor(unread.size(), readers, work);
+    } else {
+        std::jthread hashing([&] {
+            parallelFor(unread.size(), readers, work);
+            std::lock_guard lock(made.lock);
+            made.all = true;
+            made.changed.notify_one();
+        });
+        std::vector<size_t> storing;
+        for (bool last = false; !last;) {
+            {
+                std::unique_lock lock(made.lock);
+                made.changed.wait(lock, [&] { return made.all || made.indices.size() >= storedTogether; });
+                storing.swap(made.indices);
+                last = made.all;
+            }
+            for (size_t i : storing) cache->store(*result[i], kindOf(*files[i]), *files[i]);
+            storing.clear();
+        }
+    }
+    bytesRead.with([&](int64_t& total) { total += uncounted.exchange(0); });
     return result;
 }
 
