@@ -34,11 +34,22 @@ struct DigestContextFree {
 };
 using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFree>;
 
-DigestContext newDigestContext() {
-    DigestContext context(EVP_MD_CTX_new());
-    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
+// SHA-256 as OpenSSL provides it, looked up once: left to EVP_DigestInit_ex, the lookup is made
+// again for every digest and costs more than digesting a small file.
+const EVP_MD* sha256Method() {
+    static EVP_MD* const method = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return method ? method : EVP_sha256();
+}
+
+void startDigest(EVP_MD_CTX* context) {
+    if (!context || EVP_DigestInit_ex(context, sha256Method(), nullptr) != 1) {
         throw std::runtime_error("SHA-256 is not available from OpenSSL");
     }
+}
+
+DigestContext newDigestContext() {
+    DigestContext context(EVP_MD_CTX_new());
+    startDigest(context.get());
     return context;
 }
 
@@ -178,8 +189,10 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
 }  // namespace
 
 Digest ContentHash::sha256(const std::string& path, int64_t limit) {
-    platform::FileDescriptor fd = platform::openForReading(path);
-    DigestContext context = newDigestContext();
+    platform::FileDescriptor fd = platform::openForReading(path, limit);
+    // One context per thread, started afresh for every file.
+    thread_local DigestContext context(EVP_MD_CTX_new());
+    startDigest(context.get());
     auto buffer = chunkBuffer();
     int64_t remaining = limit;
     while (remaining > 0) {

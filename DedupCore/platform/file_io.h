@@ -37,6 +37,10 @@ private:
 // access time alone where the kernel allows it (owner or root), and tells the kernel that the
 // file will be read once from start to end. Throws SystemError("open", path, errno).
 FileDescriptor openForReading(const std::string& path);
+// The same for reading no more than `length` bytes from the start (0 for none, to ask the file
+// system about the file): the read-once hint is given only where it can help, a hint being a call
+// of its own.
+FileDescriptor openForReading(const std::string& path, int64_t length);
 
 // Opens a folder for listing without following a final symbolic link.
 // Throws SystemError("open", path, errno).
