@@ -50,7 +50,7 @@ using CancelCallback = std::function<bool()>;
 struct DuplicateFinder {
     ScanOptions options;
     HashCache* cache = nullptr;  // optional; not owned
-    int threads = 0;             // readers at once; 0: one per core on solid state, one on spinning disks
+    int threads = 0;             // readers at once; 0: by the disk (see workersFor in parallel.h)
 
     struct Grouping {
         std::vector<DuplicateGroup> groups;

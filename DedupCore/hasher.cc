@@ -273,7 +273,8 @@ std::vector<std::optional<std::string>> Hasher::digests(const std::vector<const 
         made.indices.push_back(i);
         if (made.indices.size() == storedTogether) made.changed.notify_one();
     };
-    size_t readers = workersFor(workers, rotational);
+    size_t readers = limit <= ContentHash::partialLimit ? shortReadersFor(workers, rotational)
+                                                         : workersFor(workers, rotational);
     if (!cache) {
         parallelFor(unread.size(), readers, work);
     } else {
