@@ -108,18 +108,25 @@ private:
         std::sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) {
             return a.device != b.device ? a.device < b.device : a.size != b.size ? a.size < b.size : a.index < b.index;
         });
-        for (size_t start = 0; start < keys.size();) {
-            size_t end = start + 1;
+        // Runs of one device and size; counted first, so that nothing grows while it is filled.
+        std::vector<std::pair<size_t, size_t>> runs;
+        size_t pooled = 0;
+        for (size_t start = 0, end = 0; start < keys.size(); start = end) {
             while (end < keys.size() && keys[end].device == keys[start].device && keys[end].size == keys[start].size) ++end;
-            if (end - start >= 2) {
-                Bucket bucket{keys[start].device, keys[start].size, {}, {}};
-                for (size_t k = start; k < end; ++k) {
-                    bucket.files.push_back(pool_.size());
-                    pool_.push_back({keys[k].index, files[keys[k].index].clones});
-                }
-                buckets_.push_back(std::move(bucket));
+            if (end - start < 2) continue;
+            runs.emplace_back(start, end);
+            pooled += end - start;
+        }
+        pool_.reserve(pooled);
+        buckets_.reserve(runs.size());
+        for (auto [start, end] : runs) {
+            Bucket& bucket = buckets_.emplace_back(Bucket{keys[start].device, keys[start].size, {}, {}});
+            bucket.files.reserve(end - start);
+            bucket.units.reserve(end - start);
+            for (size_t k = start; k < end; ++k) {
+                bucket.files.push_back(pool_.size());
+                pool_.push_back({keys[k].index, files[keys[k].index].clones});
             }
-            start = end;
         }
     }
 
@@ -152,6 +159,7 @@ private:
     // particular order: a group puts its units in order when it is made.
     std::vector<size_t> formUnits(Bucket& bucket, const std::vector<size_t>& files) {
         std::vector<size_t> formed;
+        formed.reserve(files.size());
         std::map<std::pair<uint64_t, uint64_t>, size_t> families;
         for (size_t index : files) {
             const auto& clones = pool_[index].clones;
