@@ -116,16 +116,22 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
     for (size_t m = 0; m < members.size(); ++m) runs.front().members.push_back(m);
     auto first = chunkBuffer();
     auto other = secondChunkBuffer();
+    // Many copies share what is asked ahead, so that a set of thirty copies of a film does not
+    // ask the disk for a gigabyte at once; whole chunks, so the windows start where chunks do.
+    constexpr int64_t aheadForAll = int64_t{64} << 20;
+    constexpr auto chunk = static_cast<int64_t>(ContentHash::chunkSize);
+    const int64_t window =
+        std::min(readAhead, std::max(chunk, aheadForAll / std::max<int64_t>(std::ssize(members), 1) / chunk * chunk));
     auto path = [&](size_t m) -> const std::string& { return files[members[m].index]->path; };
     auto anyOpen = [&] { return std::any_of(runs.begin(), runs.end(), [](const Run& r) { return !r.ended; }); };
 
     for (int64_t offset = 0; anyOpen(); offset += static_cast<int64_t>(first.size())) {
         if (isCancelled && isCancelled()) return;
-        if (readAhead > 0 && offset % readAhead == 0) {
+        if (window > 0 && offset % window == 0) {
             // Two windows ahead, so the next one is on its way while this one is digested.
             for (const auto& run : runs) {
                 if (run.ended) continue;
-                for (size_t m : run.members) platform::readAhead(members[m].fd, offset, 2 * readAhead);
+                for (size_t m : run.members) platform::readAhead(members[m].fd, offset, 2 * window);
             }
         }
         for (size_t r = 0, open = runs.size(); r < open; ++r) {
