@@ -192,6 +192,26 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
     bytesRead.with([&](int64_t& sum) { sum += total; });
 }
 
+// One digest per file from the cache, absent where it knows none; the indices of those go to
+// `unread`, in order.
+template <typename KindOf>
+std::vector<std::optional<std::string>> askCacheFirst(const std::vector<const ScannedFile*>& files, HashCache* cache,
+                                                      KindOf kindOf, std::vector<size_t>& unread) {
+    std::vector<std::optional<std::string>> result;
+    if (cache) {
+        std::vector<HashCache::Lookup> lookups;
+        lookups.reserve(files.size());
+        for (const ScannedFile* file : files) lookups.push_back({kindOf(*file), file});
+        result = cache->digests(lookups);
+    } else {
+        result.resize(files.size());
+    }
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (!result[i]) unread.push_back(i);
+    }
+    return result;
+}
+
 }  // namespace
 
 Digest ContentHash::sha256(const std::string& path, int64_t limit) {
@@ -232,19 +252,8 @@ std::vector<std::optional<std::string>> Hasher::digests(const std::vector<const 
     };
     // The cache answers for all files in one pass before any worker starts, so the workers neither
     // wait on each other for it nor read a file it knows.
-    std::vector<std::optional<std::string>> result;
-    if (cache) {
-        std::vector<HashCache::Lookup> lookups;
-        lookups.reserve(files.size());
-        for (const ScannedFile* file : files) lookups.push_back({kindOf(*file), file});
-        result = cache->digests(lookups);
-    } else {
-        result.resize(files.size());
-    }
     std::vector<size_t> unread;
-    for (size_t i = 0; i < files.size(); ++i) {
-        if (!result[i]) unread.push_back(i);
-    }
+    auto result = askCacheFirst(files, cache, kindOf, unread);
     // The cache takes one store at a time. Rather than wait on each other for it, the workers hand
     // what they made to this thread, which stores it while they go on reading.
     struct Made {
@@ -311,18 +320,8 @@ std::vector<std::optional<std::string>> Hasher::digestsSideBySide(const std::vec
                                                                   const std::function<void(const std::string&)>& reading,
                                                                   const std::function<bool()>& isCancelled,
                                                                   int64_t readAhead) {
-    std::vector<std::optional<std::string>> result;
-    if (cache) {
-        std::vector<HashCache::Lookup> lookups;
-        for (const ScannedFile* file : files) lookups.push_back({HashCache::Kind::full, file});
-        result = cache->digests(lookups);
-    } else {
-        result.resize(files.size());
-    }
     std::vector<size_t> unread;
-    for (size_t i = 0; i < files.size(); ++i) {
-        if (!result[i]) unread.push_back(i);
-    }
+    auto result = askCacheFirst(files, cache, [](const ScannedFile&) { return HashCache::Kind::full; }, unread);
     for (size_t start = 0; start < unread.size(); start += filesSideBySide) {
         if (isCancelled && isCancelled()) break;
         std::vector<size_t> batch(unread.begin() + static_cast<ptrdiff_t>(start),
