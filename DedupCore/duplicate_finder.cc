@@ -1,295 +1,19 @@
 #include "duplicate_finder.h"
 
-#include <algorithm>
 #include <atomic>
-#include <map>
-#include <unordered_map>
 
 #include <nlohmann/json.hpp>
 
+#include "duplicate_grouper.h"
 #include "hash_cache.h"
-#include "hasher.h"
-#include "parallel.h"
-#include "path_names.h"
-#include "platform/system.h"
-#include "reclaim_plan.h"
 #include "walk.h"
 
 namespace dedup {
 
-namespace {
-
-// Files that share all their blocks (or one file on its own): the finder's unit of comparison.
-struct Unit {
-    std::vector<size_t> files;  // indices into the pool, in path order
-    bool replaceable = true;
-    std::string digest;
-};
-
-// Files of one size on one device (on any device when grouping across volumes).
-struct Bucket {
-    uint64_t device = 0;
-    int64_t size = 0;
-    std::vector<size_t> files;
-    std::vector<Unit> units;
-};
-
-// Units of one bucket that agree so far on their digest.
-struct Candidate {
-    Bucket* bucket;
-    std::vector<size_t> units;
-};
-
-class Grouper {
-public:
-    Grouper(const DuplicateFinder& finder, bool acrossVolumes, const ProgressCallback& progress,
-            const CancelCallback& isCancelled, int64_t filesSeen)
-        : finder_(finder),
-          acrossVolumes_(acrossVolumes),
-          progress_(progress),
-          isCancelled_(isCancelled),
-          filesSeen_(filesSeen) {}
-
-    DuplicateFinder::Grouping run(const std::vector<ScannedFile>& files) {
-        files_ = &files;
-        bucketBySize(files);
-        readCloneFacts();
-        std::vector<Candidate> candidates;
-        for (auto& bucket : buckets_) {
-            if (cancelled()) break;
-            formUnits(bucket);
-            if (!acrossVolumes_) decideReplaceable(bucket);
-            Candidate all{&bucket, {}};
-            for (size_t u = 0; u < bucket.units.size(); ++u) all.units.push_back(u);
-            if (worthHashing(all)) candidates.push_back(std::move(all));
-        }
-        candidates = refine(candidates, ContentHash::partialLimit, [](const Bucket&) { return true; });
-        // Up to 64 KiB the prefix digest already covers the whole file.
-        candidates = refine(candidates, ContentHash::fullLimit,
-                            [](const Bucket& b) { return b.size > ContentHash::partialLimit; });
-        DuplicateFinder::Grouping result;
-        for (auto& candidate : candidates) result.groups.push_back(makeGroup(candidate));
-        std::stable_sort(result.groups.begin(), result.groups.end(), [](const auto& a, const auto& b) {
-            if (a.reclaimableBytes != b.reclaimableBytes) return a.reclaimableBytes > b.reclaimableBytes;
-            return a.files.front().path < b.files.front().path;
-        });
-        result.bytesRead = bytesRead_.get();
-        result.cancelled = cancelled();
-        return result;
-    }
-
-private:
-    // Called from worker threads too; once asked, the answer stays yes.
-    bool cancelled() {
-        if (!cancelled_ && isCancelled_ && isCancelled_()) cancelled_ = true;
-        return cancelled_.load();
-    }
-
-    // Sizes come straight from the listing: no file is opened for a size met only once.
-    void bucketBySize(const std::vector<ScannedFile>& files) {
-        struct Key {
-            uint64_t device;
-            int64_t size;
-            uint32_t index;
-        };
-        std::vector<Key> keys;
-        keys.reserve(files.size());
-        for (size_t i = 0; i < files.size(); ++i) {
-            keys.push_back({acrossVolumes_ ? 0 : files[i].status.device, files[i].status.size, static_cast<uint32_t>(i)});
-        }
-        std::sort(keys.begin(), keys.end(), [](const Key& a, const Key& b) {
-            return a.device != b.device ? a.device < b.device : a.size != b.size ? a.size < b.size : a.index < b.index;
-        });
-        for (size_t start = 0; start < keys.size();) {
-            size_t end = start + 1;
-            while (end < keys.size() && keys[end].device == keys[start].device && keys[end].size == keys[start].size) ++end;
-            if (end - start >= 2) {
-                Bucket bucket{keys[start].device, keys[start].size, {}, {}};
-                for (size_t k = start; k < end; ++k) {
-                    bucket.files.push_back(pool_.size());
-                    pool_.push_back({keys[k].index, files[keys[k].index].clones});
-                }
-                buckets_.push_back(std::move(bucket));
-            }
-            start = end;
-        }
-    }
-
-    const ScannedFile& file(size_t member) const { return (*files_)[pool_[member].index]; }
-
-    // The extent map is read only for files whose size another file shares.
-    void readCloneFacts() {
-        std::vector<size_t> missing;
-        for (size_t i = 0; i < pool_.size(); ++i) {
-            if (!pool_[i].clones) missing.push_back(i);
-        }
-        parallelFor(missing.size(), workersFor(finder_.threads, false), [&](size_t k) {
-            if (cancelled()) return;
-            Member& member = pool_[missing[k]];
-            try {
-                member.clones = CloneInfo::read(file(missing[k]).path);
-            } catch (const std::exception&) {
-                // Unknown sharing: the file stands on its own and counts its whole size.
-            }
-        });
-    }
-
-    void formUnits(Bucket& bucket) {
-        std::stable_sort(bucket.files.begin(), bucket.files.end(),
-                         [&](size_t a, size_t b) { return file(a).path < file(b).path; });
-        std::map<std::pair<uint64_t, uint64_t>, size_t> families;
-        for (size_t index : bucket.files) {
-            const auto& clones = pool_[index].clones;
-            if (!clones || clones->privateSize != 0) {
-                bucket.units.push_back(Unit{{index}, true, {}});
-                continue;
-            }
-            auto key = std::pair{file(index).status.device, clones->cloneID};
-            auto [it, isNew] = families.emplace(key, bucket.units.size());
-            if (isNew) bucket.units.push_back(Unit{{}, true, {}});
-            bucket.units[it->second].files.push_back(index);
-        }
-    }
-
-    bool isReplaceable(const ScannedFile& file) {
-        const FileStatus& s = file.status;
-        if (!s.isRegularFile() || s.links != 1) return false;
-        if (s.flags & (FileFlags::anyImmutable | FileFlags::anyAppend)) return false;
-        if (s.uid != platform::effectiveUser()) return false;
-        // Linux has no separate right to delete one file: a writable folder grants it to the
-        // file's owner, which the test above already made sure of.
-        std::string parent = parentOf(file.path);
-        auto [it, isNew] = writableFolders_.try_emplace(parent, false);
-        if (isNew) it->second = platform::canAccess(parent, platform::writeAccess);
-        return it->second;
-    }
-
-    void decideReplaceable(Bucket& bucket) {
-        for (auto& unit : bucket.units) {
-            unit.replaceable = std::all_of(unit.files.begin(), unit.files.end(),
-                                           [&](size_t i) { return isReplaceable(file(i)); });
-        }
-    }
-
-    static bool worthHashing(const Candidate& candidate) {
-        if (candidate.units.size() < 2) return false;
-        return std::any_of(candidate.units.begin(), candidate.units.end(),
-                           [&](size_t u) { return candidate.bucket->units[u].replaceable; });
-    }
-
-    bool rotational(uint64_t device, const std::string& path) {
-        auto [it, isNew] = rotational_.try_emplace(device, false);
-        if (isNew) it->second = StorageKind::isRotational(path);
-        return it->second;
-    }
-
-    // Digests one file of every unit still in question, `limit` bytes of it, then splits each
-    // candidate by digest. Candidates that `needs` nothing more pass through unchanged. All buckets
-    // are hashed in one pass per device, so the readers stay busy however small the buckets are.
-    template <typename Needs>
-    std::vector<Candidate> refine(std::vector<Candidate>& candidates, int64_t limit, Needs needs) {
-        struct Job {
-            Unit* unit;
-            size_t member;
-            const ScannedFile* file;
-        };
-        std::map<uint64_t, std::vector<Job>> jobsByDevice;
-        for (auto& candidate : candidates) {
-            if (!needs(*candidate.bucket)) continue;
-            for (size_t u : candidate.units) {
-                Unit& unit = candidate.bucket->units[u];
-                unit.digest.clear();
-                const ScannedFile& first = file(unit.files.front());
-                jobsByDevice[first.status.device].push_back({&unit, unit.files.front(), &first});
-            }
-        }
-        for (auto& [device, jobs] : jobsByDevice) {
-            if (cancelled()) break;
-            // Inode order follows the on-disk layout closely enough to spare a cold disk some seeks.
-            std::stable_sort(jobs.begin(), jobs.end(),
-                             [](const Job& a, const Job& b) { return a.file->status.inode < b.file->status.inode; });
-            std::vector<const ScannedFile*> files;
-            files.reserve(jobs.size());
-            for (const auto& job : jobs) files.push_back(job.file);
-            auto reading = [this](const std::string& path) {
-                if (progress_) {
-                    progress_(ScanProgress{ScanProgress::Phase::hashing, filesSeen_, bytesRead_.get(), path});
-                }
-            };
-            auto digests = Hasher::digests(files, limit, rotational(device, files.front()->path), finder_.cache,
-                                           bytesRead_, reading, isCancelled_, finder_.threads);
-            for (size_t i = 0; i < jobs.size(); ++i) {
-                if (digests[i]) jobs[i].unit->digest = std::move(*digests[i]);
-            }
-        }
-        std::vector<Candidate> result;
-        for (auto& candidate : candidates) {
-            if (!needs(*candidate.bucket)) {
-                result.push_back(std::move(candidate));
-                continue;
-            }
-            std::map<std::string, Candidate> byDigest;
-            for (size_t u : candidate.units) {
-                const Unit& unit = candidate.bucket->units[u];
-                if (unit.digest.empty()) continue;  // unreadable or cancelled: matches nothing
-                auto [it, isNew] = byDigest.try_emplace(unit.digest, Candidate{candidate.bucket, {}});
-                it->second.units.push_back(u);
-            }
-            for (auto& [digest, split] : byDigest) {
-                if (worthHashing(split)) result.push_back(std::move(split));
-            }
-        }
-        return result;
-    }
-
-    DuplicateGroup makeGroup(Candidate& candidate) {
-        auto& units = candidate.bucket->units;
-        // A copy that cannot be replaced stands first, so it is the one kept; then the largest
-        // family of clones, so the fewest blocks move.
-        std::stable_sort(candidate.units.begin(), candidate.units.end(), [&](size_t a, size_t b) {
-            const Unit& x = units[a];
-            const Unit& y = units[b];
-            if (x.replaceable != y.replaceable) return !x.replaceable;
-            if (x.files.size() != y.files.size()) return x.files.size() > y.files.size();
-            return file(x.files.front()).path < file(y.files.front()).path;
-        });
-        DuplicateGroup group;
-        group.digest = units[candidate.units.front()].digest;
-        for (size_t u : candidate.units) {
-            for (size_t i : units[u].files) {
-                group.files.push_back(file(i));
-                group.files.back().clones = pool_[i].clones;
-            }
-        }
-        group.reclaimableBytes = Report::reclaimableBytes({group}, Selection{});
-        return group;
-    }
-
-    const DuplicateFinder& finder_;
-    bool acrossVolumes_;
-    const ProgressCallback& progress_;
-    const CancelCallback& isCancelled_;
-    int64_t filesSeen_;
-    std::atomic<bool> cancelled_{false};
-    // A file whose size another file shares, with the extent facts read for it.
-    struct Member {
-        uint32_t index;  // into the walk's files
-        std::optional<CloneInfo> clones;
-    };
-    const std::vector<ScannedFile>* files_ = nullptr;
-    std::vector<Member> pool_;
-    std::vector<Bucket> buckets_;
-    std::unordered_map<std::string, bool> writableFolders_;
-    std::unordered_map<uint64_t, bool> rotational_;
-    Locked<int64_t> bytesRead_{0};
-};
-
-}  // namespace
-
 DuplicateFinder::Grouping DuplicateFinder::groups(const std::vector<ScannedFile>& files, bool acrossVolumes,
                                                   const ProgressCallback& progress,
                                                   const CancelCallback& isCancelled) const {
-    return Grouper(*this, acrossVolumes, progress, isCancelled, static_cast<int64_t>(files.size())).run(files);
+    return groupDuplicates(*this, files, acrossVolumes, progress, isCancelled);
 }
 
 ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const ProgressCallback& progress,
@@ -304,6 +28,10 @@ ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const Pr
     walk.progress = progress;
     walk.isCancelled = latch;
     for (const auto& root : roots) walk.visit(root);
+    // What the walk kept to meet each folder and file once is of no use to the grouping, which
+    // needs the memory more.
+    walk.inodes = {};
+    walk.folders = {};
 
     Grouping grouping = groups(walk.files, false, progress, latch);
     ScanResult result;

@@ -1,6 +1,6 @@
-// Runs a whole scan: walks the roots, narrows the candidates by size, collapses files that already
-// share all their blocks into one unit, drops sets in which no copy could ever be replaced, and
-// confirms identity by a 64 KiB prefix digest and then a digest of the whole file.
+// Runs a whole scan: walks the roots, narrows the candidates by size and then by a 64 KiB prefix
+// digest, collapses files that already share all their blocks into one unit, drops sets in which
+// no copy could ever be replaced, and confirms identity by a digest of the whole file.
 //
 // A plain value holding the options and the cache it was given; one scan at a time per finder.
 // The walk and the grouping run on the caller's thread; hashing and the extent-map reads run on
@@ -50,7 +50,7 @@ using CancelCallback = std::function<bool()>;
 struct DuplicateFinder {
     ScanOptions options;
     HashCache* cache = nullptr;  // optional; not owned
-    int threads = 0;             // readers at once; 0: one per core on solid state, one on spinning disks
+    int threads = 0;             // readers at once; 0: by the disk (see workersFor in parallel.h)
 
     struct Grouping {
         std::vector<DuplicateGroup> groups;

@@ -2,8 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <filesystem>
-#include <unordered_set>
+#include <map>
 
 #include "platform/system.h"
 
@@ -51,12 +52,8 @@ std::vector<std::vector<HashCache::Value>> HashCache::query(const std::string& s
                                                             const std::vector<Value>& parameters) {
     std::vector<std::vector<Value>> rows;
     // The same few statements run for every file: preparing them once spares most of the cost.
-    sqlite3_stmt*& statement = statements_[sql];
-    if (!statement && sqlite3_prepare_v3(db_, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) !=
-                          SQLITE_OK) {
-        statement = nullptr;
-        return rows;
-    }
+    sqlite3_stmt* statement = prepared(sql);
+    if (!statement) return rows;
     for (size_t i = 0; i < parameters.size(); ++i) {
         int index = static_cast<int>(i + 1);
         if (auto* n = std::get_if<int64_t>(&parameters[i])) {
@@ -121,26 +118,114 @@ void HashCache::flush() {
     commit();
 }
 
+namespace {
+
+// The columns every lookup reads, after the inode: the version a record was made for, then both
+// digests. A record serves a file only while the file has exactly that size and those times.
+constexpr const char* recordColumns = "size, mtime, mtime_ns, ctime, ctime_ns, partial, full";
+constexpr int sizeColumn = 0;
+constexpr int partialColumn = 5;
+
+std::optional<std::string> digestOfRow(sqlite3_stmt* row, int first, HashCache::Kind kind, const FileStatus& s) {
+    const int64_t expected[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
+                                 s.changed.nanoseconds};
+    for (int i = 0; i < 5; ++i) {
+        if (sqlite3_column_type(row, first + sizeColumn + i) != SQLITE_INTEGER ||
+            sqlite3_column_int64(row, first + sizeColumn + i) != expected[i]) {
+            return std::nullopt;
+        }
+    }
+    int column = first + partialColumn + (kind == HashCache::Kind::full ? 1 : 0);
+    const auto* text = sqlite3_column_text(row, column);
+    if (!text) return std::nullopt;
+    return std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(row, column)));
+}
+
+// Below this many files of one volume, one search per file; from there on, one pass in inode order
+// over the records, which costs a step per record instead of a search per file.
+constexpr size_t filesForOnePass = 64;
+
+}  // namespace
+
+sqlite3_stmt* HashCache::prepared(const std::string& sql) {
+    sqlite3_stmt*& statement = statements_[sql];
+    if (!statement && sqlite3_prepare_v3(db_, sql.c_str(), -1, SQLITE_PREPARE_PERSISTENT, &statement, nullptr) !=
+                          SQLITE_OK) {
+        statement = nullptr;
+    }
+    return statement;
+}
+
+std::optional<std::string> HashCache::lookUp(const std::string& volume, Kind kind, const FileStatus& status) {
+    static const std::string sql =
+        std::string("SELECT ") + recordColumns + " FROM hashes WHERE volume = ? AND inode = ?";
+    sqlite3_stmt* statement = prepared(sql);
+    if (!statement) return std::nullopt;
+    sqlite3_bind_text(statement, 1, volume.c_str(), static_cast<int>(volume.size()), SQLITE_STATIC);
+    sqlite3_bind_int64(statement, 2, static_cast<int64_t>(status.inode));
+    std::optional<std::string> digest;
+    if (sqlite3_step(statement) == SQLITE_ROW) digest = digestOfRow(statement, 0, kind, status);
+    sqlite3_reset(statement);
+    return digest;
+}
+
 std::optional<std::string> HashCache::digest(Kind kind, const ScannedFile& file) {
     std::lock_guard guard(lock_);
     auto volume = volumeOf(file.status.device, file.path);
     if (!volume) return std::nullopt;
     begin();
     counted();
-    auto rows = query(std::string("SELECT size, mtime, mtime_ns, ctime, ctime_ns, ") + columnName(kind) +
-                          " FROM hashes WHERE volume = ? AND inode = ?",
-                      {*volume, static_cast<int64_t>(file.status.inode)});
-    if (rows.empty() || rows[0].size() < 6) return std::nullopt;
-    const auto& row = rows[0];
-    const auto& s = file.status;
-    const int64_t expected[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
-                                 s.changed.nanoseconds};
-    for (int i = 0; i < 5; ++i) {
-        auto* n = std::get_if<int64_t>(&row[static_cast<size_t>(i)]);
-        if (!n || *n != expected[i]) return std::nullopt;
+    return lookUp(*volume, kind, file.status);
+}
+
+std::vector<std::optional<std::string>> HashCache::digests(const std::vector<Lookup>& lookups) {
+    std::vector<std::optional<std::string>> result(lookups.size());
+    std::lock_guard guard(lock_);
+    std::map<std::string, std::vector<size_t>> byVolume;
+    for (size_t i = 0; i < lookups.size(); ++i) {
+        const ScannedFile& file = *lookups[i].file;
+        if (auto volume = volumeOf(file.status.device, file.path)) byVolume[*volume].push_back(i);
     }
-    if (auto* text = std::get_if<std::string>(&row[5])) return *text;
-    return std::nullopt;
+    if (byVolume.empty()) return result;
+    begin();
+    counted();
+    auto inode = [&](size_t i) { return static_cast<int64_t>(lookups[i].file->status.inode); };
+    for (auto& [volume, asked] : byVolume) {
+        std::stable_sort(asked.begin(), asked.end(), [&](size_t a, size_t b) { return inode(a) < inode(b); });
+        size_t next = 0;
+        static const std::string sql = std::string("SELECT inode, ") + recordColumns +
+                                       " FROM hashes WHERE volume = ? AND inode BETWEEN ? AND ? ORDER BY inode";
+        sqlite3_stmt* pass = asked.size() >= filesForOnePass ? prepared(sql) : nullptr;
+        if (pass) {
+            sqlite3_bind_text(pass, 1, volume.c_str(), static_cast<int>(volume.size()), SQLITE_STATIC);
+            sqlite3_bind_int64(pass, 2, inode(asked.front()));
+            sqlite3_bind_int64(pass, 3, inode(asked.back()));
+            // Records of files not asked about cost a step each; past a few times the files asked,
+            // searching for the rest one by one is cheaper.
+            size_t budget = 4 * asked.size() + 1024;
+            bool exhausted = false;
+            for (size_t rows = 0; next < asked.size() && rows < budget; ++rows) {
+                if (sqlite3_step(pass) != SQLITE_ROW) {
+                    exhausted = true;
+                    break;
+                }
+                int64_t recorded = sqlite3_column_int64(pass, 0);
+                while (next < asked.size() && inode(asked[next]) < recorded) ++next;
+                for (; next < asked.size() && inode(asked[next]) == recorded; ++next) {
+                    const Lookup& lookup = lookups[asked[next]];
+                    result[asked[next]] = digestOfRow(pass, 1, lookup.kind, lookup.file->status);
+                }
+            }
+            sqlite3_reset(pass);
+            // The pass saw every record in the range: the files not met have none.
+            if (exhausted) next = asked.size();
+        }
+        for (; next < asked.size(); ++next) {
+            const Lookup& lookup = lookups[asked[next]];
+            result[asked[next]] = lookUp(volume, lookup.kind, lookup.file->status);
+        }
+    }
+    return result;
 }
 
 void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& file) {
@@ -152,24 +237,32 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
     auto volume = volumeOf(file.status.device, file.path);
     if (!volume) return;
     begin();
+    // One statement whether the record is new, of the same version or of an older one. A record of
+    // an older version keeps nothing of it: its digest of the other kind is dropped with it.
+    auto upsert = [](Kind kind) {
+        std::string own = columnName(kind);
+        std::string other = columnName(kind == Kind::full ? Kind::partial : Kind::full);
+        return "INSERT INTO hashes (volume, inode, path, size, mtime, mtime_ns, ctime, ctime_ns, " + own +
+               ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (volume, inode) DO UPDATE SET " + other +
+               " = CASE WHEN size = excluded.size AND mtime = excluded.mtime AND mtime_ns = excluded.mtime_ns AND "
+               "ctime = excluded.ctime AND ctime_ns = excluded.ctime_ns THEN " + other + " END, " + own +
+               " = excluded." + own +
+               ", path = excluded.path, size = excluded.size, mtime = excluded.mtime, mtime_ns = excluded.mtime_ns, "
+               "ctime = excluded.ctime, ctime_ns = excluded.ctime_ns";
+    };
+    static const std::string sql[2] = {upsert(Kind::partial), upsert(Kind::full)};
+    sqlite3_stmt* statement = prepared(sql[kind == Kind::full ? 1 : 0]);
+    if (!statement) return;
     const auto& s = file.status;
-    auto inode = static_cast<int64_t>(s.inode);
-    auto same = query(
-        "SELECT 1 FROM hashes WHERE volume = ? AND inode = ? AND size = ? AND mtime = ? AND mtime_ns = ? AND "
-        "ctime = ? AND ctime_ns = ?",
-        {*volume, inode, s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds, s.changed.nanoseconds});
-    if (!same.empty()) {
-        query(std::string("UPDATE hashes SET ") + columnName(kind) + " = ?, path = ? WHERE volume = ? AND inode = ?",
-              {digest, file.path, *volume, inode});
-    } else {
-        // Replacing the whole record drops a digest of the other kind that belonged to an older
-        // version of the file: no stale digest survives a change.
-        query(std::string("INSERT OR REPLACE INTO hashes (volume, inode, path, size, mtime, mtime_ns, ctime, "
-                          "ctime_ns, ") +
-                  columnName(kind) + ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
-              {*volume, inode, file.path, s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
-               s.changed.nanoseconds, digest});
-    }
+    sqlite3_bind_text(statement, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
+    sqlite3_bind_int64(statement, 2, static_cast<int64_t>(s.inode));
+    sqlite3_bind_text(statement, 3, file.path.c_str(), static_cast<int>(file.path.size()), SQLITE_STATIC);
+    const int64_t version[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
+                                s.changed.nanoseconds};
+    for (int i = 0; i < 5; ++i) sqlite3_bind_int64(statement, 4 + i, version[i]);
+    sqlite3_bind_text(statement, 9, digest.c_str(), static_cast<int>(digest.size()), SQLITE_STATIC);
+    lastStep_ = sqlite3_step(statement);
+    sqlite3_reset(statement);
     // A write refused because another process holds the database: leave the cache alone for a while
     // rather than wait on every file.
     if (sqlite3_get_autocommit(db_) && inTransaction_) {
@@ -186,13 +279,15 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
 
 void HashCache::prune(const std::vector<std::string>& roots, const std::vector<ScannedFile>& seen) {
     std::lock_guard guard(lock_);
-    std::unordered_map<std::string, std::unordered_set<int64_t>> seenInodes;
+    if (roots.empty()) return;
+    // Sorted inode numbers per volume: a few bytes a file, where a hash set costs a node each.
+    std::map<std::string, std::vector<int64_t>> seenInodes;
     for (const auto& file : seen) {
         if (auto volume = volumeOf(file.status.device, file.path)) {
-            seenInodes[*volume].insert(static_cast<int64_t>(file.status.inode));
+            seenInodes[*volume].push_back(static_cast<int64_t>(file.status.inode));
         }
     }
-    if (roots.empty()) return;
+    for (auto& [volume, inodes] : seenInodes) std::sort(inodes.begin(), inodes.end());
     for (const auto& root : roots) {
         FileStatus status;
         try {
@@ -202,17 +297,51 @@ void HashCache::prune(const std::vector<std::string>& roots, const std::vector<S
         }
         auto volume = volumeOf(status.device, root);
         if (!volume) continue;
+        // Usually every record of the volume belongs to a file just seen: the index alone tells,
+        // and the paths of the few others are read one by one. When many others turn up (records
+        // of files outside the roots), one pass over the paths of all is cheaper.
         // substr counts characters and the length counts bytes: under a root with non-ASCII
         // characters only the root itself is pruned. Records kept too long cost nothing but space.
-        std::string prefix = root.ends_with('/') ? root : root + "/";
-        auto rows = query("SELECT inode FROM hashes WHERE volume = ? AND (path = ? OR substr(path, 1, ?) = ?)",
-                          {*volume, root, static_cast<int64_t>(prefix.size()), prefix});
         const auto& kept = seenInodes[*volume];
-        for (const auto& row : rows) {
-            auto* inode = row.empty() ? nullptr : std::get_if<int64_t>(&row[0]);
-            if (!inode || kept.contains(*inode)) continue;
+        auto isKept = [&](int64_t inode) { return std::binary_search(kept.begin(), kept.end(), inode); };
+        constexpr size_t searchedAtMost = 1024;
+        std::vector<int64_t> unseen;
+        bool many = false;
+        if (sqlite3_stmt* all = prepared("SELECT inode FROM hashes WHERE volume = ?")) {
+            sqlite3_bind_text(all, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
+            while (!many && sqlite3_step(all) == SQLITE_ROW) {
+                int64_t inode = sqlite3_column_int64(all, 0);
+                if (!isKept(inode)) unseen.push_back(inode);
+                many = unseen.size() > searchedAtMost;
+            }
+            sqlite3_reset(all);
+        }
+        std::string prefix = root.ends_with('/') ? root : root + "/";
+        const std::string underRoot = "(path = ? OR substr(path, 1, ?) = ?)";
+        std::vector<int64_t> gone;
+        if (!many) {
+            for (int64_t inode : unseen) {
+                if (!query("SELECT 1 FROM hashes WHERE volume = ? AND inode = ? AND " + underRoot,
+                           {*volume, inode, root, static_cast<int64_t>(prefix.size()), prefix})
+                         .empty()) {
+                    gone.push_back(inode);
+                }
+            }
+        } else if (sqlite3_stmt* under = prepared("SELECT inode FROM hashes WHERE volume = ? AND " + underRoot)) {
+            sqlite3_bind_text(under, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
+            sqlite3_bind_text(under, 2, root.c_str(), static_cast<int>(root.size()), SQLITE_STATIC);
+            sqlite3_bind_int64(under, 3, static_cast<int64_t>(prefix.size()));
+            sqlite3_bind_text(under, 4, prefix.c_str(), static_cast<int>(prefix.size()), SQLITE_STATIC);
+            // Gathered first and deleted after: the records are not changed under a running query.
+            while (sqlite3_step(under) == SQLITE_ROW) {
+                int64_t inode = sqlite3_column_int64(under, 0);
+                if (!isKept(inode)) gone.push_back(inode);
+            }
+            sqlite3_reset(under);
+        }
+        for (int64_t inode : gone) {
             begin();
-            query("DELETE FROM hashes WHERE volume = ? AND inode = ?", {*volume, *inode});
+            query("DELETE FROM hashes WHERE volume = ? AND inode = ?", {*volume, inode});
             counted();
         }
     }

@@ -50,6 +50,13 @@ public:
     HashCache& operator=(const HashCache&) = delete;
 
     std::optional<std::string> digest(Kind kind, const ScannedFile& file);
+    // The digests of many files at once, at the same index; absent where digest() would answer
+    // nothing. Far cheaper than a digest() per file when they are many.
+    struct Lookup {
+        Kind kind;
+        const ScannedFile* file;
+    };
+    std::vector<std::optional<std::string>> digests(const std::vector<Lookup>& lookups);
     void store(const std::string& digest, Kind kind, const ScannedFile& file);
     // Deletes the records of files under `roots` that are not among `seen`.
     void prune(const std::vector<std::string>& roots, const std::vector<ScannedFile>& seen);
@@ -58,6 +65,9 @@ public:
 
 private:
     std::vector<std::vector<Value>> query(const std::string& sql, const std::vector<Value>& parameters);
+    // The statement for `sql`, prepared on first use and kept; null when SQLite refuses it.
+    sqlite3_stmt* prepared(const std::string& sql);
+    std::optional<std::string> lookUp(const std::string& volume, Kind kind, const FileStatus& status);
     std::optional<std::string> volumeOf(uint64_t device, const std::string& path);
     void begin();
     void counted();

@@ -3,8 +3,13 @@
 #include <openssl/evp.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <cstring>
+#include <deque>
 #include <memory>
+#include <mutex>
+#include <thread>
 
 #include "hash_cache.h"
 #include "parallel.h"
@@ -27,22 +32,193 @@ namespace {
 struct DigestContextFree {
     void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
 };
+using DigestContext = std::unique_ptr<EVP_MD_CTX, DigestContextFree>;
 
-// Each thread keeps its one chunk buffer: memory stays at one chunk per worker however many files
-// it reads.
+// SHA-256 as OpenSSL provides it, looked up once: left to EVP_DigestInit_ex, the lookup is made
+// again for every digest and costs more than digesting a small file.
+const EVP_MD* sha256Method() {
+    static EVP_MD* const method = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+    return method ? method : EVP_sha256();
+}
+
+void startDigest(EVP_MD_CTX* context) {
+    if (!context || EVP_DigestInit_ex(context, sha256Method(), nullptr) != 1) {
+        throw std::runtime_error("SHA-256 is not available from OpenSSL");
+    }
+}
+
+DigestContext newDigestContext() {
+    DigestContext context(EVP_MD_CTX_new());
+    startDigest(context.get());
+    return context;
+}
+
+Digest finish(EVP_MD_CTX* context) {
+    Digest digest{};
+    unsigned length = 0;
+    EVP_DigestFinal_ex(context, digest.data(), &length);
+    return digest;
+}
+
+// Each thread keeps its chunk buffers: memory stays at one or two chunks per worker however many
+// files it reads.
 std::span<std::byte> chunkBuffer() {
     thread_local std::unique_ptr<std::byte[]> buffer(new std::byte[ContentHash::chunkSize]);
     return {buffer.get(), ContentHash::chunkSize};
+}
+std::span<std::byte> secondChunkBuffer() {
+    thread_local std::unique_ptr<std::byte[]> buffer(new std::byte[ContentHash::chunkSize]);
+    return {buffer.get(), ContentHash::chunkSize};
+}
+
+// A short read is not the end of a file: fills the whole buffer unless the file ends first.
+size_t fill(const platform::FileDescriptor& fd, const std::string& path, std::span<std::byte> buffer) {
+    size_t total = 0;
+    while (total < buffer.size()) {
+        size_t got = platform::readSome(fd, path, buffer.subspan(total));
+        if (got == 0) break;
+        total += got;
+    }
+    return total;
+}
+
+// Files read side by side hold one descriptor each; beyond this many they are taken in turns.
+constexpr size_t filesSideBySide = 32;
+
+// One turn of Hasher::digestsSideBySide over files[i] for every i in `batch`. A run is a set of
+// files whose bytes agreed so far and so share one digest state; its first file is read into one
+// buffer, the others into a second one and compared with it.
+void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::vector<size_t>& batch,
+                      std::vector<std::optional<std::string>>& result, HashCache* cache, Locked<int64_t>& bytesRead,
+                      const std::function<bool()>& isCancelled, int64_t readAhead) {
+    struct Member {
+        size_t index;
+        platform::FileDescriptor fd;
+        int64_t read = 0;
+    };
+    struct Run {
+        DigestContext context;
+        std::vector<size_t> members;  // into `members` below
+        bool ended = false;
+    };
+    std::vector<Member> members;
+    members.reserve(batch.size());
+    for (size_t i : batch) {
+        try {
+            members.push_back({i, platform::openForReading(files[i]->path)});
+        } catch (const std::exception&) {
+            // unreadable or gone: no digest, so it matches nothing
+        }
+    }
+    // A deque, so that a run split off while another is being read leaves references intact.
+    std::deque<Run> runs;
+    runs.push_back({newDigestContext(), {}});
+    for (size_t m = 0; m < members.size(); ++m) runs.front().members.push_back(m);
+    auto first = chunkBuffer();
+    auto other = secondChunkBuffer();
+    // Many copies share what is asked ahead, so that a set of thirty copies of a film does not
+    // ask the disk for a gigabyte at once; whole chunks, so the windows start where chunks do.
+    constexpr int64_t aheadForAll = int64_t{64} << 20;
+    constexpr auto chunk = static_cast<int64_t>(ContentHash::chunkSize);
+    const int64_t window =
+        std::min(readAhead, std::max(chunk, aheadForAll / std::max<int64_t>(std::ssize(members), 1) / chunk * chunk));
+    auto path = [&](size_t m) -> const std::string& { return files[members[m].index]->path; };
+    auto anyOpen = [&] { return std::any_of(runs.begin(), runs.end(), [](const Run& r) { return !r.ended; }); };
+
+    for (int64_t offset = 0; anyOpen(); offset += static_cast<int64_t>(first.size())) {
+        if (isCancelled && isCancelled()) return;
+        if (window > 0 && offset % window == 0) {
+            // Two windows ahead, so the next one is on its way while this one is digested.
+            for (const auto& run : runs) {
+                if (run.ended) continue;
+                for (size_t m : run.members) platform::readAhead(members[m].fd, offset, 2 * window);
+            }
+        }
+        for (size_t r = 0, open = runs.size(); r < open; ++r) {
+            Run& run = runs[r];
+            if (run.ended) continue;
+            // The first member that can still be read leads; one that fails drops out.
+            std::optional<size_t> got;
+            while (!got && !run.members.empty()) {
+                try {
+                    got = fill(members[run.members.front()].fd, path(run.members.front()), first);
+                    members[run.members.front()].read += static_cast<int64_t>(*got);
+                } catch (const std::exception&) {
+                    run.members.erase(run.members.begin());
+                }
+            }
+            if (!got) {
+                run.ended = true;
+                continue;
+            }
+            for (size_t k = 1; k < run.members.size();) {
+                size_t m = run.members[k];
+                size_t n = 0;
+                try {
+                    n = fill(members[m].fd, path(m), other);
+                } catch (const std::exception&) {
+                    run.members.erase(run.members.begin() + static_cast<ptrdiff_t>(k));
+                    continue;
+                }
+                members[m].read += static_cast<int64_t>(n);
+                if (n == *got && std::memcmp(first.data(), other.data(), n) == 0) {
+                    ++k;
+                    continue;
+                }
+                // Different from here on: it goes on alone, from the state of all the bytes before.
+                Run split{DigestContext(EVP_MD_CTX_new()), {m}, n < other.size()};
+                if (!split.context || EVP_MD_CTX_copy_ex(split.context.get(), run.context.get()) != 1) {
+                    throw std::runtime_error("SHA-256 state cannot be copied");
+                }
+                EVP_DigestUpdate(split.context.get(), other.data(), n);
+                runs.push_back(std::move(split));
+                run.members.erase(run.members.begin() + static_cast<ptrdiff_t>(k));
+            }
+            EVP_DigestUpdate(run.context.get(), first.data(), *got);
+            run.ended = *got < first.size();
+        }
+    }
+    int64_t total = 0;
+    for (auto& run : runs) {
+        if (run.members.empty()) continue;
+        std::string text = digestText(finish(run.context.get()));
+        for (size_t m : run.members) {
+            const ScannedFile& file = *files[members[m].index];
+            if (cache) cache->store(text, HashCache::Kind::full, file);
+            result[members[m].index] = text;
+        }
+    }
+    for (const auto& member : members) total += member.read;
+    bytesRead.with([&](int64_t& sum) { sum += total; });
+}
+
+// One digest per file from the cache, absent where it knows none; the indices of those go to
+// `unread`, in order.
+template <typename KindOf>
+std::vector<std::optional<std::string>> askCacheFirst(const std::vector<const ScannedFile*>& files, HashCache* cache,
+                                                      KindOf kindOf, std::vector<size_t>& unread) {
+    std::vector<std::optional<std::string>> result;
+    if (cache) {
+        std::vector<HashCache::Lookup> lookups;
+        lookups.reserve(files.size());
+        for (const ScannedFile* file : files) lookups.push_back({kindOf(*file), file});
+        result = cache->digests(lookups);
+    } else {
+        result.resize(files.size());
+    }
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (!result[i]) unread.push_back(i);
+    }
+    return result;
 }
 
 }  // namespace
 
 Digest ContentHash::sha256(const std::string& path, int64_t limit) {
-    platform::FileDescriptor fd = platform::openForReading(path);
-    std::unique_ptr<EVP_MD_CTX, DigestContextFree> context(EVP_MD_CTX_new());
-    if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
-        throw std::runtime_error("SHA-256 is not available from OpenSSL");
-    }
+    platform::FileDescriptor fd = platform::openForReading(path, limit);
+    // One context per thread, started afresh for every file.
+    thread_local DigestContext context(EVP_MD_CTX_new());
+    startDigest(context.get());
     auto buffer = chunkBuffer();
     int64_t remaining = limit;
     while (remaining > 0) {
@@ -52,10 +228,7 @@ Digest ContentHash::sha256(const std::string& path, int64_t limit) {
         EVP_DigestUpdate(context.get(), buffer.data(), got);
         remaining -= static_cast<int64_t>(got);
     }
-    Digest digest{};
-    unsigned length = 0;
-    EVP_DigestFinal_ex(context.get(), digest.data(), &length);
-    return digest;
+    return finish(context.get());
 }
 
 std::vector<std::optional<std::string>> Hasher::digests(const std::vector<ScannedFile>& files, int64_t limit,
@@ -74,33 +247,92 @@ std::vector<std::optional<std::string>> Hasher::digests(const std::vector<const 
                                                         Locked<int64_t>& bytesRead,
                                                         const std::function<void(const std::string&)>& reading,
                                                         const std::function<bool()>& isCancelled, int workers) {
+    auto kindOf = [limit](const ScannedFile& file) {
+        return limit >= file.status.size ? HashCache::Kind::full : HashCache::Kind::partial;
+    };
+    // The cache answers for all files in one pass before any worker starts, so the workers neither
+    // wait on each other for it nor read a file it knows.
+    std::vector<size_t> unread;
+    auto result = askCacheFirst(files, cache, kindOf, unread);
+    // The cache takes one store at a time. Rather than wait on each other for it, the workers hand
+    // what they made to this thread, which stores it while they go on reading.
+    struct Made {
+        std::mutex lock;
+        std::condition_variable changed;
+        std::vector<size_t> indices;
+        bool all = false;
+    } made;
+    constexpr size_t storedTogether = 64;
+    // Counted here and handed on now and then: every worker taking a lock per file would cost more
+    // than the count is worth.
+    std::atomic<int64_t> uncounted{0};
+    constexpr int64_t countedEvery = 8 << 20;
     // Each index is written by exactly one worker, and the vector is not resized while they run,
     // so the entries need no lock of their own.
-    std::vector<std::optional<std::string>> result(files.size());
-    auto work = [&](size_t i) {
+    auto work = [&](size_t k) {
         if (isCancelled && isCancelled()) return;
+        size_t i = unread[k];
         const ScannedFile& file = *files[i];
-        bool full = limit >= file.status.size;
-        auto kind = full ? HashCache::Kind::full : HashCache::Kind::partial;
-        if (cache) {
-            if (auto known = cache->digest(kind, file)) {
-                result[i] = std::move(known);
-                return;
-            }
-        }
         if (reading) reading(file.path);
-        std::string text;
         try {
-            text = digestText(ContentHash::sha256(file.path, limit));
+            result[i] = digestText(ContentHash::sha256(file.path, limit));
         } catch (const std::exception&) {
             return;  // unreadable or gone: no digest, so it matches nothing
         }
-        if (cache) cache->store(text, kind, file);
-        bytesRead.with([&](int64_t& total) { total += std::min(file.status.size, limit); });
-        result[i] = std::move(text);
+        int64_t bytes = std::min(file.status.size, limit);
+        if (uncounted.fetch_add(bytes) + bytes >= countedEvery) {
+            bytesRead.with([&](int64_t& total) { total += uncounted.exchange(0); });
+        }
+        if (!cache) return;
+        std::lock_guard lock(made.lock);
+        made.indices.push_back(i);
+        if (made.indices.size() == storedTogether) made.changed.notify_one();
     };
+    size_t readers = limit <= ContentHash::partialLimit ? shortReadersFor(workers, rotational)
+                                                         : workersFor(workers, rotational);
+    if (!cache) {
+        parallelFor(unread.size(), readers, work);
+    } else {
+        std::jthread hashing([&] {
+            parallelFor(unread.size(), readers, work);
+            std::lock_guard lock(made.lock);
+            made.all = true;
+            made.changed.notify_one();
+        });
+        std::vector<size_t> storing;
+        for (bool last = false; !last;) {
+            {
+                std::unique_lock lock(made.lock);
+                made.changed.wait(lock, [&] { return made.all || made.indices.size() >= storedTogether; });
+                storing.swap(made.indices);
+                last = made.all;
+            }
+            for (size_t i : storing) cache->store(*result[i], kindOf(*files[i]), *files[i]);
+            storing.clear();
+        }
+    }
+    bytesRead.with([&](int64_t& total) { total += uncounted.exchange(0); });
+    return result;
+}
 
-    parallelFor(files.size(), workersFor(workers, rotational), work);
+std::vector<std::optional<std::string>> Hasher::digestsSideBySide(const std::vector<const ScannedFile*>& files,
+                                                                  HashCache* cache, Locked<int64_t>& bytesRead,
+                                                                  const std::function<void(const std::string&)>& reading,
+                                                                  const std::function<bool()>& isCancelled,
+                                                                  int64_t readAhead) {
+    std::vector<size_t> unread;
+    auto result = askCacheFirst(files, cache, [](const ScannedFile&) { return HashCache::Kind::full; }, unread);
+    for (size_t start = 0; start < unread.size(); start += filesSideBySide) {
+        if (isCancelled && isCancelled()) break;
+        std::vector<size_t> batch(unread.begin() + static_cast<ptrdiff_t>(start),
+                                  unread.begin() + static_cast<ptrdiff_t>(std::min(unread.size(), start + filesSideBySide)));
+        if (reading) reading(files[batch.front()]->path);
+        try {
+            digestSideBySide(files, batch, result, cache, bytesRead, isCancelled, readAhead);
+        } catch (const std::exception&) {
+            // No digest state to be had: these files stay without a digest and match nothing.
+        }
+    }
     return result;
 }
 
@@ -108,18 +340,9 @@ bool sameContent(const std::string& a, const std::string& b) {
     platform::FileDescriptor fa = platform::openForReading(a);
     platform::FileDescriptor fb = platform::openForReading(b);
     auto bufferA = chunkBuffer();
-    std::vector<std::byte> bufferB(ContentHash::chunkSize);
+    auto bufferB = secondChunkBuffer();
     for (;;) {
-        // A short read is not the end of a file: fill each chunk fully so the two line up.
-        auto fill = [](const platform::FileDescriptor& fd, const std::string& path, std::span<std::byte> buffer) {
-            size_t total = 0;
-            while (total < buffer.size()) {
-                size_t got = platform::readSome(fd, path, buffer.subspan(total));
-                if (got == 0) break;
-                total += got;
-            }
-            return total;
-        };
+        // Each chunk filled fully, so the two line up.
         size_t na = fill(fa, a, bufferA);
         size_t nb = fill(fb, b, bufferB);
         if (na != nb || std::memcmp(bufferA.data(), bufferB.data(), na) != 0) return false;

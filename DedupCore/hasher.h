@@ -24,7 +24,7 @@ using Digest = std::array<unsigned char, 32>;
 std::string digestText(const Digest& digest);
 
 namespace ContentHash {
-inline constexpr size_t chunkSize = 1 << 20;
+inline constexpr size_t chunkSize = 256 << 10;
 inline constexpr int64_t partialLimit = 65536;
 inline constexpr int64_t fullLimit = std::numeric_limits<int64_t>::max();
 
@@ -46,6 +46,19 @@ std::vector<std::optional<std::string>> digests(const std::vector<const ScannedF
                                                 bool rotational, HashCache* cache, Locked<int64_t>& bytesRead,
                                                 const std::function<void(const std::string&)>& reading,
                                                 const std::function<bool()>& isCancelled, int workers = 0);
+
+// Whole-file digests of files of one size that are likely equal (their prefixes agree), at the
+// price of about one digest however many copies there are: the files are read side by side, chunk
+// by chunk, and while a file's bytes equal the first file's so far it shares that file's digest
+// state; a file that differs takes a copy of the state up to there and goes on alone. Each file is
+// still read exactly once, so every one gets its own digest, cached like any other. Runs on the
+// caller's thread; absent entries as for digests(). `readAhead` bytes of each file are asked of the
+// disk ahead of the reading (0: none).
+std::vector<std::optional<std::string>> digestsSideBySide(const std::vector<const ScannedFile*>& files,
+                                                          HashCache* cache, Locked<int64_t>& bytesRead,
+                                                          const std::function<void(const std::string&)>& reading,
+                                                          const std::function<bool()>& isCancelled,
+                                                          int64_t readAhead = 0);
 }  // namespace Hasher
 
 // Compares two files chunk by chunk. Throws SystemError when one cannot be opened or read.

@@ -16,6 +16,14 @@ inline size_t workersFor(int requested, bool rotational) {
     return rotational ? 1 : std::max(1u, std::thread::hardware_concurrency());
 }
 
+// Readers of short stretches (a prefix, a small file) wait on the disk longer than they digest:
+// twice as many as there are cores keep solid state busy on a cold cache and cost little on a warm
+// one. A spinning disk still gets one.
+inline size_t shortReadersFor(int requested, bool rotational) {
+    if (requested > 0 || rotational) return workersFor(requested, rotational);
+    return 2 * workersFor(0, false);
+}
+
 template <typename Work>
 void parallelFor(size_t count, size_t workers, Work&& work) {
     workers = std::min(workers, count);

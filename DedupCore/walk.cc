@@ -37,6 +37,10 @@ bool startsWith(std::string_view s, std::string_view prefix) {
     return s.substr(0, prefix.size()) == prefix;
 }
 
+// Folders listed ahead of the walk at once, and at most how many listings wait for it.
+constexpr size_t foldersReadAtOnce = 2;
+constexpr size_t foldersReadAhead = 32;
+
 }  // namespace
 
 Walk::Walk(ScanOptions options_) : options(std::move(options_)) {}
@@ -102,12 +106,23 @@ void Walk::visit(const std::string& root) {
         }
         return;
     }
+    // Listing a folder waits on the disk for every entry's status; helpers list the next folders
+    // meanwhile, so a cold disk has several requests to work on and a warm one two cores.
+    FolderPrefetch prefetch(foldersReadAtOnce, foldersReadAhead);
+    prefetch_ = &prefetch;
+    struct Forget {
+        FolderPrefetch*& prefetch;
+        ~Forget() { prefetch = nullptr; }
+    } forget{prefetch_};
     std::vector<std::string> stack{root};
     while (!stack.empty()) {
         std::string folder = std::move(stack.back());
         stack.pop_back();
         if (isCancelled && isCancelled()) return;
-        visitFolder(folder, status.device, [&stack](std::string path) { stack.push_back(std::move(path)); });
+        visitFolder(folder, status.device, [&](std::string path) {
+            prefetch.request(path);
+            stack.push_back(std::move(path));
+        });
     }
 }
 
@@ -119,7 +134,7 @@ void Walk::visitFolder(const std::string& folder, uint64_t device,
     }
     std::vector<DirectoryEntry> entries;
     try {
-        entries = DirectoryReader::read(folder);
+        entries = prefetch_ ? prefetch_->take(folder) : DirectoryReader::read(folder);
     } catch (const SystemError&) {
         unreadable.push_back(folder);
         return;

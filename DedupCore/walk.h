@@ -15,6 +15,7 @@
 
 #include "directory_reader.h"
 #include "file_records.h"
+#include "folder_prefetch.h"
 #include "scan_options.h"
 #include "scan_progress.h"
 
@@ -61,6 +62,9 @@ struct Walk {
     // Folders never entered at the root of a volume: the kernel's virtual trees, the recovery and
     // snapshot folders, and the per-volume Trash.
     static bool isVolumeSystemFolder(const std::string& name);
+
+private:
+    FolderPrefetch* prefetch_ = nullptr;  // while visit() runs: the folders it will enter, read ahead
 };
 
 }  // namespace dedup

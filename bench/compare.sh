@@ -456,11 +456,13 @@ report() {
     echo "  by size: equal to dedup's groups counted by file size rather than in freed blocks;"
   fi
   echo "  no: clones: counts files that share all their blocks as copies; no (D): off by D bytes."
-  if wants rmlint; then
-    echo "rmlint hashes on several threads by default; jdupes, fdupes and rdfind read with one."
+  if wants dedup || wants rmlint; then
+    echo "dedup reads with one thread per core (two for 64 KiB prefixes) unless its disk really spins;" \
+      "rmlint hashes on several threads by default; jdupes, fdupes and rdfind read with one."
   fi
   if wants jdupes || wants fdupes; then
-    echo "jdupes and fdupes compare candidates byte for byte after hashing; rmlint, rdfind and dedup trust the digest."
+    echo "jdupes and fdupes compare candidates byte for byte after hashing; dedup compares the copies of a" \
+      "file above 64 KiB byte for byte as it digests them and trusts the digest below; rmlint and rdfind trust the digest."
   fi
   [ "${#notes[@]}" -eq 0 ] || printf 'Note: %s\n' "${notes[@]}"
 }

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "byte_format.h"
+#include "parallel.h"
 #include "reclaim_plan.h"
 
 namespace dedup::cli {
@@ -20,9 +21,17 @@ void writeScanJson(std::ostream& out, const ScanResult& result) {
     // Keys in sorted order, as every JSON this system writes.
     out << "{\"bytesRead\":" << result.bytesRead << ",\"cancelled\":" << (result.cancelled ? "true" : "false")
         << ",\"filesSeen\":" << result.filesSeen << ",\"groups\":[";
-    for (size_t i = 0; i < result.groups.size(); ++i) {
-        if (i > 0) out << ",";
-        out << "\n" << text(result.groups[i]);
+    // Making a group's text costs more than writing it: the groups of a window are made on every
+    // core at once and written in order, so no more than one window's text is held.
+    constexpr size_t window = 256;
+    std::vector<std::string> texts;
+    for (size_t start = 0; start < result.groups.size(); start += window) {
+        texts.assign(std::min(window, result.groups.size() - start), std::string());
+        parallelFor(texts.size(), workersFor(0, false), [&](size_t k) { texts[k] = text(result.groups[start + k]); });
+        for (size_t k = 0; k < texts.size(); ++k) {
+            if (start + k > 0) out << ",";
+            out << "\n" << texts[k];
+        }
     }
     out << "],\"leftovers\":" << text(result.leftovers) << ",\"unreadableFolders\":" << text(result.unreadableFolders)
         << "}\n";

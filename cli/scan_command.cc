@@ -35,7 +35,7 @@ void addScanOptions(CLI::App& command, ScanArguments& arguments) {
     command.add_option("--exclude", arguments.excluded, "Leave out this file or folder and all below it");
     command.add_flag("--include-library", arguments.includeLibrary, "Also look inside the home folder's .cache");
     command.add_option("--threads", arguments.threads,
-                       "Files read at once (default: one per core on solid-state disks, one on spinning disks)")
+                       "Files read at once (default: one per core on solid-state and virtual disks, one on spinning disks)")
         ->check(CLI::Range(1, 256));
     command.add_flag("--no-cache", arguments.noCache, "Neither use nor fill the digest cache");
     command.add_flag("--json", arguments.json, "Print the result as JSON for programs");

@@ -37,6 +37,10 @@ private:
 // access time alone where the kernel allows it (owner or root), and tells the kernel that the
 // file will be read once from start to end. Throws SystemError("open", path, errno).
 FileDescriptor openForReading(const std::string& path);
+// The same for reading no more than `length` bytes from the start (0 for none, to ask the file
+// system about the file): the read-once hint is given only where it can help, a hint being a call
+// of its own.
+FileDescriptor openForReading(const std::string& path, int64_t length);
 
 // Opens a folder for listing without following a final symbolic link.
 // Throws SystemError("open", path, errno).
@@ -44,6 +48,11 @@ FileDescriptor openDirectory(const std::string& path);
 
 // Reads up to buffer.size() bytes; 0 means end of file. Throws SystemError("read", path, errno).
 size_t readSome(const FileDescriptor& fd, const std::string& path, std::span<std::byte> buffer);
+
+// Asks the kernel to start reading `length` bytes from `offset` into the page cache and returns at
+// once, so that the disk works while the caller digests what it already has. Only a hint: never
+// fails.
+void readAhead(const FileDescriptor& fd, int64_t offset, int64_t length);
 
 // Writes the whole text to a temporary file beside `path`, flushes it and renames it over `path`,
 // so readers see the old or the new content, never a part. Throws SystemError.

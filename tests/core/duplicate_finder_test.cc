@@ -297,6 +297,24 @@ TEST_P(FinderOnVolume, CachePruneRemovesOnlyUnseenFilesUnderTheRoots) {
     // A root that is a single file is its own record.
     EXPECT_FALSE(cache.digest(HashCache::Kind::full, single));
 
+    // Many records of files elsewhere on the volume, which no scan of this root sees: they stay,
+    // and an unseen file under the root still goes.
+    ScannedFile again = file("in/again");
+    cache.store("d", HashCache::Kind::full, again);
+    std::vector<ScannedFile> elsewhere;
+    for (int i = 0; i < 1500; ++i) {
+        ScannedFile f = seen;
+        f.path = root_ + "/elsewhere/" + std::to_string(i);
+        f.status.inode = 500000 + static_cast<uint64_t>(i);
+        cache.store("e", HashCache::Kind::full, f);
+        elsewhere.push_back(f);
+    }
+    cache.prune({root_ + "/in"}, {seen});
+    EXPECT_FALSE(cache.digest(HashCache::Kind::full, again));
+    EXPECT_TRUE(cache.digest(HashCache::Kind::full, seen));
+    EXPECT_TRUE(cache.digest(HashCache::Kind::full, elsewhere.front()));
+    EXPECT_TRUE(cache.digest(HashCache::Kind::full, elsewhere.back()));
+
     // Below a root with non-ASCII characters only the root itself is matched: records there are
     // kept rather than wrongly dropped.
     ScannedFile accented = file("Fotos é/x");

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <limits>
 
 #include "../../file_records.h"
 
@@ -33,15 +34,21 @@ int openRetrying(const std::string& path, int flags) {
 }
 }  // namespace
 
-FileDescriptor openForReading(const std::string& path) {
+FileDescriptor openForReading(const std::string& path, int64_t length) {
     // O_NONBLOCK: a path that became a FIFO since the listing must fail, not hang the scan.
     constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK;
     int fd = openRetrying(path, flags | O_NOATIME);
     // O_NOATIME is refused with EPERM to anyone but the owner and root.
     if (fd < 0 && errno == EPERM) fd = openRetrying(path, flags);
     if (fd < 0) throw SystemError("open", path, errno);
-    ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+    // Below a few read-ahead windows the kernel's own read-ahead already covers the whole read.
+    constexpr int64_t worthAHint = 256 * 1024;
+    if (length > worthAHint) ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
     return FileDescriptor(fd);
+}
+
+FileDescriptor openForReading(const std::string& path) {
+    return openForReading(path, std::numeric_limits<int64_t>::max());
 }
 
 FileDescriptor openDirectory(const std::string& path) {
@@ -56,6 +63,10 @@ size_t readSome(const FileDescriptor& fd, const std::string& path, std::span<std
         if (n >= 0) return static_cast<size_t>(n);
         if (errno != EINTR) throw SystemError("read", path, errno);
     }
+}
+
+void readAhead(const FileDescriptor& fd, int64_t offset, int64_t length) {
+    ::posix_fadvise(fd.get(), offset, length, POSIX_FADV_WILLNEED);
 }
 
 void writeFileAtomically(const std::string& path, const std::string& content) {

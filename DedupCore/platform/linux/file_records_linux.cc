@@ -60,7 +60,7 @@ uint64_t mix(uint64_t hash, uint64_t value) {
 }  // namespace
 
 std::optional<CloneInfo> CloneInfo::read(const std::string& path) {
-    return platform::cloneInfoOf(platform::openForReading(path), path);
+    return platform::cloneInfoOf(platform::openForReading(path, 0), path);
 }
 
 }  // namespace dedup

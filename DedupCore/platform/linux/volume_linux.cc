@@ -1,4 +1,4 @@
-// VolumeInfo, StorageKind and the mount table, read from /proc and /sys.
+// VolumeInfo, the disks under a volume and the mount table, read from /proc and /sys.
 #include <fcntl.h>
 #include <linux/btrfs.h>
 #include <linux/magic.h>
@@ -12,10 +12,12 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "../../file_records.h"
 #include "../file_io.h"
+#include "../storage.h"
 #include "../system.h"
 
 namespace dedup::platform {
@@ -82,24 +84,6 @@ std::string readFirstLine(const std::filesystem::path& path) {
     std::string line;
     std::getline(in, line);
     return line;
-}
-
-// A block device in /sys is rotational when its queue says so; a partition asks its disk, and a
-// device-mapper or md device asks its members.
-bool sysBlockIsRotational(const std::filesystem::path& device, int depth = 0) {
-    std::error_code ec;
-    auto dir = std::filesystem::canonical(device, ec);
-    if (ec || depth > 8) return false;
-    if (std::filesystem::exists(dir / "partition", ec)) return sysBlockIsRotational(dir.parent_path(), depth + 1);
-    auto slaves = dir / "slaves";
-    if (std::filesystem::is_directory(slaves, ec)) {
-        bool any = false;
-        for (const auto& member : std::filesystem::directory_iterator(slaves, ec)) {
-            if (sysBlockIsRotational(member.path(), depth + 1)) any = true;
-        }
-        if (any) return true;
-    }
-    return readFirstLine(dir / "queue" / "rotational") == "1";
 }
 
 std::string uuidText(const unsigned char bytes[16]) {
@@ -175,6 +159,82 @@ std::optional<std::string> volumeIdentifier(const std::string& path, bool withSu
     return text;
 }
 
+namespace {
+
+// Walks from a block device in /sys down to the disks that hold its bytes.
+class DiskSearch {
+public:
+    std::vector<DiskFacts> disks;
+
+    void fromPath(const std::string& path, int depth) {
+        struct statx sx {};
+        if (depth > maxDepth || ::statx(AT_FDCWD, path.c_str(), AT_NO_AUTOMOUNT, STATX_TYPE, &sx) != 0) return;
+        if (sx.stx_dev_major != 0) {
+            fromBlockDevice(std::filesystem::path("/sys/dev/block") /
+                                (std::to_string(sx.stx_dev_major) + ":" + std::to_string(sx.stx_dev_minor)),
+                            depth);
+            return;
+        }
+        // Btrfs gives every subvolume an anonymous device; its real devices are listed under its fsid.
+        FileDescriptor fd = openForQuestions(path);
+        auto fsid = fd ? btrfsFsid(fd.get()) : std::nullopt;
+        if (!fsid) return;
+        std::error_code ec;
+        for (const auto& device : std::filesystem::directory_iterator("/sys/fs/btrfs/" + *fsid + "/devices", ec)) {
+            fromBlockDevice(device.path(), depth + 1);
+        }
+    }
+
+private:
+    static constexpr int maxDepth = 8;
+
+    void fromBlockDevice(const std::filesystem::path& link, int depth) {
+        std::error_code ec;
+        auto dir = std::filesystem::canonical(link, ec);
+        if (ec || depth > maxDepth || !visited_.insert(dir.string()).second) return;
+        if (std::filesystem::exists(dir / "partition", ec)) return fromBlockDevice(dir.parent_path(), depth + 1);
+        // A loop device stands for its image file, whose bytes lie on another disk. An image that
+        // was deleted reads "(deleted)" and cannot be followed: the loop device is then the answer.
+        std::string image = readFirstLine(dir / "loop" / "backing_file");
+        if (!image.empty() && !image.ends_with("(deleted)")) {
+            size_t before = disks.size();
+            fromPath(image, depth + 1);
+            if (disks.size() > before) return;
+        }
+        size_t before = disks.size();
+        for (const auto& member : std::filesystem::directory_iterator(dir / "slaves", ec)) {
+            fromBlockDevice(member.path(), depth + 1);
+        }
+        if (disks.size() > before) return;
+        DiskFacts disk;
+        disk.name = dir.filename().string();
+        disk.sysPath = dir.string();
+        disk.rotational = readFirstLine(dir / "queue" / "rotational") == "1";
+        disk.driver = std::filesystem::canonical(dir / "device" / "driver", ec).filename().string();
+        if (ec) disk.driver.clear();
+        disk.vendor = trimmed(readFirstLine(dir / "device" / "vendor"));
+        disk.model = trimmed(readFirstLine(dir / "device" / "model"));
+        disks.push_back(std::move(disk));
+    }
+
+    // SCSI pads its vendor and model fields with spaces.
+    static std::string trimmed(std::string text) {
+        while (!text.empty() && text.back() == ' ') text.pop_back();
+        size_t start = text.find_first_not_of(' ');
+        return start == std::string::npos ? "" : text.substr(start);
+    }
+
+    std::set<std::string> visited_;
+};
+
+}  // namespace
+
+std::vector<DiskFacts> disksUnder(const std::string& path) {
+    DiskSearch search;
+    search.fromPath(path, 0);
+    return std::move(search.disks);
+}
+
 }  // namespace dedup::platform
 
 namespace dedup {
@@ -186,28 +246,6 @@ std::optional<VolumeInfo> VolumeInfo::of(const std::string& path) {
         if (line.id == *id) return VolumeInfo{line.mount.mountPoint, line.mount.source, line.mount.fileSystem};
     }
     return std::nullopt;
-}
-
-bool StorageKind::isRotational(const std::string& path) {
-    struct statx sx {};
-    if (::statx(AT_FDCWD, path.c_str(), AT_NO_AUTOMOUNT, STATX_TYPE, &sx) != 0) return false;
-    std::error_code ec;
-    if (sx.stx_dev_major != 0) {
-        auto sys = std::filesystem::path("/sys/dev/block") /
-                   (std::to_string(sx.stx_dev_major) + ":" + std::to_string(sx.stx_dev_minor));
-        return platform::sysBlockIsRotational(sys);
-    }
-    // Btrfs gives every subvolume an anonymous device; its real devices are listed under its fsid.
-    platform::FileDescriptor fd = platform::openForQuestions(path);
-    if (!fd) return false;
-    auto fsid = platform::btrfsFsid(fd.get());
-    if (!fsid) return false;
-    auto devices = std::filesystem::path("/sys/fs/btrfs") / *fsid / "devices";
-    bool any = false;
-    for (const auto& device : std::filesystem::directory_iterator(devices, ec)) {
-        if (platform::sysBlockIsRotational(device.path())) any = true;
-    }
-    return any;
 }
 
 }  // namespace dedup

@@ -1,0 +1,136 @@
+// Reading for digests in bulk: many cache lookups answered in one pass, and sets of likely copies
+// read side by side, each file once.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "hash_cache.h"
+#include "hasher.h"
+#include "locked.h"
+#include "support/test_files.h"
+#include "volumes.h"
+
+namespace dedup {
+namespace {
+
+using Kind = HashCache::Kind;
+
+class HashCacheTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+        root_ = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::xfs), "cache");
+        cache_ = std::make_unique<HashCache>(data_.path("hashes.sqlite"));
+    }
+    ScannedFile file(const std::string& name) {
+        std::string path = root_ + "/" + name;
+        if (!std::filesystem::exists(path)) test::writeFile(path, "content");
+        return {path, FileStatus::read(path), {}};
+    }
+
+    test::TempDir data_;
+    std::string root_;
+    std::unique_ptr<HashCache> cache_;
+};
+
+TEST_F(HashCacheTest, ManyLookupsAtOnceAnswerAsOneByOne) {
+    // Records for made-up inodes of this volume: the cache knows files only by volume and inode.
+    ScannedFile real = file("real");
+    std::vector<ScannedFile> files;
+    for (int i = 0; i < 3000; ++i) {
+        ScannedFile f = real;
+        f.status.inode = 100000 + static_cast<uint64_t>(i) * 7;
+        f.status.size = i;
+        files.push_back(f);
+        if (i % 10 == 9) continue;  // some have no record at all
+        cache_->store("p" + std::to_string(i), Kind::partial, f);
+        if (i % 3 == 0) cache_->store("f" + std::to_string(i), Kind::full, f);
+    }
+    // A file that changed since: its record no longer serves it.
+    files[42].status.modified.nanoseconds += 1;
+
+    auto check = [&](const std::vector<size_t>& picked) {
+        std::vector<HashCache::Lookup> lookups;
+        for (size_t i : picked) lookups.push_back({i % 2 ? Kind::partial : Kind::full, &files[i]});
+        auto many = cache_->digests(lookups);
+        ASSERT_EQ(many.size(), lookups.size());
+        for (size_t k = 0; k < lookups.size(); ++k) {
+            EXPECT_EQ(many[k], cache_->digest(lookups[k].kind, *lookups[k].file)) << "inode " << lookups[k].file->status.inode;
+        }
+    };
+    // Most of the records, in no particular order: answered in one pass over them.
+    std::vector<size_t> most;
+    for (size_t i = 0; i < files.size(); i += 2) most.push_back(files.size() - 1 - i);
+    most.push_back(42);
+    check(most);
+    // A few files far apart among many records: the pass gives up early and searches for the rest.
+    std::vector<size_t> few;
+    for (size_t i = 0; i < files.size(); i += 40) few.push_back(i);
+    check(few);
+    EXPECT_FALSE(cache_->digests({{Kind::full, &files[42]}})[0]);
+}
+
+TEST(HasherTest, FilesReadSideBySideGetTheirOwnDigestsWhereverTheyDiffer) {
+    test::TempDir dir;
+    constexpr int64_t chunk = static_cast<int64_t>(ContentHash::chunkSize);
+    std::string content = test::randomBytes(3 * chunk + 1000, 33);
+    auto changed = [&](int64_t at) {
+        std::string copy = content;
+        copy[static_cast<size_t>(at)] ^= 0x40;
+        return copy;
+    };
+    // Copies, and files that part from the first in its first chunk, inside a later chunk, at a
+    // chunk's edge and in the last byte; two that part at the same place but agree with each other
+    // (they must still match); one shorter and one longer.
+    std::vector<std::pair<std::string, std::string>> made = {
+        {"first", content},          {"copy", content},
+        {"at0", changed(0)},         {"middle", changed(chunk + 77)},
+        {"edge", changed(2 * chunk)}, {"last", changed(static_cast<int64_t>(content.size()) - 1)},
+        {"twin1", changed(chunk + 5)}, {"twin2", changed(chunk + 5)},
+        {"copy2", content},          {"shorter", content.substr(0, content.size() - 1)},
+        {"longer", content + "x"}};
+    std::vector<ScannedFile> files;
+    int64_t total = 0;
+    for (const auto& [name, bytes] : made) {
+        test::writeFile(dir.path(name), bytes);
+        files.push_back({dir.path(name), FileStatus::read(dir.path(name)), {}});
+        total += static_cast<int64_t>(bytes.size());
+    }
+    files.insert(files.begin(), {dir.path("vanished"), files[0].status, {}});
+    std::vector<const ScannedFile*> pointers;
+    for (const auto& file : files) pointers.push_back(&file);
+
+    Locked<int64_t> bytes{0};
+    auto digests = Hasher::digestsSideBySide(pointers, nullptr, bytes, nullptr, nullptr, chunk);
+    ASSERT_EQ(digests.size(), files.size());
+    EXPECT_FALSE(digests[0]);  // an unreadable first file leaves the others to go on without it
+    for (size_t i = 1; i < files.size(); ++i) {
+        ASSERT_TRUE(digests[i]) << files[i].path;
+        EXPECT_EQ(*digests[i], digestText(ContentHash::sha256(files[i].path, ContentHash::fullLimit))) << files[i].path;
+    }
+    // Each file is read once, whatever it shares.
+    EXPECT_EQ(bytes.get(), total);
+}
+
+TEST(HasherTest, SideBySideServesCachedDigestsAndReadsOnlyTheRest) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+    std::string root = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::xfs), "side-by-side");
+    test::TempDir data;
+    HashCache cache(data.path("hashes.sqlite"));
+    std::vector<ScannedFile> files;
+    for (const char* name : {"a", "b", "c"}) {
+        test::writeRandomFile(root + "/" + name, 300000, 34);
+        files.push_back({root + "/" + name, FileStatus::read(root + "/" + name), {}});
+    }
+    cache.store("known", HashCache::Kind::full, files[0]);
+    Locked<int64_t> bytes{0};
+    auto digests = Hasher::digestsSideBySide({&files[0], &files[1], &files[2]}, &cache, bytes, nullptr, nullptr);
+    std::string real = digestText(ContentHash::sha256(files[1].path, ContentHash::fullLimit));
+    EXPECT_EQ(digests, (std::vector<std::optional<std::string>>{"known", real, real}));
+    EXPECT_EQ(bytes.get(), 2 * 300000);
+    // The digests read are cached for the next time.
+    EXPECT_EQ(cache.digest(HashCache::Kind::full, files[2]), real);
+}
+
+}  // namespace
+}  // namespace dedup
