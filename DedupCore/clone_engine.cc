@@ -392,6 +392,13 @@ CloneEngine::Leftover CloneEngine::recoverLeftover(const std::string& path) {
         platform::renamePath(path, own);
         return Leftover::restored;
     }
+    // The kernel fills a clone in one call, after creating it empty: an empty temporary beside a
+    // copy with data is a clone that never got its blocks, and the copy was never touched. (Empty
+    // copies are never replaced, so the temporary cannot be the user's own file swapped out.)
+    if (FileStatus::read(path).size == 0 && FileStatus::read(own).size > 0) {
+        platform::removeFile(path);
+        return Leftover::removed;
+    }
     if (sameContent(path, own)) {
         platform::removeFile(path);
         return Leftover::removed;

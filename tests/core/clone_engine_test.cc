@@ -276,6 +276,12 @@ TEST(CloneEngineTest, LeftoversArePutRight) {
     EXPECT_EQ(test::readFile(temporary), "different");
     EXPECT_EQ(test::readFile(dir.path("photo.jpg")), "same");
 
+    // Killed between creating the clone and filling it: an empty file, which goes.
+    test::writeFile(temporary, "");
+    EXPECT_EQ(CloneEngine::recoverLeftover(temporary), CloneEngine::Leftover::removed);
+    EXPECT_FALSE(std::filesystem::exists(temporary));
+    EXPECT_EQ(test::readFile(dir.path("photo.jpg")), "same");
+
     test::writeFile(dir.path(".dedup-" + uuid), "x");
     EXPECT_EQ(CloneEngine::recoverLeftover(dir.path(".dedup-" + uuid)), CloneEngine::Leftover::kept);
     EXPECT_TRUE(std::filesystem::exists(dir.path(".dedup-" + uuid)));
