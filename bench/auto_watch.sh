@@ -101,7 +101,7 @@ after=$(cpu_ticks "$pid")
 idle_cpu=$(awk -v a="$before" -v b="$after" -v hz="$hz" -v s="$idle" 'BEGIN { printf "%.3f s (%.4f%% of one core)", (b - a) / hz, 100 * (b - a) / hz / s }')
 
 shared() { filefrag -v "$1" 2>/dev/null | grep -q shared; }
-source_file=$(find "$mount_point/tree" -type f -size +1M | head -n 1)
+source_file=$(find "$mount_point/tree" -type f -size +1M -print -quit)
 delays=()
 for t in $(seq 1 "$trials"); do
   copy="$mount_point/tree/new-copy-$t.bin"
