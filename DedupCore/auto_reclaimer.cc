@@ -184,7 +184,10 @@ void AutoReclaimer::buildIndex() {
         if (status.isRegularFile()) {
             Walk walk(finder_.options);
             walk.visit(root);
-            for (auto& file : walk.files) index_[file.path] = std::move(file);
+            for (auto& file : walk.files) {
+                std::string path = std::move(file.path);
+                index_[std::move(path)] = std::move(file);
+            }
         } else if (status.isDirectory()) {
             indexFolderTree(root, status.device, nullptr);
         }
@@ -218,7 +221,8 @@ void AutoReclaimer::indexFolderTree(const std::string& folder, uint64_t device, 
             }
             if (!known || !sameFile(known->status, file.status)) keys->insert(keyOf(file));
         }
-        index_[file.path] = std::move(file);
+        std::string path = std::move(file.path);
+        index_[std::move(path)] = std::move(file);
     }
 }
 
@@ -356,7 +360,9 @@ void AutoReclaimer::tick() {
         it->second.status = status;
         // Hard links to one file are one file: cloning it onto itself frees nothing.
         if (seen.insert({status.device, status.inode}).second && (full || keys.contains(keyOf(it->second)))) {
-            bySize[keyOf(it->second)].push_back(it->second);
+            ScannedFile candidate = it->second;
+            candidate.path = it->first;
+            bySize[keyOf(candidate)].push_back(std::move(candidate));
         }
         ++it;
     }
@@ -365,6 +371,10 @@ void AutoReclaimer::tick() {
         if (files.size() < 2) continue;
         std::move(files.begin(), files.end(), std::back_inserter(candidates));
     }
+    // A pass's working memory goes back to the system: the watcher may wait for hours.
+    struct Trimmed {
+        ~Trimmed() { platform::releaseFreeMemory(); }
+    } trimmed;
     if (candidates.empty()) return;
 
     auto cancelled = [this] { return stopping_.load(); };

@@ -22,6 +22,10 @@ void nameThread(const std::string& name);
 // and reads only when nothing else wants the processor or the disk. Best effort.
 void useIdlePriority();
 
+// Hands the memory the allocator keeps free back to the system, for a process that waits long
+// between bursts of work. Best effort.
+void releaseFreeMemory();
+
 bool isTerminal(int fd);
 // Columns of the terminal on `fd`; 0 when unknown.
 int terminalWidth(int fd);

@@ -1,5 +1,6 @@
 #include "../process.h"
 
+#include <malloc.h>
 #include <pthread.h>
 #include <sched.h>
 #include <sys/ioctl.h>
@@ -66,6 +67,8 @@ void useIdlePriority() {
     constexpr int whoProcess = 1, idleClass = 3, classShift = 13;
     syscall(SYS_ioprio_set, whoProcess, 0, idleClass << classShift);
 }
+
+void releaseFreeMemory() { ::malloc_trim(0); }
 
 bool isTerminal(int fd) { return ::isatty(fd) == 1; }
 
