@@ -76,8 +76,12 @@ Profile::Profile(Kind kind_, const std::string& home, const std::vector<std::str
     options.homeFolder = home;
 }
 
-std::vector<std::string> Profile::externalCloneVolumes() {
+bool canShareBlocks(const std::string& fileSystem) {
     static const std::set<std::string> cloning = {"btrfs", "xfs", "bcachefs", "ocfs2", "zfs"};
+    return cloning.contains(fileSystem);
+}
+
+std::vector<std::string> Profile::externalCloneVolumes() {
     auto mounts = platform::mounts();
     // Other subvolumes of the root file system (a Btrfs /home, say) are the system disk too.
     std::string rootSource;
@@ -87,7 +91,7 @@ std::vector<std::string> Profile::externalCloneVolumes() {
     std::vector<std::string> result;
     std::set<std::pair<std::string, uint64_t>> seen;  // a volume mounted twice is offered once
     for (const auto& mount : mounts) {
-        if (mount.mountPoint == "/" || mount.readOnly || !cloning.contains(mount.fileSystem)) continue;
+        if (mount.mountPoint == "/" || mount.readOnly || !canShareBlocks(mount.fileSystem)) continue;
         if (!mount.source.starts_with("/dev/") || mount.source == rootSource) continue;  // local disks only
         if (!seen.insert({mount.source, mount.device}).second) continue;
         result.push_back(mount.mountPoint);

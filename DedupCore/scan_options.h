@@ -50,6 +50,10 @@ struct Profile {
     static std::vector<std::string> externalCloneVolumes();
 };
 std::string toString(Profile::Kind kind);
+
+// Whether a file system of this kernel type name can share blocks between files at all (XFS only
+// when formatted with reflink, which the first clone attempt tells).
+bool canShareBlocks(const std::string& fileSystem);
 std::optional<Profile::Kind> profileKind(const std::string& name);
 
 // A named, saved set of chosen folders with their options. On Linux a folder's bookmark is its

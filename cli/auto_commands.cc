@@ -140,6 +140,17 @@ int runAuto(const AutoArguments& arguments) {
         return automatic;
     };
 
+    // A pass only reports what it replaced, so on such a disk it would stay silent for ever.
+    for (const auto& root : roots) {
+        auto volume = VolumeInfo::of(root);
+        if (volume && !canShareBlocks(volume->fileSystem)) {
+            log.write("warning",
+                      fmt::format("{} is on {} ({}), which cannot make clones: duplicates there are left alone.",
+                                  root, volume->mountPoint, volume->fileSystem),
+                      {{"root", root}, {"fileSystem", volume->fileSystem}});
+        }
+    }
+
     std::unique_ptr<AutoReclaimer> folders;
     if (!roots.empty()) {
         folders = makeReclaimer(roots, scanOptions(arguments.scan), roots.size() == 1 ? roots.front() : "watched folders");

@@ -116,5 +116,15 @@ TEST_F(AutoCommandTest, ReclaimsANewCopyOnceQuietAndStopsOnSigterm) {
     EXPECT_EQ(test::readFile(root_ + "/b.jpg"), test::randomBytes(250000, 11));
 }
 
+TEST(AutoCommandEdgeTest, DiskThatCannotCloneIsSaidAtTheStart) {
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::ext4);
+    test::TempDir data;
+    ::setenv("DEDUP_DATA_DIR", data.path().c_str(), 1);
+    std::string root = test::freshFolder(test::sharedVolume(LoopVolume::Kind::ext4), "auto-ext4");
+    auto run = test::runCommand({"timeout", "-s", "TERM", "3", DEDUP_BINARY, "auto", "--anytime", root});
+    EXPECT_NE(run.stdoutText.find(root + " is on "), std::string::npos) << run.stdoutText;
+    EXPECT_NE(run.stdoutText.find("(ext4), which cannot make clones"), std::string::npos) << run.stdoutText;
+}
+
 }  // namespace
 }  // namespace dedup
