@@ -16,6 +16,8 @@ set -euo pipefail
 
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 repo="$(dirname "$here")"
+# shellcheck source=common.sh
+. "$here/common.sh"
 scale=1.7
 quiet=120
 trials=3
@@ -36,9 +38,9 @@ done
 die() { echo "auto_watch.sh: $*" >&2; exit 1; }
 say() { echo "auto_watch.sh: $*" >&2; }
 [ "$(id -u)" -eq 0 ] || die "needs root to loop-mount an image"
-dedup="${DEDUP:-$repo/build/dedup}"
+dedup="$(find_dedup)"
 make_dataset="${MAKE_DATASET:-$repo/build/bench/make_dataset}"
-[ -x "$dedup" ] && [ -x "$make_dataset" ] || die "build first: ./setup.sh"
+[ -x "$make_dataset" ] || die "$make_dataset is missing: run ./setup.sh first"
 command -v filefrag >/dev/null || apt-get install -y -qq e2fsprogs >/dev/null
 
 mkdir -p "$dir"

@@ -16,8 +16,8 @@ set -euo pipefail
 
 readonly all_tools="dedup jdupes rmlint fdupes rdfind"
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-# shellcheck source=tree.sh
-. "$here/tree.sh"
+# shellcheck source=common.sh
+. "$here/common.sh"
 repo="$(dirname "$here")"
 
 usage() {
@@ -83,15 +83,7 @@ make_dataset="${MAKE_DATASET:-$repo/build/bench/make_dataset}"
 [ "$make_dataset" -nt "$here/make_dataset.cc" ] || die "$make_dataset is older than bench/make_dataset.cc: run cmake --build build"
 dedup=""
 if wants dedup; then
-  if [ -n "${DEDUP:-}" ]; then
-    [ -x "$DEDUP" ] || die "DEDUP=$DEDUP is not an executable file"
-    dedup="$DEDUP"
-  else
-    for candidate in "$repo/build/dedup" "$repo/build/cli/dedup"; do
-      if [ -x "$candidate" ]; then dedup="$candidate"; break; fi
-    done
-    [ -n "$dedup" ] || die "build/dedup is missing: run ./setup.sh first (or leave dedup out with --tools)"
-  fi
+  dedup="$(find_dedup)"
 fi
 
 missing=()

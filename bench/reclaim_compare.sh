@@ -20,8 +20,8 @@ readonly all_fs="btrfs xfs"
 # Bump when the metadata given to the tree (decorate below) changes, so an old tree is not reused.
 readonly decoration_version=1
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
-# shellcheck source=tree.sh
-. "$here/tree.sh"
+# shellcheck source=common.sh
+. "$here/common.sh"
 repo="$(dirname "$here")"
 
 usage() {
@@ -90,15 +90,7 @@ make_dataset="${MAKE_DATASET:-$repo/build/bench/make_dataset}"
 [ "$make_dataset" -nt "$here/make_dataset.cc" ] || die "$make_dataset is older than bench/make_dataset.cc: run cmake --build build"
 dedup=""
 if wants dedup || wants dedup-clone; then
-  if [ -n "${DEDUP:-}" ]; then
-    [ -x "$DEDUP" ] || die "DEDUP=$DEDUP is not an executable file"
-    dedup="$DEDUP"
-  else
-    for candidate in "$repo/build/dedup" "$repo/build/cli/dedup"; do
-      if [ -x "$candidate" ]; then dedup="$candidate"; break; fi
-    done
-    [ -n "$dedup" ] || die "build/dedup is missing: run ./setup.sh first (or leave dedup out with --tools)"
-  fi
+  dedup="$(find_dedup)"
 fi
 
 # Package for each command the script calls beyond coreutils.

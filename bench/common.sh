@@ -1,5 +1,20 @@
-# Sourced by the benchmark scripts: the generated tree, made once and kept while it would come out
-# byte for byte the same. Needs `say`, `die` and `make_dataset` from the caller.
+# Sourced by the benchmark scripts. Needs `say`, `die`, `repo` and `make_dataset` from the caller.
+
+# The dedup binary to time: $DEDUP, else the build's. Dies when there is none.
+find_dedup() {
+  if [ -n "${DEDUP:-}" ]; then
+    [ -x "$DEDUP" ] || die "DEDUP=$DEDUP is not an executable file"
+    echo "$DEDUP"
+    return
+  fi
+  local candidate
+  for candidate in "$repo/build/dedup" "$repo/build/cli/dedup"; do
+    if [ -x "$candidate" ]; then echo "$candidate"; return; fi
+  done
+  die "build/dedup is missing: run ./setup.sh first (or leave dedup out with --tools)"
+}
+
+# The generated tree, made once and kept while it would come out byte for byte the same.
 #
 #   ensure_tree DIR WANT_STAMP AFTER [MAKE_DATASET ARGUMENTS...]
 #
