@@ -36,11 +36,6 @@ std::string join(const std::string& base, const std::string& rest) {
 
 SizeKey keyOf(const ScannedFile& file) { return {file.status.size, file.status.device}; }
 
-bool sameFile(const FileStatus& a, const FileStatus& b) {
-    return a.inode == b.inode && a.device == b.device && a.size == b.size && a.modified == b.modified &&
-           a.changed == b.changed;
-}
-
 }  // namespace
 
 AutoReclaimer::AutoReclaimer(std::vector<std::string> roots, DuplicateFinder finder, Reclaimer reclaimer,
@@ -219,7 +214,7 @@ void AutoReclaimer::indexFolderTree(const std::string& folder, uint64_t device, 
             if (previous) {
                 if (auto it = previous->find(file.path); it != previous->end()) known = &it->second;
             }
-            if (!known || !sameFile(known->status, file.status)) keys->insert(keyOf(file));
+            if (!known || !known->status.isSameVersion(file.status)) keys->insert(keyOf(file));
         }
         std::string path = std::move(file.path);
         index_[std::move(path)] = std::move(file);
@@ -356,7 +351,7 @@ void AutoReclaimer::tick() {
             it = index_.erase(it);
             continue;
         }
-        if (!sameFile(status, it->second.status)) it->second.clones.reset();  // read afresh by the finder
+        if (!status.isSameVersion(it->second.status)) it->second.clones.reset();  // read afresh by the finder
         it->second.status = status;
         // Hard links to one file are one file: cloning it onto itself frees nothing.
         if (seen.insert({status.device, status.inode}).second && (full || keys.contains(keyOf(it->second)))) {
