@@ -59,22 +59,6 @@ private:
     std::mutex mutex_;
 };
 
-// Roots are kept as the user spelled them, links included: the log and the journal name files the
-// way the user knows them.
-std::vector<std::string> watchedRoots(const std::vector<std::string>& given) {
-    std::vector<std::string> roots;
-    for (const auto& root : given) {
-        std::string path = fs::absolute(fs::path(root)).lexically_normal().string();
-        while (path.size() > 1 && path.back() == '/') path.pop_back();
-        std::error_code ec;
-        auto status = fs::status(path, ec);
-        if (ec || !fs::exists(status)) throw CommandError("no such folder: " + root);
-        if (!fs::is_directory(status)) throw CommandError(root + " is not a folder");
-        if (std::find(roots.begin(), roots.end(), path) == roots.end()) roots.push_back(path);
-    }
-    return roots;
-}
-
 std::unique_ptr<HashCache> openCache(bool wanted) {
     if (!wanted) return nullptr;
     try {
@@ -99,7 +83,9 @@ int runAuto(const AutoArguments& arguments) {
     if (arguments.scan.roots.empty() && !arguments.backupDisks) {
         throw CommandError("give the folders to keep reclaimed, or --backup-disks", usage);
     }
-    auto roots = watchedRoots(arguments.scan.roots);
+    // Kept as the user spelled them, links included: the log and the journal name files the way the
+    // user knows them.
+    auto roots = checkedRoots(arguments.scan.roots, false);
     auto journal = openJournal();
     Log log(arguments.scan.json);
     std::ostringstream recovered;

@@ -55,7 +55,7 @@ std::string withoutTrailingSlash(std::string path) {
 
 }  // namespace
 
-std::vector<std::string> checkedRoots(const std::vector<std::string>& roots) {
+std::vector<std::string> checkedRoots(const std::vector<std::string>& roots, bool resolveLinks) {
     std::vector<std::string> result;
     for (const auto& given : roots) {
         std::string path = withoutTrailingSlash(absolute(given));
@@ -67,7 +67,7 @@ std::vector<std::string> checkedRoots(const std::vector<std::string>& roots) {
         if (!fs::is_directory(status)) throw CommandError(given + " is not a folder");
         // A root given through a symbolic link is walked where the link points: the walk itself
         // never follows links, so it must start from the real folder.
-        if (fs::is_symlink(fs::symlink_status(path, ec))) {
+        if (resolveLinks && fs::is_symlink(fs::symlink_status(path, ec))) {
             if (auto real = platform::realPath(path)) path = *real;
         }
         if (!platform::canAccess(path, 4 /* R_OK */) || !platform::canAccess(path, 1 /* X_OK */)) {

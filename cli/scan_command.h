@@ -28,7 +28,9 @@ void addScanOptions(CLI::App& command, ScanArguments& arguments);
 
 // Turns the arguments into absolute, checked roots and options. Throws CommandError naming the
 // first root that is missing, not a folder or not readable.
-std::vector<std::string> checkedRoots(const std::vector<std::string>& roots);
+// With `resolveLinks` false a root given through a symbolic link keeps the user's spelling, for
+// callers that walk and watch it themselves.
+std::vector<std::string> checkedRoots(const std::vector<std::string>& roots, bool resolveLinks = true);
 ScanOptions scanOptions(const ScanArguments& arguments);
 
 // Runs the scan and prints it; returns the exit code.
