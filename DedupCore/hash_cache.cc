@@ -318,16 +318,20 @@ void HashCache::prune(const std::vector<std::string>& roots, const std::vector<S
         }
         std::string prefix = root.ends_with('/') ? root : root + "/";
         const std::string underRoot = "(path = ? OR substr(path, 1, ?) = ?)";
-        std::vector<int64_t> gone;
+        std::vector<std::pair<int64_t, std::string>> unseenUnderRoot;
+        auto pathOf = [](sqlite3_stmt* row, int column) {
+            const auto* text = sqlite3_column_text(row, column);
+            return text ? std::string(reinterpret_cast<const char*>(text)) : std::string();
+        };
         if (!many) {
             for (int64_t inode : unseen) {
-                if (!query("SELECT 1 FROM hashes WHERE volume = ? AND inode = ? AND " + underRoot,
-                           {*volume, inode, root, static_cast<int64_t>(prefix.size()), prefix})
-                         .empty()) {
-                    gone.push_back(inode);
-                }
+                auto rows = query("SELECT path FROM hashes WHERE volume = ? AND inode = ? AND " + underRoot,
+                                  {*volume, inode, root, static_cast<int64_t>(prefix.size()), prefix});
+                if (rows.empty()) continue;
+                const auto* path = std::get_if<std::string>(&rows.front().front());
+                unseenUnderRoot.emplace_back(inode, path ? *path : std::string());
             }
-        } else if (sqlite3_stmt* under = prepared("SELECT inode FROM hashes WHERE volume = ? AND " + underRoot)) {
+        } else if (sqlite3_stmt* under = prepared("SELECT inode, path FROM hashes WHERE volume = ? AND " + underRoot)) {
             sqlite3_bind_text(under, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
             sqlite3_bind_text(under, 2, root.c_str(), static_cast<int>(root.size()), SQLITE_STATIC);
             sqlite3_bind_int64(under, 3, static_cast<int64_t>(prefix.size()));
@@ -335,9 +339,22 @@ void HashCache::prune(const std::vector<std::string>& roots, const std::vector<S
             // Gathered first and deleted after: the records are not changed under a running query.
             while (sqlite3_step(under) == SQLITE_ROW) {
                 int64_t inode = sqlite3_column_int64(under, 0);
-                if (!isKept(inode)) gone.push_back(inode);
+                if (!isKept(inode)) unseenUnderRoot.emplace_back(inode, pathOf(under, 1));
             }
             sqlite3_reset(under);
+        }
+        // The scan does not see every file under its roots: its size floor, its extensions and
+        // its excluded folders leave some out. Such a file is still there, under the name its
+        // record gives, and its digest will serve the next scan that takes it.
+        std::vector<int64_t> gone;
+        for (const auto& [inode, path] : unseenUnderRoot) {
+            bool stillThere = false;
+            try {
+                FileStatus now = FileStatus::read(path);
+                stillThere = now.device == status.device && static_cast<int64_t>(now.inode) == inode;
+            } catch (const SystemError&) {
+            }
+            if (!stillThere) gone.push_back(inode);
         }
         for (int64_t inode : gone) {
             begin();

@@ -58,7 +58,8 @@ public:
     };
     std::vector<std::optional<std::string>> digests(const std::vector<Lookup>& lookups);
     void store(const std::string& digest, Kind kind, const ScannedFile& file);
-    // Deletes the records of files under `roots` that are not among `seen`.
+    // Deletes the records of files under `roots` that are not among `seen` and are no longer found
+    // under the path their record gives.
     void prune(const std::vector<std::string>& roots, const std::vector<ScannedFile>& seen);
     // Commits the writes made so far.
     void flush();

@@ -161,6 +161,11 @@ TEST_P(FinderOnVolume, CacheIsReusedInvalidatedAndPruned) {
     EXPECT_FALSE(cache.digest(HashCache::Kind::partial, vanished));
     // The file that is still there keeps its record.
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, ScannedFile{at("gone"), FileStatus::read(at("gone")), {}}));
+
+    // A scan that leaves the files out by their size has not seen them vanish: the next full scan
+    // still reads nothing.
+    EXPECT_TRUE(scan(root_, &cache, 1 << 20).groups.empty());
+    EXPECT_EQ(scan(root_, &cache).bytesRead, 0);
 }
 
 TEST_P(FinderOnVolume, CancelledScanReportsSoAndLeavesTheCacheAlone) {
@@ -283,19 +288,21 @@ TEST_P(FinderOnVolume, CachePruneRemovesOnlyUnseenFilesUnderTheRoots) {
     ScannedFile seen = file("in/seen");
     ScannedFile unseen = file("in/unseen");
     ScannedFile sibling = file("inner/other");  // "/in" must not prune "/inner"
-    ScannedFile single = file("single");
-    for (const auto& f : {seen, unseen, sibling, single}) cache.store("d", HashCache::Kind::full, f);
+    for (const auto& f : {seen, unseen, sibling}) cache.store("d", HashCache::Kind::full, f);
 
     cache.prune({}, {seen});
     cache.prune({root_ + "/does-not-exist"}, {});
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, unseen));
 
-    cache.prune({root_ + "/in", root_ + "/single"}, {seen});
+    // Not seen but still there, as a file the scan's filters left out is: kept.
+    ScannedFile leftOut = file("in/left-out");
+    cache.store("d", HashCache::Kind::full, leftOut);
+    std::filesystem::remove(unseen.path);
+    cache.prune({root_ + "/in"}, {seen});
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, seen));
+    EXPECT_TRUE(cache.digest(HashCache::Kind::full, leftOut));
     EXPECT_FALSE(cache.digest(HashCache::Kind::full, unseen));
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, sibling));
-    // A root that is a single file is its own record.
-    EXPECT_FALSE(cache.digest(HashCache::Kind::full, single));
 
     // Many records of files elsewhere on the volume, which no scan of this root sees: they stay,
     // and an unseen file under the root still goes.
@@ -309,8 +316,10 @@ TEST_P(FinderOnVolume, CachePruneRemovesOnlyUnseenFilesUnderTheRoots) {
         cache.store("e", HashCache::Kind::full, f);
         elsewhere.push_back(f);
     }
+    std::filesystem::remove(again.path);
     cache.prune({root_ + "/in"}, {seen});
     EXPECT_FALSE(cache.digest(HashCache::Kind::full, again));
+    EXPECT_TRUE(cache.digest(HashCache::Kind::full, leftOut));
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, seen));
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, elsewhere.front()));
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, elsewhere.back()));
