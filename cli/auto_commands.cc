@@ -126,15 +126,20 @@ int runAuto(const AutoArguments& arguments) {
         return automatic;
     };
 
-    // A pass only reports what it replaced, so on such a disk it would stay silent for ever.
-    for (const auto& root : roots) {
+    // On a disk that cannot make clones every pass would only journal each copy as left alone
+    // again; and as a pass reports only what it replaced, the log would stay silent about why.
+    std::erase_if(roots, [&](const std::string& root) {
         auto volume = VolumeInfo::of(root);
-        if (volume && !canShareBlocks(volume->fileSystem)) {
-            log.write("warning",
-                      fmt::format("{} is on {} ({}), which cannot make clones: duplicates there are left alone.",
-                                  root, volume->mountPoint, volume->fileSystem),
-                      {{"root", root}, {"fileSystem", volume->fileSystem}});
-        }
+        if (!volume || canShareBlocks(volume->fileSystem)) return false;
+        log.write("warning",
+                  fmt::format("{} is on {} ({}), which cannot make clones: it is not watched, and duplicates there "
+                              "are left alone.",
+                              root, volume->mountPoint, volume->fileSystem),
+                  {{"root", root}, {"fileSystem", volume->fileSystem}});
+        return true;
+    });
+    if (roots.empty() && !arguments.backupDisks) {
+        throw CommandError("none of these folders is on a disk that can make clones: there is nothing to keep reclaimed");
     }
 
     std::unique_ptr<AutoReclaimer> folders;
