@@ -56,6 +56,10 @@ public:
     void start();
     // Ends the pass under way between two replacements, then stops watching and ticking.
     void stop();
+    // From any thread, even while start() runs on another: the index being built and the pass
+    // under way end early and no pass starts again, so a start() under way returns soon. stop()
+    // is still needed afterwards.
+    void cancel() { stopping_ = true; }
 
     // Whether background work may burden the machine now (any thread).
     static bool machineIsFree();

@@ -52,6 +52,10 @@ BackupWatcher::~BackupWatcher() { stop(); }
 
 void BackupWatcher::start() {
     if (queue_) return;
+    {
+        std::lock_guard lock(startingLock_);
+        stopping_ = false;
+    }
     queue_ = std::make_unique<SerialQueue>("dedup.backup", [] { platform::nameThread("dedup.backup"); });
     queue_->sync([this] {
         auto interval = std::chrono::duration_cast<SerialQueue::Clock::duration>(
@@ -62,6 +66,11 @@ void BackupWatcher::start() {
 
 void BackupWatcher::stop() {
     if (!queue_) return;
+    {
+        std::lock_guard lock(startingLock_);
+        stopping_ = true;
+        if (starting_) starting_->cancel();
+    }
     queue_->sync([this] {
         queue_->cancelTimer();
         for (auto& [volume, reclaimer] : running_) reclaimer->stop();
@@ -95,7 +104,16 @@ void BackupWatcher::poll() {
         if (running_.contains(volume)) continue;
         auto reclaimer = makeReclaimer_(volume);
         if (!reclaimer) continue;
+        {
+            std::lock_guard lock(startingLock_);
+            if (stopping_) return;
+            starting_ = reclaimer.get();
+        }
         reclaimer->start();
+        {
+            std::lock_guard lock(startingLock_);
+            starting_ = nullptr;
+        }
         running_.emplace(volume, std::move(reclaimer));
     }
     for (auto it = running_.begin(); it != running_.end();) {

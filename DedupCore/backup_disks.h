@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -67,6 +68,11 @@ private:
     const double pollInterval_;
     const MakeReclaimer makeReclaimer_;
     std::map<std::string, std::unique_ptr<AutoReclaimer>> running_;  // by mount path
+    // The reclaimer whose start() a poll is in: indexing a large disk takes long, and stop() must
+    // not wait for all of it.
+    std::mutex startingLock_;
+    AutoReclaimer* starting_ = nullptr;
+    bool stopping_ = false;
     std::unique_ptr<SerialQueue> queue_;
 };
 

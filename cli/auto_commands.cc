@@ -1,9 +1,11 @@
 // auto (the automatic reclaimer in the foreground) and backup-disk (marking backup disks).
+#include <atomic>
 #include <ctime>
 #include <filesystem>
 #include <iostream>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -143,14 +145,21 @@ int runAuto(const AutoArguments& arguments) {
     }
 
     std::unique_ptr<AutoReclaimer> folders;
+    // Indexing a large tree takes a while; it runs beside the wait for a signal, so that a request
+    // to stop is heard during it too.
+    std::jthread startingFolders;
+    std::atomic<bool> stopRequested{false};
     if (!roots.empty()) {
         folders = makeReclaimer(roots, scanOptions(arguments.scan), roots.size() == 1 ? roots.front() : "watched folders");
-        folders->start();
-        log.write("started",
-                  fmt::format("Watching {} folders with {} files; a folder is handled {} seconds after its last change.",
-                              groupedNumber(static_cast<int64_t>(folders->watchedFolders())),
-                              groupedNumber(static_cast<int64_t>(folders->indexedFiles())), arguments.quietPeriod),
-                  {{"roots", roots}, {"quietPeriod", arguments.quietPeriod}});
+        startingFolders = std::jthread([&] {
+            folders->start();
+            if (stopRequested) return;
+            log.write("started",
+                      fmt::format("Watching {} folders with {} files; a folder is handled {} seconds after its last change.",
+                                  groupedNumber(static_cast<int64_t>(folders->watchedFolders())),
+                                  groupedNumber(static_cast<int64_t>(folders->indexedFiles())), arguments.quietPeriod),
+                      {{"roots", roots}, {"quietPeriod", arguments.quietPeriod}});
+        });
     }
     std::unique_ptr<BackupWatcher> backups;
     if (arguments.backupDisks) {
@@ -167,6 +176,9 @@ int runAuto(const AutoArguments& arguments) {
     }
 
     platform::waitForTermination();
+    stopRequested = true;
+    if (folders) folders->cancel();
+    if (startingFolders.joinable()) startingFolders.join();
     log.write("stopping", "Stopping; the replacement under way finishes first.");
     backups.reset();
     folders.reset();

@@ -101,6 +101,20 @@ TEST_F(AutoReclaimerTest, NewCopyWaitsUntilItsFolderIsQuietAndWritesRestartTheWa
     EXPECT_EQ(summaries().size(), 1u);
 }
 
+TEST_F(AutoReclaimerTest, CancelledStartIndexesNothingAndRunsNoPass) {
+    // What a request to stop during a long first index comes to: the index is left where it is and
+    // no pass follows, so start() returns without reading the rest of the tree.
+    test::writeRandomFile(dir_ + "/a.jpg", 200000, 4);
+    test::writeRandomFile(dir_ + "/b.jpg", 200000, 4);
+    auto automatic = make({dir_}, 100);
+    automatic->cancel();
+    automatic->start();
+    EXPECT_EQ(automatic->indexedFiles(), 0u);
+    automatic->tickNow();
+    EXPECT_TRUE(summaries().empty());
+    EXPECT_FALSE(shareBlocks(dir_ + "/a.jpg", dir_ + "/b.jpg"));
+}
+
 TEST_F(AutoReclaimerTest, ChangesWaitForMayRunAndComeBackInTheUsersSpelling) {
     // Already there before the start: the first allowed pass takes them.
     test::writeRandomFile(dir_ + "/old-1.jpg", 100000, 2);
