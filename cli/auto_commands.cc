@@ -50,7 +50,7 @@ public:
             fields["event"] = event;
             fields["time"] = time;
             fields["message"] = sentence;
-            std::cout << jsonText(fields) << std::endl;
+            std::cout << jsonLine(fields) << std::endl;
         } else {
             std::cout << time << "  " << sentence << std::endl;
         }

@@ -14,10 +14,12 @@ std::string jsonText(const nlohmann::json& value) {
     return value.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+std::string jsonLine(const nlohmann::json& value) {
+    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 void writeScanJson(std::ostream& out, const ScanResult& result) {
-    auto text = [](const nlohmann::json& value) {
-        return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    };
+    const auto text = jsonLine;
     // Keys in sorted order, as every JSON this system writes.
     out << "{\"bytesRead\":" << result.bytesRead << ",\"cancelled\":" << (result.cancelled ? "true" : "false")
         << ",\"filesSeen\":" << result.filesSeen << ",\"groups\":[";

@@ -13,6 +13,8 @@ namespace dedup::cli {
 // Paths on Linux are bytes and need not be UTF-8; such bytes are shown as U+FFFD rather than
 // failing the whole output.
 std::string jsonText(const nlohmann::json& value);
+// The same on one line, for streams of one object per line.
+std::string jsonLine(const nlohmann::json& value);
 
 // 12345678 -> "12,345,678": counts a person can read at a glance.
 std::string groupedNumber(int64_t n);

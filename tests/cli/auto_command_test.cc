@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <sstream>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -128,6 +129,16 @@ TEST(AutoCommandEdgeTest, DiskThatCannotCloneIsSaidAtTheStart) {
     EXPECT_NE(run.stdoutText.find("(ext4), which cannot make clones"), std::string::npos) << run.stdoutText;
     EXPECT_EQ(run.exitCode, 1) << run.stderrText;
     EXPECT_NE(run.stderrText.find("nothing to keep reclaimed"), std::string::npos) << run.stderrText;
+
+    // For programs: one whole JSON object per line.
+    auto json = test::runCommand({"timeout", "-s", "TERM", "3", DEDUP_BINARY, "auto", "--anytime", "--json", root});
+    std::istringstream lines(json.stdoutText);
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line)) << json.stdoutText;
+    auto warning = nlohmann::json::parse(line);
+    EXPECT_EQ(warning["event"], "warning");
+    EXPECT_EQ(warning["fileSystem"], "ext4");
+    EXPECT_FALSE(std::getline(lines, line)) << json.stdoutText;
 }
 
 }  // namespace
