@@ -320,18 +320,30 @@ void HashCache::prune(const std::vector<std::string>& roots, const std::vector<S
         }
         std::string prefix = root.ends_with('/') ? root : root + "/";
         const std::string underRoot = "(path = ? OR substr(path, 1, ?) = ?)";
-        std::vector<std::pair<int64_t, std::string>> unseenUnderRoot;
-        auto pathOf = [](sqlite3_stmt* row, int column) {
-            const auto* text = sqlite3_column_text(row, column);
-            return text ? std::string(reinterpret_cast<const char*>(text)) : std::string();
+        // The scan does not see every file under its roots: its size floor, its extensions and
+        // its excluded folders leave some out. Such a file is still there, under the name its
+        // record gives, and its digest will serve the next scan that takes it. Asked as each
+        // record comes, so that only the inodes to delete are held, not a path per record.
+        std::vector<int64_t> gone;
+        auto keepUnlessVanished = [&](int64_t inode, const unsigned char* recordedPath) {
+            try {
+                FileStatus now = FileStatus::read(recordedPath ? reinterpret_cast<const char*>(recordedPath) : "");
+                if (now.device == status.device && static_cast<int64_t>(now.inode) == inode) return;
+            } catch (const SystemError&) {
+            }
+            gone.push_back(inode);
         };
         if (!many) {
-            for (int64_t inode : unseen) {
-                auto rows = query("SELECT path FROM hashes WHERE volume = ? AND inode = ? AND " + underRoot,
-                                  {*volume, inode, root, static_cast<int64_t>(prefix.size()), prefix});
-                if (rows.empty()) continue;
-                const auto* path = std::get_if<std::string>(&rows.front().front());
-                unseenUnderRoot.emplace_back(inode, path ? *path : std::string());
+            if (sqlite3_stmt* one = prepared("SELECT path FROM hashes WHERE volume = ? AND inode = ? AND " + underRoot)) {
+                sqlite3_bind_text(one, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
+                sqlite3_bind_text(one, 3, root.c_str(), static_cast<int>(root.size()), SQLITE_STATIC);
+                sqlite3_bind_int64(one, 4, static_cast<int64_t>(prefix.size()));
+                sqlite3_bind_text(one, 5, prefix.c_str(), static_cast<int>(prefix.size()), SQLITE_STATIC);
+                for (int64_t inode : unseen) {
+                    sqlite3_bind_int64(one, 2, inode);
+                    if (sqlite3_step(one) == SQLITE_ROW) keepUnlessVanished(inode, sqlite3_column_text(one, 0));
+                    sqlite3_reset(one);
+                }
             }
         } else if (sqlite3_stmt* under = prepared("SELECT inode, path FROM hashes WHERE volume = ? AND " + underRoot)) {
             sqlite3_bind_text(under, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
@@ -341,22 +353,9 @@ void HashCache::prune(const std::vector<std::string>& roots, const std::vector<S
             // Gathered first and deleted after: the records are not changed under a running query.
             while (sqlite3_step(under) == SQLITE_ROW) {
                 int64_t inode = sqlite3_column_int64(under, 0);
-                if (!isKept(inode)) unseenUnderRoot.emplace_back(inode, pathOf(under, 1));
+                if (!isKept(inode)) keepUnlessVanished(inode, sqlite3_column_text(under, 1));
             }
             sqlite3_reset(under);
-        }
-        // The scan does not see every file under its roots: its size floor, its extensions and
-        // its excluded folders leave some out. Such a file is still there, under the name its
-        // record gives, and its digest will serve the next scan that takes it.
-        std::vector<int64_t> gone;
-        for (const auto& [inode, path] : unseenUnderRoot) {
-            bool stillThere = false;
-            try {
-                FileStatus now = FileStatus::read(path);
-                stillThere = now.device == status.device && static_cast<int64_t>(now.inode) == inode;
-            } catch (const SystemError&) {
-            }
-            if (!stillThere) gone.push_back(inode);
         }
         for (int64_t inode : gone) {
             begin();
