@@ -16,6 +16,10 @@ namespace dedup {
 
 namespace {
 
+std::string temporaryPathFor(const std::string& target) {
+    return parentOf(target) + "/." + nameOf(target) + std::string(temporaryMarker) + makeUUID();
+}
+
 std::string joined(const std::vector<std::string>& names) {
     std::string text;
     for (const auto& name : names) text += (text.empty() ? "" : ", ") + name;
@@ -165,7 +169,8 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
 
 bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacement& r) {
     step(Step::checked, "");
-    if (journal) journal->append(entry);
+    // Sharing in place leaves nothing behind for a recovery to find.
+    entry.temporary.reset();
     platform::FileDescriptor source = platform::openCopy(r.source);
     FileStatus sourceStatus = platform::statusOf(source, r.source);
     // Identity is checked again on the open descriptors right before the kernel is asked to act.
@@ -205,10 +210,14 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
     FolderDates dates{folder, s.folderTimes};
     step(Step::checked, "");
 
-    s.temporary = folder + "/." + nameOf(r.target) + std::string(temporaryMarker) + makeUUID();
-    entry.temporary = s.temporary;
-    // Announced before anything exists on disk, so a crash from here on leaves a journalled leftover.
-    if (journal) journal->append(entry);
+    // Announced with the batch before anything exists on disk, so a crash from here on leaves a
+    // journalled leftover. A copy whose volume was expected to share in place was announced
+    // without one: it is announced again, alone, now that it needs one.
+    if (!entry.temporary) {
+        entry.temporary = temporaryPathFor(r.target);
+        if (journal) journal->append(entry);
+    }
+    s.temporary = *entry.temporary;
     if (!platform::cloneFile(r.source, s.temporary)) throw Skip(SkipReason::volumeCannotClone);
 
     FileStatus cloneStatus;
@@ -323,18 +332,57 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         for (const auto& r : batch) done(r, {0, std::current_exception()});
         return;
     }
-    std::vector<Swapped> swapped;
+    // Every started entry of the batch is written and synced in one go before the batch changes
+    // anything: one wait for the disk per batch rather than one per copy.
+    std::vector<JournalEntry> announced;
+    announced.reserve(batch.size());
     for (const auto& r : batch) {
-        if (willStart && !willStart(r)) break;
         JournalEntry entry = JournalEntry::make(JournalEntry::Event::started, r.target);
         entry.source = r.source;
         entry.digest = r.digest;
+        if (strategyFor(r.expected.device) != Strategy::inPlace) entry.temporary = temporaryPathFor(r.target);
+        try {
+            entry.before = Snapshot::take(r.target);
+        } catch (const std::exception&) {
+            // The replacement's own checks say what is wrong with the copy.
+        }
+        announced.push_back(std::move(entry));
+    }
+    if (journal) {
+        try {
+            journal->append(announced);
+        } catch (...) {
+            // Nothing may change that the journal could not announce.
+            for (const auto& r : batch) done(r, {0, std::current_exception()});
+            return;
+        }
+    }
+    std::vector<Swapped> swapped;
+    size_t next = 0;
+    for (; next < batch.size(); ++next) {
+        const Replacement& r = batch[next];
+        if (willStart && !willStart(r)) break;
+        JournalEntry& entry = announced[next];
         try {
             swapped.push_back(swapIn(r, entry, open));
         } catch (...) {
             auto error = std::current_exception();
             close(journal, entry, error);
             done(r, {0, error});
+        }
+    }
+    // Announced but never begun: closed now, so that no recovery takes them for interrupted.
+    if (journal && next < batch.size()) {
+        std::vector<JournalEntry> notBegun(announced.begin() + static_cast<std::ptrdiff_t>(next), announced.end());
+        for (auto& entry : notBegun) {
+            entry.event = JournalEntry::Event::skipped;
+            entry.detail = "cancelled";
+            entry.time = std::time(nullptr);
+        }
+        try {
+            journal->append(notBegun);
+        } catch (...) {
+            // Left open, they are closed as "nothing left over" by the next recovery.
         }
     }
     OpenFiles again;

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cstddef>
 #include <filesystem>
+#include <map>
 #include <set>
 #include <stdexcept>
 #include <string_view>
@@ -13,8 +14,12 @@
 
 #include "hasher.h"
 #include "metadata.h"
+#include "path_names.h"
+#include "platform/locks.h"
 #include "platform/metadata.h"
+#include "platform/system.h"
 #include "skip_reason.h"
+#include "temporary_name.h"
 
 namespace dedup {
 
@@ -178,6 +183,7 @@ void to_json(nlohmann::json& j, const JournalEntry& e) {
     writeOptional(j, "after", e.after);
     writeOptional(j, "freedBytes", e.freedBytes);
     writeOptional(j, "detail", e.detail);
+    writeOptional(j, "owner", e.owner);
 }
 
 void from_json(const nlohmann::json& j, JournalEntry& e) {
@@ -202,23 +208,70 @@ void from_json(const nlohmann::json& j, JournalEntry& e) {
     readOptional(j, "after", e.after);
     readOptional(j, "freedBytes", e.freedBytes);
     readOptional(j, "detail", e.detail);
+    readOptional(j, "owner", e.owner);
 }
 
 Journal::Journal(std::string path) : path_(std::move(path)) {
     std::string folder = std::filesystem::path(path_).parent_path().string();
-    if (!folder.empty()) platform::makeDirectories(folder);
+    if (folder.empty()) folder = ".";
+    bool folderExisted = platform::pathExists(folder);
+    platform::makeDirectories(folder);
+    bool existed = platform::pathExists(path_);
     try {
         platform::appendToFile(path_, "");
+        // A new file's name lives in its folder: without syncing the folder a power cut could take
+        // the whole journal with it, however well its lines were synced.
+        if (!existed) {
+            platform::syncFolder(folder);
+            if (!folderExisted) platform::syncFolder(std::filesystem::path(folder).parent_path().string());
+        }
     } catch (const SystemError&) {
         // The first append or read reports it, where the caller can tell what was being done.
     }
 }
 
-void Journal::append(const JournalEntry& entry) {
+Journal::~Journal() {
+    // Going away in order: nothing of ours is under way any more, so the lock file has done its job.
+    // (After a crash the next recovery removes it instead.)
+    std::error_code ignored;
+    if (ownerLock_) std::filesystem::remove(runningFolder() + "/" + owner_ + ".lock", ignored);
+}
+
+std::string Journal::runningFolder() const { return parentOf(path_) + "/running"; }
+
+std::string Journal::ownerName() {
+    std::lock_guard guard(ownerMutex_);
+    if (!ownerLock_) {
+        std::string name = makeUUID();
+        platform::makeDirectories(runningFolder());
+        // Held before any entry names it, so no recovery can ever find it free while we live.
+        ownerLock_ = platform::createHeldLock(runningFolder() + "/" + name + ".lock");
+        owner_ = name;
+    }
+    return owner_;
+}
+
+void Journal::append(const JournalEntry& entry) { append(std::vector<JournalEntry>{entry}); }
+
+void Journal::append(const std::vector<JournalEntry>& entries) {
+    if (entries.empty()) return;
+    bool starts = std::any_of(entries.begin(), entries.end(),
+                              [](const JournalEntry& e) { return e.event == JournalEntry::Event::started; });
+    std::string owner = starts ? ownerName() : std::string();
     // Encoded before the lock: an entry that cannot be written never holds up the others.
-    std::string line = escapeSolidus(nlohmann::json(entry).dump()) + "\n";
+    std::string lines;
+    for (const auto& entry : entries) {
+        if (entry.event == JournalEntry::Event::started && !entry.owner) {
+            JournalEntry stamped = entry;
+            stamped.owner = owner;
+            lines += escapeSolidus(nlohmann::json(stamped).dump()) + "\n";
+        } else {
+            lines += escapeSolidus(nlohmann::json(entry).dump()) + "\n";
+        }
+    }
     std::lock_guard guard(lock_);
-    platform::appendToFile(path_, line);
+    // A started entry announces a change on disk: it must outlive a power cut that the change does.
+    platform::appendToFile(path_, lines, starts);
 }
 
 std::vector<JournalEntry> Journal::entries() const {
@@ -247,36 +300,88 @@ std::vector<JournalEntry> Journal::entries() const {
     return result;
 }
 
-std::vector<JournalEntry> Journal::interrupted() const {
+void Journal::openEntries(std::vector<JournalEntry>* gone, std::vector<JournalEntry>* alive) const {
     std::vector<JournalEntry> all = entries();
     std::set<std::string> closed;
     for (const auto& entry : all) {
         if (entry.event != JournalEntry::Event::started) closed.insert(entry.id);
     }
-    std::vector<JournalEntry> open;
+    std::map<std::string, bool> living;  // owner -> its lock is held
     for (auto& entry : all) {
-        if (entry.event == JournalEntry::Event::started && !closed.contains(entry.id)) open.push_back(std::move(entry));
+        if (entry.event != JournalEntry::Event::started || closed.contains(entry.id)) continue;
+        bool live = false;
+        // An entry without an owner was written before owners were recorded: nobody can be doing it.
+        if (entry.owner) {
+            auto known = living.find(*entry.owner);
+            if (known == living.end()) {
+                // Only a name we gave can name a lock file: anything else must not reach outside.
+                bool ours = isUUIDText(*entry.owner);
+                auto state = ours ? platform::probeLock(runningFolder() + "/" + *entry.owner + ".lock")
+                                  : platform::LockState::absent;
+                known = living.emplace(*entry.owner, state == platform::LockState::held).first;
+            }
+            live = known->second;
+        }
+        auto* into = live ? alive : gone;
+        if (into) into->push_back(std::move(entry));
     }
-    return open;
 }
 
-std::vector<JournalEntry> Journal::recoverInterrupted(
-    const std::function<std::string(const std::string&)>& recoverLeftover) {
-    std::vector<JournalEntry> recovered;
-    for (const auto& entry : interrupted()) {
+std::vector<JournalEntry> Journal::interrupted() const {
+    std::vector<JournalEntry> gone;
+    openEntries(&gone, nullptr);
+    return gone;
+}
+
+std::vector<JournalEntry> Journal::underway() const {
+    std::vector<JournalEntry> alive;
+    openEntries(nullptr, &alive);
+    return alive;
+}
+
+std::shared_ptr<void> Journal::lockRecovery() const {
+    auto held = std::make_shared<platform::FileDescriptor>(
+        platform::waitForLock(parentOf(path_) + "/recovery.lock"));
+    return held;
+}
+
+Journal::Recovery Journal::recover(const std::function<std::string(const std::string&)>& recoverLeftover) {
+    // Read only once no other recovery runs: what it put right is closed by then, never done twice.
+    auto held = lockRecovery();
+    Recovery result;
+    std::vector<JournalEntry> gone, alive;
+    openEntries(&gone, &alive);
+    result.underway = alive.size();
+    for (const auto& entry : gone) {
         JournalEntry closing = entry;
         closing.time = std::time(nullptr);
         closing.event = JournalEntry::Event::recovered;
-        if (entry.temporary && platform::pathResolves(*entry.temporary)) {
-            closing.detail = recoverLeftover(*entry.temporary);
-        } else {
-            closing.detail = "nothing left over";
+        try {
+            if (entry.temporary && platform::pathResolves(*entry.temporary)) {
+                closing.detail = recoverLeftover(*entry.temporary);
+            } else {
+                closing.detail = "nothing left over";
+            }
+        } catch (const std::exception& error) {
+            // One leftover that cannot be put right (a folder made read-only, a disk gone) must not
+            // hold up every later reclaim: it stays open and is tried again next time.
+            result.stuck.emplace_back(entry, error.what());
+            continue;
         }
         // Same id as the started entry: once written, the operation is no longer interrupted.
         append(closing);
-        recovered.push_back(std::move(closing));
+        result.recovered.push_back(std::move(closing));
     }
-    return recovered;
+    // The lock files of processes that died: a free lock names nobody alive, and a missing one
+    // reads just the same, so removing them changes no answer.
+    std::error_code error;
+    for (const auto& item : std::filesystem::directory_iterator(runningFolder(), error)) {
+        std::string name = item.path().filename().string();
+        if (name.ends_with(".lock") && isUUIDText(name.substr(0, name.size() - 5))) {
+            platform::removeFreeLock(item.path().string());
+        }
+    }
+    return result;
 }
 
 std::vector<std::pair<JournalEntry, Journal::Finding>> Journal::verify() const {

@@ -7,13 +7,27 @@
 // UUIDs; each line is written with a single write(2) so lines never interleave. A damaged line
 // (cut short by a crash, or foreign) is skipped when reading and hides nothing else.
 //
-// Journal owns the path of its file and one lock around each file access; any thread may call it.
-// Failures are SystemError (open/read/write) or nlohmann's encoding error.
+// Durability: a "started" entry is on the storage device before append() returns, so that a power
+// cut after the engine's first change still finds it; a batch's started entries share one sync.
+// Closing entries are not synced: losing one only makes recovery look at a finished replacement
+// again, which finds nothing to do.
+//
+// Several processes may use one journal at once (a reclaim, `dedup auto`, a recovery). Each
+// process that starts replacements holds an flock on a lock file of its own in the "running"
+// folder beside the journal, and stamps its started entries with that file's name (`owner`). The
+// kernel drops the lock when the process dies, so an open entry whose owner's lock can still be
+// taken was interrupted, and one whose owner holds it is under way and never touched. Recoveries
+// take "recovery.lock" beside the journal, so two of them never work on the same leftover.
+//
+// Journal owns the path of its file, its process's owner lock and one mutex around each file
+// access; any thread may call it. Failures are SystemError (open/read/write/sync) or nlohmann's
+// encoding error.
 #pragma once
 
 #include <cstdint>
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -23,6 +37,7 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "file_records.h"
+#include "platform/file_io.h"
 
 namespace dedup {
 
@@ -53,6 +68,8 @@ struct JournalEntry {
     std::optional<Snapshot> after;
     std::optional<int64_t> freedBytes;
     std::optional<std::string> detail;
+    // Started entries: the lock file name of the process doing the replacement, while it lives.
+    std::optional<std::string> owner;
 
     bool operator==(const JournalEntry&) const = default;
 
@@ -83,22 +100,56 @@ public:
     // Makes the folder and an empty file when there is none. Throws when the folder cannot be made.
     explicit Journal(std::string path);
 
+    ~Journal();
+    Journal(const Journal&) = delete;
+    Journal& operator=(const Journal&) = delete;
+
     const std::string& path() const { return path_; }
 
+    // A started entry is stamped with this process's owner and synced before this returns.
     void append(const JournalEntry& entry);
+    // Several entries in one write and at most one sync: what a batch announces before it acts.
+    void append(const std::vector<JournalEntry>& entries);
     std::vector<JournalEntry> entries() const;
-    // "started" entries that no other entry with the same id closes, in file order.
+    // "started" entries that no other entry with the same id closes and whose process is gone, in
+    // file order.
     std::vector<JournalEntry> interrupted() const;
+    // Open "started" entries whose process is alive: replacements under way elsewhere right now.
+    std::vector<JournalEntry> underway() const;
+
+    struct Recovery {
+        std::vector<JournalEntry> recovered;  // the "recovered" entries written, in order
+        // Interrupted entries whose leftover could not be put right, with the error's text. They
+        // stay open, so the next recovery tries them again.
+        std::vector<std::pair<JournalEntry, std::string>> stuck;
+        size_t underway = 0;  // left alone: a live process is doing them
+    };
     // Puts every interrupted replacement right with `recoverLeftover` (given the temporary path,
     // answers the outcome's name: "removed", "restored", "kept") and journals a "recovered" entry
-    // for each. Stops at the first error, keeping what was recorded before it.
-    std::vector<JournalEntry> recoverInterrupted(const std::function<std::string(const std::string&)>& recoverLeftover);
+    // for each. One leftover that cannot be put right is reported and passed over; an entry that
+    // cannot be written stops it (with the error) as nothing could then be recorded.
+    Recovery recover(const std::function<std::string(const std::string&)>& recoverLeftover);
+    std::vector<JournalEntry> recoverInterrupted(const std::function<std::string(const std::string&)>& recoverLeftover) {
+        return recover(recoverLeftover).recovered;
+    }
     // One finding per "replaced" entry, in file order. Throws when a file cannot be hashed.
     std::vector<std::pair<JournalEntry, Finding>> verify() const;
 
+    // Blocks until no other process or thread recovers; released when the result is destroyed.
+    // recover() takes it; whoever puts right leftovers found outside the journal takes it too.
+    std::shared_ptr<void> lockRecovery() const;
+
 private:
+    std::string runningFolder() const;
+    std::string ownerName();
+    // Open started entries, split by whether their process is alive.
+    void openEntries(std::vector<JournalEntry>* gone, std::vector<JournalEntry>* alive) const;
+
     std::string path_;
     mutable std::mutex lock_;
+    std::mutex ownerMutex_;
+    std::string owner_;  // empty until this process first starts a replacement
+    platform::FileDescriptor ownerLock_;
 };
 
 // "as reclaimed", "changed since", "another file now", "gone".

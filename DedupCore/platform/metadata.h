@@ -35,9 +35,10 @@ void makeDirectories(const std::string& path);
 // Adds `bytes` at the end of the file, creating it (mode 0600) when missing, in one write(2), so
 // that lines written by concurrent appenders never interleave. When the file does not end in a
 // line feed (a line cut short by a crash) one is written first in the same write, so the damaged
-// line stays apart from the new one. Empty `bytes` only make sure the file exists.
-// Throws SystemError("open"/"write"/"close").
-void appendToFile(const std::string& path, std::string_view bytes);
+// line stays apart from the new one. Empty `bytes` only make sure the file exists. With `durable`
+// the bytes are on the storage device when it returns (fdatasync).
+// Throws SystemError("open"/"write"/"fdatasync"/"close").
+void appendToFile(const std::string& path, std::string_view bytes, bool durable = false);
 
 // The whole content of the file. Throws SystemError("open"/"read").
 std::string readWholeFile(const std::string& path);

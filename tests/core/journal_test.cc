@@ -6,6 +6,10 @@
 #include <stdexcept>
 #include <thread>
 
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include "support/test_files.h"
 
 namespace dedup {
@@ -13,9 +17,11 @@ namespace {
 
 constexpr std::time_t march1st = 1740838075;  // 2025-03-01T14:07:55Z
 
+// A started entry names the lock of a process long gone, as one left by a crash would.
 JournalEntry entryWith(JournalEntry::Event event, const std::string& target, std::string id = makeUUID()) {
     JournalEntry entry = JournalEntry::make(event, target);
     entry.id = std::move(id);
+    if (event == JournalEntry::Event::started) entry.owner = makeUUID();
     return entry;
 }
 
@@ -42,6 +48,7 @@ JournalEntry fullEntry() {
     entry.after = after;
     entry.freedBytes = -(int64_t{1} << 40);
     entry.detail = "naïve \"quoted\" \\ tab\t";
+    entry.owner = makeUUID();
     return entry;
 }
 
@@ -138,7 +145,7 @@ TEST(JournalTest, StartedEntriesClosedAnywhereInTheFileAreNotInterrupted) {
     EXPECT_EQ(journal.interrupted(), (std::vector<JournalEntry>{open1, open2}));
 }
 
-TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnceAndStopsAtAnError) {
+TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnceAndPassesOverAStuckOne) {
     test::TempDir dir;
     Journal journal(dir.path("journal.jsonl"));
     test::writeFile(dir.path("leftover"), "clone");
@@ -149,12 +156,18 @@ TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnceAndStopsAtAnErr
     withLeftover.detail = "will be overwritten";
     JournalEntry leftoverGone = entryWith(JournalEntry::Event::started, dir.path("b"));
     leftoverGone.temporary = dir.path("gone");
-    for (const auto& entry : {noTemporary, withLeftover, leftoverGone}) journal.append(entry);
+    journal.append(std::vector<JournalEntry>{noTemporary, withLeftover, leftoverGone});
 
-    // The first attempt fails at the leftover: what came before is recorded, the rest left for later.
+    // A leftover that cannot be put right is reported and stays open; the others are put right.
     auto failing = [](const std::string& path) -> std::string { throw SystemError("unlink", path, EACCES); };
-    EXPECT_THROW(journal.recoverInterrupted(failing), SystemError);
-    EXPECT_EQ(journal.interrupted(), (std::vector<JournalEntry>{withLeftover, leftoverGone}));
+    auto first = journal.recover(failing);
+    ASSERT_EQ(first.stuck.size(), 1u);
+    EXPECT_EQ(first.stuck[0].first, withLeftover);
+    EXPECT_NE(first.stuck[0].second.find("unlink"), std::string::npos);
+    ASSERT_EQ(first.recovered.size(), 2u);
+    EXPECT_EQ(first.recovered[0].detail, "nothing left over");
+    EXPECT_EQ(first.recovered[1].detail, "nothing left over");
+    EXPECT_EQ(journal.interrupted(), std::vector<JournalEntry>{withLeftover});
 
     std::vector<std::string> handed;
     auto recoverLeftover = [&](const std::string& path) {
@@ -163,8 +176,7 @@ TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnceAndStopsAtAnErr
     };
     auto recovered = journal.recoverInterrupted(recoverLeftover);
     EXPECT_EQ(handed, std::vector<std::string>{dir.path("leftover")});
-    ASSERT_EQ(recovered.size(), 2u);
-    EXPECT_EQ(recovered[1].detail, "nothing left over");
+    ASSERT_EQ(recovered.size(), 1u);
     // Everything but the time, the event and the detail is the started entry's.
     JournalEntry expected = withLeftover;
     expected.event = JournalEntry::Event::recovered;
@@ -176,10 +188,55 @@ TEST(JournalTest, RecoveryPutsEachInterruptedReplacementRightOnceAndStopsAtAnErr
     auto all = journal.entries();
     ASSERT_EQ(all.size(), 6u);
     EXPECT_EQ(all[3].target, noTemporary.target);
-    EXPECT_EQ(all[3].detail, "nothing left over");
-    EXPECT_EQ(std::vector<JournalEntry>(all.begin() + 4, all.end()), recovered);
+    EXPECT_EQ(all.back(), recovered[0]);
     EXPECT_TRUE(journal.recoverInterrupted(recoverLeftover).empty());
     EXPECT_EQ(handed.size(), 1u);
+}
+
+// What another process is replacing right now looks interrupted in the file; only its lock, which
+// the kernel drops when the process dies, tells the two apart.
+TEST(JournalTest, ReplacementsOfALiveProcessAreLeftAloneUntilItDies) {
+    test::TempDir dir;
+    test::writeFile(dir.path("temporary"), "clone");
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    pid_t child = ::fork();
+    if (child == 0) {
+        Journal theirs(dir.path("journal.jsonl"));
+        JournalEntry entry = JournalEntry::make(JournalEntry::Event::started, dir.path("copy"));
+        entry.temporary = dir.path("temporary");
+        theirs.append(entry);
+        char byte = 1;
+        if (::write(ready[1], &byte, 1) != 1) ::_exit(1);
+        ::pause();
+        ::_exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    Journal journal(dir.path("journal.jsonl"));
+    int handed = 0;
+    auto recoverLeftover = [&](const std::string&) {
+        ++handed;
+        return std::string("removed");
+    };
+    EXPECT_TRUE(journal.interrupted().empty());
+    EXPECT_EQ(journal.underway().size(), 1u);
+    auto whileAlive = journal.recover(recoverLeftover);
+    EXPECT_EQ(whileAlive.underway, 1u);
+    EXPECT_TRUE(whileAlive.recovered.empty());
+    EXPECT_EQ(handed, 0);
+
+    ::kill(child, SIGKILL);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    EXPECT_EQ(journal.interrupted().size(), 1u);
+    auto afterDeath = journal.recover(recoverLeftover);
+    EXPECT_EQ(afterDeath.recovered.size(), 1u);
+    EXPECT_EQ(handed, 1);
+    // The dead process's lock file went with its last open entry.
+    EXPECT_TRUE(std::filesystem::is_empty(dir.path("running")));
 }
 
 TEST(JournalTest, ConcurrentAppendsNeverInterleave) {

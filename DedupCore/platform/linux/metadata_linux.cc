@@ -177,7 +177,7 @@ void makeDirectories(const std::string& path) {
     if (error) throw SystemError("mkdir", path, error.value());
 }
 
-void appendToFile(const std::string& path, std::string_view bytes) {
+void appendToFile(const std::string& path, std::string_view bytes, bool durable) {
     int fd = openRetrying(path, O_RDWR | O_APPEND | O_CREAT, 0600);
     if (fd < 0) throw SystemError("open", path, errno);
     FileDescriptor file(fd);
@@ -198,6 +198,7 @@ void appendToFile(const std::string& path, std::string_view bytes) {
     } while (written < 0 && errno == EINTR);
     if (written < 0) throw SystemError("write", path, errno);
     if (static_cast<size_t>(written) != line.size()) throw SystemError("write", path, ENOSPC);
+    if (durable && ::fdatasync(fd) != 0) throw SystemError("fdatasync", path, errno);
     if (::close(file.release()) != 0) throw SystemError("close", path, errno);
 }
 
