@@ -1,5 +1,9 @@
 #include "output.h"
 
+#include <algorithm>
+#include <cctype>
+#include <cstring>
+
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
@@ -18,7 +22,7 @@ std::string jsonLine(const nlohmann::json& value) {
     return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-void writeScanJson(std::ostream& out, const ScanResult& result) {
+void writeScanJson(std::ostream& out, const ScanResult& result, const std::string& putRight) {
     const auto text = jsonLine;
     // Keys in sorted order, as every JSON this system writes.
     out << "{\"bytesRead\":" << result.bytesRead << ",\"cancelled\":" << (result.cancelled ? "true" : "false")
@@ -35,8 +39,9 @@ void writeScanJson(std::ostream& out, const ScanResult& result) {
             out << "\n" << texts[k];
         }
     }
-    out << "],\"leftovers\":" << text(result.leftovers) << ",\"unreadableFolders\":" << text(result.unreadableFolders)
-        << "}\n";
+    out << "],\"leftovers\":" << text(result.leftovers);
+    if (!putRight.empty()) out << ",\"putRightWith\":" << text(putRight);
+    out << ",\"unreadableFolders\":" << text(result.unreadableFolders) << "}\n";
 }
 
 std::string groupedNumber(int64_t n) {
@@ -74,7 +79,17 @@ void printGroup(std::ostream& out, const DuplicateGroup& group) {
 
 }  // namespace
 
-void printScanText(std::ostream& out, const ScanResult& result) {
+std::string shellQuoted(const std::string& text) {
+    bool plain = !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || std::strchr("/._-+=:,@%", c) != nullptr;
+    });
+    if (plain) return text;
+    std::string quoted = "'";
+    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
+void printScanText(std::ostream& out, const ScanResult& result, const std::string& putRight) {
     for (const auto& group : result.groups) printGroup(out, group);
     if (!result.unreadableFolders.empty()) {
         out << fmt::format("{} could not be read:\n", result.unreadableFolders.size() == 1
@@ -90,6 +105,7 @@ void printScanText(std::ostream& out, const ScanResult& result) {
                                ? std::string("1 file is")
                                : groupedNumber(static_cast<int64_t>(result.leftovers.size())) + " files are");
         for (const auto& path : result.leftovers) out << "  " << path << "\n";
+        if (!putRight.empty()) out << "Put them right with: " << putRight << "\n";
         out << "\n";
     }
     if (result.cancelled) out << "Cancelled: these are the groups found before the scan was stopped.\n";

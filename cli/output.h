@@ -19,10 +19,14 @@ std::string jsonLine(const nlohmann::json& value);
 // 12345678 -> "12,345,678": counts a person can read at a glance.
 std::string groupedNumber(int64_t n);
 
-void printScanText(std::ostream& out, const ScanResult& result);
+// `putRight`: the command that puts the result's leftovers right, shown with them when given.
+void printScanText(std::ostream& out, const ScanResult& result, const std::string& putRight = "");
 
 // The ScanResult's JSON, written one group at a time: building the whole document first would
-// take more memory than the scan itself.
-void writeScanJson(std::ostream& out, const ScanResult& result);
+// take more memory than the scan itself. `putRight` is written as "putRightWith" when given.
+void writeScanJson(std::ostream& out, const ScanResult& result, const std::string& putRight = "");
+
+// The text as one shell word: "dedup journal recover '/home/ana/My Photos'" can be pasted as it is.
+std::string shellQuoted(const std::string& text);
 
 }  // namespace dedup::cli

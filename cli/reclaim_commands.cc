@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <iostream>
 #include <map>
+#include <set>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -17,6 +18,10 @@
 #include "reclaim_commands.h"
 #include "reclaimer.h"
 #include "scan_command.h"
+#include "path_names.h"
+#include "platform/system.h"
+#include "temporary_name.h"
+#include "walk.h"
 
 namespace dedup::cli {
 
@@ -41,16 +46,117 @@ Selection loadSelection() {
     }
 }
 
+namespace {
+std::string plural(int64_t n, const char* one, const char* many) {
+    return groupedNumber(n) + " " + (n == 1 ? one : many);
+}
+}  // namespace
+
 size_t recoverInterrupted(Journal& journal, std::ostream& out) {
     auto interrupted = journal.interrupted();
-    if (interrupted.empty()) return 0;
-    out << interrupted.size() << " files are left from an interrupted reclaim; the Journal puts them right.\n";
-    journal.recoverInterrupted(
+    if (!interrupted.empty()) {
+        out << interrupted.size() << " files are left from an interrupted reclaim; the Journal puts them right.\n";
+    }
+    auto result = journal.recover(
         [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); });
+    for (const auto& [entry, error] : result.stuck) {
+        out << "Could not put right " << entry.temporary.value_or(entry.target) << " (" << error
+            << "); it is left as it is and tried again next time.\n";
+    }
+    if (result.underway > 0) {
+        out << plural(static_cast<int64_t>(result.underway), "file is", "files are")
+            << " being replaced by another dedup right now; they are left to it.\n";
+    }
     return interrupted.size();
 }
 
+std::vector<std::string> leftoversToPutRight(const std::vector<std::string>& found) {
+    if (found.empty() || !platform::pathExists(Locations::journal())) return found;
+    std::set<std::string> busy;
+    try {
+        for (const auto& entry : Journal(Locations::journal()).underway()) {
+            if (entry.temporary) busy.insert(*entry.temporary);
+        }
+    } catch (const std::exception&) {
+        return found;  // without the journal nothing tells them apart; recovery checks again
+    }
+    std::vector<std::string> left;
+    for (const auto& path : found) {
+        if (!busy.contains(path)) left.push_back(path);
+    }
+    return left;
+}
+
+std::string putRightCommand(const std::vector<std::string>& roots) {
+    std::string command = "dedup journal recover";
+    for (const auto& root : roots) command += " " + shellQuoted(root);
+    return command;
+}
+
 namespace {
+
+// Puts right the engine's temporary files under the roots that no open journal entry names: left by
+// a run whose journal was lost (a power cut before its entries reached the disk, another data
+// folder) or whose entry was closed without its leftover going. Only what provably holds nothing
+// of the user's is removed: a temporary identical to the copy beside it, or a clone the kernel
+// never filled. One whose copy is gone takes the copy's name back. Anything else might be the only
+// place some data lives: it is kept and named. Returns how many were found.
+size_t putRightLeftovers(Journal& journal, const std::vector<std::string>& roots, std::ostream& out,
+                         bool& someKept) {
+    auto held = journal.lockRecovery();
+    Walk walk;
+    for (const auto& root : roots) walk.visit(root);
+    // Read after the walk: a live run announces a temporary before making it, so every one the walk
+    // saw of a run still going is named here.
+    std::set<std::string> busy;
+    for (const auto& entry : journal.underway()) {
+        if (entry.temporary) busy.insert(*entry.temporary);
+    }
+    size_t removed = 0, restored = 0, handled = 0;
+    std::vector<std::string> kept, stuck;
+    for (const auto& path : walk.leftovers) {
+        if (busy.contains(path)) continue;
+        ++handled;
+        CloneEngine::Leftover outcome;
+        try {
+            outcome = CloneEngine::recoverLeftover(path);
+        } catch (const SystemError& error) {
+            // Gone since the walk: whoever removed it had the right to.
+            if (error.code != ENOENT) stuck.push_back(path + " (" + error.what() + ")");
+            continue;
+        }
+        if (outcome == CloneEngine::Leftover::removed) ++removed;
+        if (outcome == CloneEngine::Leftover::restored) ++restored;
+        if (outcome == CloneEngine::Leftover::kept) kept.push_back(path);
+        std::string name = nameOf(path);
+        JournalEntry record = JournalEntry::make(
+            JournalEntry::Event::recovered, parentOf(path) + "/" + name.substr(1, name.rfind(temporaryMarker) - 1));
+        record.temporary = path;
+        record.detail = std::string(rawValue(outcome));
+        try {
+            journal.append(record);
+        } catch (const std::exception&) {
+            // What was done is done; the summary below still says it.
+        }
+    }
+    if (removed + restored > 0) {
+        out << "Put right " << plural(static_cast<int64_t>(removed + restored), "file", "files")
+            << " the journal did not know: " << removed << " removed (the same as the copy beside it), " << restored
+            << " back under its own name.\n";
+    }
+    if (!kept.empty()) {
+        out << plural(static_cast<int64_t>(kept.size()), "file differs", "files differ")
+            << " from the copy beside it and may hold data found nowhere else, so it is kept. Look at each and "
+               "remove it yourself once it is not needed:\n";
+        for (const auto& path : kept) out << "  " << path << "\n";
+    }
+    if (!stuck.empty()) {
+        out << plural(static_cast<int64_t>(stuck.size()), "file", "files") << " could not be put right:\n";
+        for (const auto& line : stuck) out << "  " << line << "\n";
+    }
+    someKept = !kept.empty() || !stuck.empty();
+    return handled;
+}
 
 struct ReclaimArguments {
     ScanArguments scan;
@@ -60,10 +166,6 @@ struct ReclaimArguments {
     bool noFolderDates = false;
     bool coordinate = false;
 };
-
-std::string plural(int64_t n, const char* one, const char* many) {
-    return groupedNumber(n) + " " + (n == 1 ? one : many);
-}
 
 void printSummary(std::ostream& out, const ReclaimSummary& summary) {
     out << formatBytes(summary.freedBytes) << " reclaimed; " << summary.replaced << " files are clones now.\n";
@@ -88,7 +190,15 @@ int runReclaim(const ReclaimArguments& arguments) {
     auto journal = openJournal();
     platform::installInterruptHandlers();
     std::ostream& notes = arguments.scan.json ? std::cerr : std::cout;
-    recoverInterrupted(*journal, notes);
+    if (arguments.dryRun) {
+        // Putting leftovers right changes files too: a dry run only says what it would do.
+        if (size_t count = journal->interrupted().size(); count > 0) {
+            notes << plural(static_cast<int64_t>(count), "interrupted replacement", "interrupted replacements")
+                  << " would be put right first.\n";
+        }
+    } else {
+        recoverInterrupted(*journal, notes);
+    }
 
     DuplicateFinder finder;
     finder.options = scanOptions(arguments.scan);
@@ -109,6 +219,11 @@ int runReclaim(const ReclaimArguments& arguments) {
     if (scan.cancelled) {
         notes << "Cancelled during the scan; nothing was changed.\n";
         return interruptedByUser;
+    }
+
+    if (auto leftovers = leftoversToPutRight(scan.leftovers); !leftovers.empty()) {
+        notes << plural(static_cast<int64_t>(leftovers.size()), "file is", "files are")
+              << " left from an interrupted reclaim; put them right with: " << putRightCommand(roots) << "\n";
     }
 
     Selection selection = loadSelection();
@@ -208,10 +323,14 @@ int runJournalVerify(bool json) {
     return success;
 }
 
-int runJournalRecover() {
+int runJournalRecover(const std::vector<std::string>& givenRoots) {
+    auto roots = checkedRoots(givenRoots);
     auto journal = openJournal();
-    if (recoverInterrupted(*journal, std::cout) == 0) std::cout << "Nothing was left from an interrupted reclaim.\n";
-    return success;
+    size_t found = recoverInterrupted(*journal, std::cout);
+    bool someKept = false;
+    if (!roots.empty()) found += putRightLeftovers(*journal, roots, std::cout, someKept);
+    if (found == 0) std::cout << "Nothing was left from an interrupted reclaim.\n";
+    return someKept ? someSkipped : success;
 }
 
 std::string absolutePath(const std::string& path) {
@@ -267,11 +386,14 @@ void addReclaimCommands(CLI::App& app, Commands& commands) {
     auto* journalCommand = app.add_subcommand("journal", "List every replacement; verify or recover them");
     journalCommand->add_flag("--json", journalJson, "Print as JSON");
     auto* verify = journalCommand->add_subcommand("verify", "Check that every clone made is still as it was");
-    auto* recover = journalCommand->add_subcommand("recover", "Put right what an interrupted reclaim left");
+    auto* recover = journalCommand->add_subcommand(
+        "recover", "Put right what an interrupted reclaim left; with folders, also its files the journal does not know");
+    static std::vector<std::string> recoverRoots;
+    recover->add_option("ROOT", recoverRoots, "Folders to look in for files an interrupted reclaim left");
     verify->add_flag("--json", journalJson, "Print as JSON");
     commands.push_back({journalCommand, [verify, recover] {
                             if (verify->parsed()) return runJournalVerify(journalJson);
-                            if (recover->parsed()) return runJournalRecover();
+                            if (recover->parsed()) return runJournalRecover(recoverRoots);
                             return runJournalList(journalJson);
                         }});
 

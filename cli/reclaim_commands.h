@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <memory>
 #include <ostream>
+#include <string>
+#include <vector>
 
 #include "journal.h"
 #include "reclaim_plan.h"
@@ -17,5 +19,11 @@ std::unique_ptr<Journal> openJournal();
 Selection loadSelection();
 // Announces and puts right what an interrupted run left; returns how many files there were.
 size_t recoverInterrupted(Journal& journal, std::ostream& out);
+
+// The engine's temporary files found by a scan, less those a live dedup is working with right now:
+// what an interrupted run left behind.
+std::vector<std::string> leftoversToPutRight(const std::vector<std::string>& found);
+// "dedup journal recover ROOT...", ready to paste.
+std::string putRightCommand(const std::vector<std::string>& roots);
 
 }  // namespace dedup::cli

@@ -19,6 +19,7 @@
 #include "platform/process.h"
 #include "platform/system.h"
 #include "progress_line.h"
+#include "reclaim_commands.h"
 #include "reclaim_plan.h"
 #include "report_export.h"
 
@@ -153,10 +154,12 @@ int scanAndReport(const ScanArguments& arguments, std::ostream& out, const Repor
         finder.scan(roots, [&](const ScanProgress& p) { progress.scan(p); }, [] { return platform::interrupted(); });
     progress.clear();
 
+    result.leftovers = leftoversToPutRight(result.leftovers);
+    std::string putRight = result.leftovers.empty() ? std::string() : putRightCommand(roots);
     if (arguments.json) {
-        writeScanJson(out, result);
+        writeScanJson(out, result, putRight);
     } else {
-        printScanText(out, result);
+        printScanText(out, result, putRight);
     }
     out.flush();
     writeReports(result, reports);
