@@ -207,7 +207,7 @@ std::unique_ptr<LoopVolume> LoopVolume::create(Kind kind) {
     std::string folder = volumesRoot + "/" + identityOf(::getpid()) + "-" + std::to_string(counter++);
     if (!fs::create_directory(folder)) throw std::runtime_error(folder + " exists already");
     // From here on any failure unwinds through the destructor, which removes what was made so far.
-    std::unique_ptr<LoopVolume> volume(new LoopVolume(folder));
+    std::unique_ptr<LoopVolume> volume(new LoopVolume(folder, kind));
 
     // Sparse: only what the file system writes takes space on disk.
     std::string image = folder + "/image";
@@ -238,6 +238,23 @@ std::unique_ptr<LoopVolume> LoopVolume::create(Kind kind) {
     }
     volume->device_ = devices[0];
     return volume;
+}
+
+void LoopVolume::remount() {
+    for (int attempt = 1; ::umount2(mountPoint_.c_str(), 0) != 0; ++attempt) {
+        if (errno != EBUSY || attempt == 10) {
+            throw std::runtime_error("cannot unmount " + mountPoint_ + ": " + std::strerror(errno));
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100 * attempt));
+    }
+    // A loop device set up by mount(8) lets go of its image once the file system is released.
+    for (int i = 0; i < 50 && !loopDevicesBackedBy(folder_).empty(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    runCommandChecked({findProgram("mount"), "-t", traitsOf(kind_).type, "-o", "loop", folder_ + "/image", mountPoint_});
+    std::vector<std::string> devices = loopDevicesBackedBy(folder_);
+    if (devices.empty()) throw std::runtime_error(mountPoint_ + " is not loop-mounted after remounting");
+    device_ = devices[0];
 }
 
 LoopVolume::~LoopVolume() {

@@ -41,10 +41,16 @@ public:
     const std::string& device() const { return device_; }  // the loop device: "/dev/loop3"
     std::string path(std::string_view relative) const { return mountPoint_ + "/" + std::string(relative); }
 
+    // Unmounts and mounts the same image again, as after a reboot: what the file system had not
+    // made durable is gone, and its log is replayed. Close every file on it first.
+    void remount();
+
 private:
-    explicit LoopVolume(std::string folder) : folder_(std::move(folder)), mountPoint_(folder_ + "/mnt") {}
+    LoopVolume(std::string folder, Kind kind)
+        : folder_(std::move(folder)), mountPoint_(folder_ + "/mnt"), kind_(kind) {}
 
     std::string folder_, mountPoint_, device_;
+    Kind kind_;
     int slot_ = -1;
 };
 
