@@ -58,4 +58,9 @@ void readAhead(const FileDescriptor& fd, int64_t offset, int64_t length);
 // so readers see the old or the new content, never a part. Throws SystemError.
 void writeFileAtomically(const std::string& path, const std::string& content);
 
+// fdatasync(2) of a file / fsync(2) of a folder, so that what was written or created in it
+// survives a power cut. Throw SystemError("open"/"fdatasync"/"fsync").
+void syncFile(const std::string& path);
+void syncFolder(const std::string& path);
+
 }  // namespace dedup::platform

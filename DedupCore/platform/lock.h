@@ -30,6 +30,23 @@ void clearContent(const FileDescriptor& fd);
 // Up to `limit` bytes from the start of the file; empty when it cannot be read.
 std::string readContent(const FileDescriptor& fd, size_t limit);
 
+// Makes `path` (which must not exist) a lock file held exclusively by the returned descriptor for
+// as long as it stays open. The name appears only once the lock is held, so nobody can find the
+// file unlocked and take its owner for dead. Throws SystemError("open"/"flock"/"rename").
+FileDescriptor createHeldLock(const std::string& path);
+
+// Waits until this process holds `path` exclusively, creating the file when missing; released when
+// the descriptor closes. Throws SystemError("open"/"flock").
+FileDescriptor waitForLock(const std::string& path);
+
+enum class LockState { absent, free, held };
+// Whether a live process holds the lock file; creates nothing. Never throws: a file that cannot be
+// opened for any reason but being gone reads as held, the cautious answer.
+LockState probeLock(const std::string& path);
+
+// Removes a lock file nobody holds, taking its lock first so a live owner's file is never removed.
+void removeFreeLock(const std::string& path);
+
 long currentProcess();
 // Whether a process of this id exists (one we may not signal counts as existing).
 bool processExists(long pid);

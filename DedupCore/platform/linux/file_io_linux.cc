@@ -69,6 +69,20 @@ void readAhead(const FileDescriptor& fd, int64_t offset, int64_t length) {
     ::posix_fadvise(fd.get(), offset, length, POSIX_FADV_WILLNEED);
 }
 
+void syncFile(const std::string& path) {
+    int fd = openRetrying(path, O_RDONLY | O_NOFOLLOW);
+    if (fd < 0) throw SystemError("open", path, errno);
+    FileDescriptor file(fd);
+    if (::fdatasync(fd) != 0) throw SystemError("fdatasync", path, errno);
+}
+
+void syncFolder(const std::string& path) {
+    int fd = openRetrying(path, O_RDONLY | O_DIRECTORY);
+    if (fd < 0) throw SystemError("open", path, errno);
+    FileDescriptor folder(fd);
+    if (::fsync(fd) != 0) throw SystemError("fsync", path, errno);
+}
+
 void writeFileAtomically(const std::string& path, const std::string& content) {
     std::string temporary = path + ".tmp-" + std::to_string(::getpid());
     int fd = openRetrying(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW);

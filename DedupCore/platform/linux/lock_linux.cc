@@ -80,6 +80,56 @@ std::string readContent(const FileDescriptor& fd, size_t limit) {
     return text;
 }
 
+namespace {
+
+int flockRetrying(int fd, int operation) {
+    int result;
+    do {
+        result = ::flock(fd, operation);
+    } while (result != 0 && errno == EINTR);
+    return result;
+}
+
+}  // namespace
+
+FileDescriptor createHeldLock(const std::string& path) {
+    std::string draft = path + ".new";
+    int fd = openRetrying(draft, O_RDWR | O_CREAT | O_EXCL);
+    if (fd < 0) throw SystemError("open", draft, errno);
+    FileDescriptor lock(fd);
+    if (flockRetrying(fd, LOCK_EX | LOCK_NB) != 0) {
+        int code = errno;
+        ::unlink(draft.c_str());
+        throw SystemError("flock", draft, code);
+    }
+    if (::rename(draft.c_str(), path.c_str()) != 0) {
+        int code = errno;
+        ::unlink(draft.c_str());
+        throw SystemError("rename", path, code);
+    }
+    return lock;
+}
+
+FileDescriptor waitForLock(const std::string& path) {
+    LockFile lock = openLockFile(path);
+    if (flockRetrying(lock.fd.get(), LOCK_EX) != 0) throw SystemError("flock", path, errno);
+    return std::move(lock.fd);
+}
+
+LockState probeLock(const std::string& path) {
+    int fd = openRetrying(path, O_RDONLY);
+    if (fd < 0) return errno == ENOENT ? LockState::absent : LockState::held;
+    FileDescriptor lock(fd);
+    return flockRetrying(fd, LOCK_EX | LOCK_NB) == 0 ? LockState::free : LockState::held;
+}
+
+void removeFreeLock(const std::string& path) {
+    int fd = openRetrying(path, O_RDONLY);
+    if (fd < 0) return;
+    FileDescriptor lock(fd);
+    if (flockRetrying(fd, LOCK_EX | LOCK_NB) == 0) ::unlink(path.c_str());
+}
+
 long currentProcess() { return static_cast<long>(::getpid()); }
 
 bool processExists(long pid) {
