@@ -202,8 +202,18 @@ appended_content() {  # k
 declare -A count
 bump() { count[$1]=$(( ${count[$1]:-0} + 1 )); }
 
+# What a round that did not hold leaves to look at: the outputs, the manifests and the journal.
+keep_evidence() {  # name
+  local into="$dir/evidence/$1"
+  mkdir -p "$into"
+  cp "$run/reclaim.out" "$run/recover.out" "$run/again.out" "$run/before" "$into/" 2>/dev/null || true
+  manifest "$mnt/tree" >"$into/after" 2>/dev/null || true
+  find "$mnt/tree" -name '.*.dedup-*' >"$into/temporaries" 2>/dev/null || true
+  cp "$mnt/data/journal.jsonl" "$into/" 2>/dev/null || true
+}
+
 round() {  # fs strategy mode(kill|power) max_delay_ms
-  local fs="$1" strategy="$2" mode="$3" max="$4" durable=0 pid saver_pid appender_pid k ok
+  local fs="$1" strategy="$2" mode="$3" max="$4" durable=0 pid saver_pid appender_pid k ok status=137
   [ "$mode" = power ] && durable=1
   rm -rf "$mnt/tree" "$run/stop"
   cp -a --reflink=never "$mnt/template" "$mnt/tree"
@@ -223,19 +233,30 @@ round() {  # fs strategy mode(kill|power) max_delay_ms
     remount "$fs"
   else
     kill -9 "$pid" 2>/dev/null || true
-    local status=0
+    status=0
     wait "$pid" 2>/dev/null || status=$?
     # 137: the kill landed; anything else: the reclaim had ended by itself.
-    [ "$status" = 137 ] && bump "$fs $strategy kill killed a live reclaim"
+    if [ "$status" = 137 ]; then
+      bump "$fs $strategy kill killed a live reclaim"
+    else
+      bump "$fs $strategy kill reclaim ended by itself, exit $status"
+    fi
     touch "$run/stop"
     wait "$saver_pid" "$appender_pid" 2>/dev/null || true
   fi
 
   DEDUP_DATA_DIR="$mnt/data" "$dedup" journal recover "$mnt/tree" >"$run/recover.out" 2>&1 || true
-  grep -q "left from an interrupted reclaim" "$run/recover.out" && bump "$fs $strategy $mode mid-run"
+  if grep -q "are left from an interrupted reclaim; the Journal" "$run/recover.out"; then
+    bump "$fs $strategy $mode mid-run"
+    # A reclaim that ended by itself must have closed every entry it opened.
+    [ "$mode" = kill ] && [ "$status" != 137 ] && keep_evidence "$fs-$strategy-ended-open-${count[$fs $strategy $mode rounds]:-0}"
+  fi
   grep -q "the journal did not know" "$run/recover.out" && bump "$fs $strategy $mode unknown leftovers"
   DEDUP_DATA_DIR="$mnt/data" "$dedup" journal recover >"$run/again.out" 2>&1 || true
-  grep -q "Nothing was left" "$run/again.out" || bump "$fs $strategy $mode journal still open"
+  if ! grep -q "Nothing was left" "$run/again.out"; then
+    bump "$fs $strategy $mode journal still open"
+    keep_evidence "$fs-$strategy-$mode-open-${count[$fs $strategy $mode journal still open]}"
+  fi
 
   ok=1
   manifest "$mnt/tree" >"$run/after"
@@ -246,11 +267,11 @@ round() {  # fs strategy mode(kill|power) max_delay_ms
     else
       bump "$fs $strategy $mode CONTENT CHANGED"
     fi
-    cp "$run/before" "$dir/failed-$fs-$strategy-$mode-${count[$fs $strategy $mode]:-0}.before"
-    cp "$run/after" "$dir/failed-$fs-$strategy-$mode-${count[$fs $strategy $mode]:-0}.after"
+    keep_evidence "$fs-$strategy-$mode-changed-${count[$fs $strategy $mode rounds]:-0}"
   fi
   if [ -n "$(find "$mnt/tree" -name '.*.dedup-*' -print -quit)" ]; then
     ok=0; bump "$fs $strategy $mode temporaries left"
+    keep_evidence "$fs-$strategy-$mode-leftover-${count[$fs $strategy $mode rounds]:-0}"
   fi
   # The writers' files: exactly their last write, or after a power cut any write they made.
   k="$(cat "$run/saved")"
@@ -288,7 +309,7 @@ for fs in $fs_list; do
     for ((r = 1; r <= rounds; r++)); do round "$fs" "$strategy" kill "$max"; done
     for ((r = 1; r <= power_cuts; r++)); do round "$fs" "$strategy" power "$max"; done
     for key in "${!count[@]}"; do
-      [[ "$key" == "$fs $strategy "* ]] && printf '%-60s %s\n' "$key" "${count[$key]}"
+      if [[ "$key" == "$fs $strategy "* ]]; then printf '%-60s %s\n' "$key" "${count[$key]}"; fi
     done | sort
   done
 done
