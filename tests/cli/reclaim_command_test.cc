@@ -15,6 +15,7 @@
 #include "core/volumes.h"
 #include "hasher.h"
 #include "journal.h"
+#include "cli/command_helpers.h"
 #include "support/test_files.h"
 
 namespace dedup {
@@ -23,20 +24,8 @@ namespace {
 namespace fs = std::filesystem;
 using test::LoopVolume;
 
-test::CommandResult dedupCommand(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), DEDUP_BINARY);
-    return test::runCommand(arguments);
-}
-
-std::map<std::string, std::string> contentsUnder(const std::string& root) {
-    std::map<std::string, std::string> digests;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        if (entry.is_regular_file()) {
-            digests[entry.path().string()] = digestText(ContentHash::sha256(entry.path(), ContentHash::fullLimit));
-        }
-    }
-    return digests;
-}
+using test::contentsUnder;
+using test::dedupCommand;
 
 class ReclaimCommandTest : public ::testing::Test {
 protected:

@@ -17,6 +17,7 @@
 #include "core/volumes.h"
 #include "hasher.h"
 #include "journal.h"
+#include "cli/command_helpers.h"
 #include "support/test_files.h"
 
 namespace dedup {
@@ -25,21 +26,8 @@ namespace {
 namespace fs = std::filesystem;
 using test::LoopVolume;
 
-test::CommandResult dedupCommand(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), DEDUP_BINARY);
-    return test::runCommand(arguments);
-}
-
-// Every regular file under the root with its content's digest: a temporary left behind shows too.
-std::map<std::string, std::string> contentsUnder(const std::string& root) {
-    std::map<std::string, std::string> digests;
-    for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        if (entry.is_regular_file()) {
-            digests[entry.path().string()] = digestText(ContentHash::sha256(entry.path(), ContentHash::fullLimit));
-        }
-    }
-    return digests;
-}
+using test::contentsUnder;
+using test::dedupCommand;
 
 std::set<std::string> temporariesUnder(const std::string& root) {
     std::set<std::string> found;
