@@ -13,8 +13,8 @@
 #   - starts a saver (writes a new version beside the file and renames it over, as editors do;
 #     every other version is identical to another file, so the scan takes it for a copy) and an
 #     appender (adds a line to a file that starts as a copy);
-#   - starts the reclaim, waits a random time up to the length of a whole reclaim, then either
-#     kills it with SIGKILL or cuts the power;
+#   - starts the reclaim and, once it has announced its first replacement, waits a random time up
+#     to the length of its replacing, then either kills it with SIGKILL or cuts the power;
 #   - stops the writers, runs `dedup journal recover ROOT`, and compares.
 # A power cut: on XFS, `xfs_io -x -c shutdown` (the log is not written out), then unmount and mount
 # again. Btrfs has no such call here and device-mapper is missing, so the Btrfs image lives on an
@@ -199,6 +199,14 @@ appended_content() {  # k
 
 # ---- one round ----------------------------------------------------------------------------------
 
+journal_size() { stat -c %s "$mnt/data/journal.jsonl" 2>/dev/null || echo 0; }
+
+# Returns once the reclaim has announced its first replacement (the journal grew past `size`), or
+# has ended: the scan before it changes nothing worth killing.
+wait_for_replacing() {  # pid size
+  while kill -0 "$1" 2>/dev/null && [ "$(journal_size)" -le "$2" ]; do sleep 0.002; done
+}
+
 declare -A count
 bump() { count[$1]=$(( ${count[$1]:-0} + 1 )); }
 
@@ -222,9 +230,12 @@ round() {  # fs strategy mode(kill|power) max_delay_ms
 
   saver "$durable" & saver_pid=$!
   appender "$durable" & appender_pid=$!
+  local size
+  size="$(journal_size)"
   DEDUP_DATA_DIR="$mnt/data" "$dedup" reclaim --min-size 1 --no-cache --strategy "$strategy" "$mnt/tree" \
     >"$run/reclaim.out" 2>&1 &
   pid=$!
+  wait_for_replacing "$pid" "$size"
   sleep "$(awk -v ms=$(( RANDOM % max )) 'BEGIN { printf "%.3f", ms / 1000 }')"
   if [ "$mode" = power ]; then
     cut_power "$fs"
@@ -299,13 +310,17 @@ for fs in $fs_list; do
     say "$fs, $strategy: making the volume"
     make_volume "$fs"
     make_template
-    # How long a whole reclaim of the tree takes here: kills fall anywhere in it.
+    # How long the replacing takes here, from the first entry to the end: kills fall anywhere in it.
     cp -a --reflink=never "$mnt/template" "$mnt/tree"
     sync
+    size="$(journal_size)"
+    DEDUP_DATA_DIR="$mnt/data" "$dedup" reclaim --min-size 1 --no-cache --strategy "$strategy" "$mnt/tree" >/dev/null &
+    pid=$!
+    wait_for_replacing "$pid" "$size"
     start=$(date +%s%N)
-    DEDUP_DATA_DIR="$mnt/data" "$dedup" reclaim --min-size 1 --no-cache --strategy "$strategy" "$mnt/tree" >/dev/null
+    wait "$pid" || true
     max=$(( ($(date +%s%N) - start) / 1000000 + 1 ))
-    say "$fs, $strategy: a whole reclaim takes $max ms; $rounds kills and $power_cuts power cuts"
+    say "$fs, $strategy: replacing takes $max ms; $rounds kills and $power_cuts power cuts"
     for ((r = 1; r <= rounds; r++)); do round "$fs" "$strategy" kill "$max"; done
     for ((r = 1; r <= power_cuts; r++)); do round "$fs" "$strategy" power "$max"; done
     for key in "${!count[@]}"; do
