@@ -73,6 +73,9 @@ void AutoReclaimer::start() {
             if (onWarning) onWarning(std::string("Changes cannot be watched (") + error.what() + "); only the first pass runs.");
         }
         buildIndex();
+        // The index just read is as good as a new one: the first pass must not read it all again
+        // because some folder could not be watched.
+        lastFullPass_ = now();
         countIndex();
         if (watch_) queue_->setReader(watch_->descriptor(), [this] { readEvents(); });
         auto interval = std::chrono::duration_cast<Clock::duration>(tickInterval(quietPeriod_));
