@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <set>
 
+#include "clone_engine_internal.h"
 #include "hasher.h"
 #include "journal.h"
 #include "metadata.h"
 #include "path_names.h"
+#include "platform/anchored.h"
 #include "platform/clone.h"
 #include "platform/system.h"
 #include "replaceability.h"
@@ -40,15 +42,22 @@ std::string_view rawValue(CloneEngine::Leftover leftover) {
     return names[static_cast<size_t>(leftover)];
 }
 
-// One replacement between its swap and its end.
+// One replacement between its swap and its end. Every file is reached through `folder`, the copy's
+// folder opened without following links, so a folder swapped for a link cannot redirect a change.
 struct CloneEngine::Swapped {
     JournalEntry entry;
     Replacement target;
     std::string temporary;  // empty when the blocks were shared in place: nothing waits for phase two
-    FileStatus original;
+    std::string temporaryName;
+    std::string name;  // the copy's own name in `folder`
+    FileStatus original;  // the copy, read on its descriptor at the start
+    FileStatus cloneStatus;
     std::optional<FileTimes> folderTimes;
     int64_t freed = 0;
+    platform::FileDescriptor folder;
     platform::FileDescriptor held;  // the copy, open for the lease while it is replaced
+    platform::FileDescriptor source;
+    platform::FileDescriptor clone;
     Snapshot before;
     Attributes attributes;
 };
@@ -71,16 +80,38 @@ void CloneEngine::remember(uint64_t device, Strategy chosen) const {
 
 namespace {
 
-// What a verified replacement must show: the clone's identity and the replaced copy's metadata.
-// Linux cannot set a birth time, so "created" is not asked of a clone.
-void verify(const std::string& target, const FileStatus& clone, const FileStatus& original, const FileTimes& times,
-            const Attributes& attributes, const std::optional<std::string>& acl) {
-    FileStatus now = FileStatus::read(target);
-    FileTimes nowTimes = FileTimes::read(target);
-    Attributes nowAttributes = XAttr::all(target);
-    auto nowAcl = ACL::text(target);
+// An undo that could not put the copy back: its journal entry stays open, so that the recovery at
+// the next start finds the replaced copy under its temporary name.
+struct LeftForRecovery : SystemError {
+    using SystemError::SystemError;
+};
+
+Snapshot snapshotOf(const platform::FileDescriptor& fd, const std::string& path) {
+    Snapshot snapshot;
+    snapshot.status = platform::statusOf(fd, path);
+    snapshot.times = platform::timesOf(fd, path);
+    snapshot.attributeNames = XAttr::names(fd, path);
+    std::sort(snapshot.attributeNames.begin(), snapshot.attributeNames.end());
+    snapshot.acl = ACL::text(fd, path);
+    return snapshot;
+}
+
+bool isFile(const std::optional<FileStatus>& status, const FileStatus& identity) {
+    return status && status->device == identity.device && status->inode == identity.inode;
+}
+
+// What a verified replacement must show: the path names the clone, which carries the replaced
+// copy's metadata. Linux cannot set a birth time, so "created" is not asked of a clone.
+void verify(const platform::FileDescriptor& folder, const std::string& name, const platform::FileDescriptor& clone,
+            const std::string& target, const FileStatus& cloneStatus, const FileStatus& original,
+            const FileTimes& times, const Attributes& attributes, const std::optional<std::string>& acl) {
+    auto atName = platform::statusIn(folder, name, target);
+    FileStatus now = platform::statusOf(clone, target);
+    FileTimes nowTimes = platform::timesOf(clone, target);
+    Attributes nowAttributes = XAttr::all(clone, target);
+    auto nowAcl = ACL::text(clone, target);
     std::vector<std::string> differs;
-    if (now.inode != clone.inode) differs.push_back("inode");
+    if (!isFile(atName, cloneStatus)) differs.push_back("inode");
     if ((now.mode & 07777) != (original.mode & 07777)) differs.push_back("mode");
     if (now.uid != original.uid || now.gid != original.gid) differs.push_back("owner");
     if ((now.flags & ~FileFlags::compressed) != (original.flags & ~FileFlags::compressed)) differs.push_back("flags");
@@ -88,33 +119,34 @@ void verify(const std::string& target, const FileStatus& clone, const FileStatus
     if (nowTimes.added != times.added) differs.push_back("added");
     if (nowAcl != acl) differs.push_back("acl");
     std::set<std::string> names;
-    for (const auto& [name, bytes] : attributes) names.insert(name);
-    for (const auto& [name, bytes] : nowAttributes) names.insert(name);
-    for (const auto& name : names) {
-        auto a = attributes.find(name);
-        auto b = nowAttributes.find(name);
+    for (const auto& [n, bytes] : attributes) names.insert(n);
+    for (const auto& [n, bytes] : nowAttributes) names.insert(n);
+    for (const auto& n : names) {
+        auto a = attributes.find(n);
+        auto b = nowAttributes.find(n);
         if (a == attributes.end() || b == nowAttributes.end() || a->second != b->second) {
-            differs.push_back("xattr " + name);
+            differs.push_back("xattr " + n);
         }
     }
     if (!differs.empty()) throw VerificationError(target, differs);
 }
 
-void restoreTimes(const std::string& folder, const std::optional<FileTimes>& times) {
-    if (!times) return;
-    try {
-        times->write(folder);
-    } catch (const std::exception&) {
-        // A folder date that could not be put back is not worth failing a replacement for.
-    }
-}
-
-// Puts the folder's dates back however the replacement ends.
+// Puts the folder's dates back however the replacement ends, through the folder's descriptor.
 struct FolderDates {
-    const std::string& folder;
+    const platform::FileDescriptor& folder;
+    const std::string& path;
     const std::optional<FileTimes>& times;
-    ~FolderDates() { restoreTimes(folder, times); }
+    ~FolderDates() {
+        if (!times || !folder) return;
+        try {
+            platform::setTimes(folder, *times, path);
+        } catch (const std::exception&) {
+            // A folder date that could not be put back is not worth failing a replacement for.
+        }
+    }
 };
+
+constexpr int noCopyOnWriteBit = 0x00800000;  // FS_NOCOW_FL
 
 int64_t privateBytes(const std::optional<CloneInfo>& info, const FileStatus& status) {
     return info ? info->privateSize : status.size;
@@ -122,29 +154,62 @@ int64_t privateBytes(const std::optional<CloneInfo>& info, const FileStatus& sta
 
 }  // namespace
 
+std::string keepBeside(const platform::FileDescriptor& folder, const std::string& folderPath,
+                       const std::string& temporaryName, const std::string& name) {
+    // "photo.jpg" -> "photo (other version).jpg", "photo (other version 2).jpg", ...
+    auto dot = name.find_last_of('.');
+    std::string stem = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+    std::string extension = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
+    for (int n = 1; n < 1000; ++n) {
+        std::string candidate = stem + " (other version" + (n == 1 ? "" : " " + std::to_string(n)) + ")" + extension;
+        if (platform::tryRenameWithoutReplacing(folder, temporaryName, folder, candidate)) {
+            return folderPath + "/" + candidate;
+        }
+        if (errno != EEXIST) break;
+    }
+    throw SystemError("renameat2", folderPath + "/" + temporaryName, errno);
+}
+
 CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& entry, const OpenFiles& open) {
     FileStatus status = FileStatus::read(r.target);
-    std::string folder = parentOf(r.target);
-    checkReplaceable(r.target, status, folder, r.source, r.expected);
+    checkReplaceable(r.target, status, parentOf(r.target), r.source, r.expected);
 
     Swapped swapped;
     swapped.target = r;
-    swapped.original = status;
+    swapped.name = nameOf(r.target);
+    // Both files are opened from the root down without following a link: a folder swapped for a
+    // link since the scan fails here instead of leading the replacement elsewhere.
+    swapped.folder = platform::openFolderWithoutLinks(parentOf(r.target));
     // Every later read of the copy goes through this one descriptor: opening it again would break
     // our own lease.
-    swapped.held = platform::openCopy(r.target);
-    if (!platform::statusOf(swapped.held, r.target).isSameVersion(status)) throw Skip(SkipReason::changedSinceScan);
+    swapped.held = platform::openFileIn(swapped.folder, swapped.name, r.target);
+    swapped.original = platform::statusOf(swapped.held, r.target);
+    if (!swapped.original.isSameVersion(r.expected)) throw Skip(SkipReason::changedSinceScan);
     if (coordinate && !platform::takeWriteLease(swapped.held, r.target)) throw Skip(SkipReason::inUse);
+
+    auto sourceFolder = platform::openFolderWithoutLinks(parentOf(r.source));
+    swapped.source = platform::openFileIn(sourceFolder, nameOf(r.source), r.source);
+    FileStatus sourceStatus = platform::statusOf(swapped.source, r.source);
+    if (!sourceStatus.isRegularFile()) throw Skip(SkipReason::notARegularFile);
+    if (sourceStatus.device != swapped.original.device) throw Skip(SkipReason::differentVolume);
+    if (r.keptExpected && !sourceStatus.isSameVersion(*r.keptExpected)) throw Skip(SkipReason::changedSinceScan);
+    if (sourceStatus.size != swapped.original.size) throw Skip(SkipReason::contentDiffers);
 
     auto targetClones = platform::cloneInfoOf(swapped.held, r.target);
     if (targetClones) {
-        auto sourceClones = CloneInfo::read(r.source);
+        auto sourceClones = platform::cloneInfoOf(swapped.source, r.source);
         if (sourceClones && sourceClones->cloneID == targetClones->cloneID) throw Skip(SkipReason::alreadyShared);
     }
     if (open.contains(status)) throw Skip(SkipReason::inUse);
+    // Btrfs refuses to share blocks between a no-copy-on-write file and any other ("Invalid
+    // argument"): say why instead of failing at the kernel.
+    if ((platform::attributeBitsOf(swapped.held, r.target) | platform::attributeBitsOf(swapped.source, r.source)) &
+        noCopyOnWriteBit) {
+        throw Skip(SkipReason::noCopyOnWrite);
+    }
     swapped.freed = privateBytes(targetClones, status);
 
-    swapped.before = Snapshot::take(r.target);
+    swapped.before = snapshotOf(swapped.held, r.target);
     entry.before = swapped.before;
 
     Strategy chosen = strategyFor(status.device);
@@ -166,14 +231,12 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
 bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacement& r) {
     step(Step::checked, "");
     if (journal) journal->append(entry);
-    platform::FileDescriptor source = platform::openCopy(r.source);
-    FileStatus sourceStatus = platform::statusOf(source, r.source);
     // Identity is checked again on the open descriptors right before the kernel is asked to act.
     if (!platform::statusOf(s.held, r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
-    if (sourceStatus.size != s.original.size) throw Skip(SkipReason::contentDiffers);
+    if (platform::statusOf(s.source, r.source).size != s.original.size) throw Skip(SkipReason::contentDiffers);
     if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
 
-    switch (platform::shareInPlace(source, s.held, s.original.size, r.target)) {
+    switch (platform::shareInPlace(s.source, s.held, s.original.size, r.target)) {
         case platform::ShareOutcome::notSupported: return false;
         case platform::ShareOutcome::differs: throw Skip(SkipReason::contentDiffers);
         case platform::ShareOutcome::shared: break;
@@ -181,12 +244,12 @@ bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacemen
     step(Step::cloned, "");
 
     // The kernel reports the length asked for, not what it shared: the extent map says the truth.
-    auto sourceClones = platform::cloneInfoOf(source, r.source);
+    auto sourceClones = platform::cloneInfoOf(s.source, r.source);
     auto targetClones = platform::cloneInfoOf(s.held, r.target);
     if (!sourceClones || !targetClones || sourceClones->cloneID != targetClones->cloneID) {
         throw std::runtime_error(r.target + ": the disk did not share its blocks");
     }
-    Snapshot after = Snapshot::take(r.target);
+    Snapshot after = snapshotOf(s.held, r.target);
     std::vector<std::string> differs;
     if (after.status != s.before.status) differs.push_back("status");
     if (after.times.modified != s.before.times.modified) differs.push_back("modified");
@@ -200,90 +263,143 @@ bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacemen
 
 void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement& r) {
     const std::string folder = parentOf(r.target);
-    s.attributes = XAttr::all(r.target);
-    if (restoreFolderDates) s.folderTimes = FileTimes::read(folder);
-    FolderDates dates{folder, s.folderTimes};
+    s.attributes = XAttr::all(s.held, r.target);
+    if (restoreFolderDates) s.folderTimes = platform::timesOf(s.folder, folder);
+    FolderDates dates{s.folder, folder, s.folderTimes};
     step(Step::checked, "");
 
-    s.temporary = folder + "/." + nameOf(r.target) + std::string(temporaryMarker) + makeUUID();
+    s.temporaryName = "." + s.name + std::string(temporaryMarker) + makeUUID();
+    s.temporary = folder + "/" + s.temporaryName;
     entry.temporary = s.temporary;
-    // Announced before anything exists on disk, so a crash from here on leaves a journalled leftover.
-    if (journal) journal->append(entry);
-    if (!platform::cloneFile(r.source, s.temporary)) throw Skip(SkipReason::volumeCannotClone);
+    // The clone is built without a name where the file system allows it: nobody can open it, and a
+    // crash leaves nothing behind. Only once its bytes and metadata are right does it get its
+    // temporary name, announced in the journal together with its identity first.
+    s.clone = platform::anonymousFileIn(s.folder, s.temporary);
+    bool named = !s.clone;
+    if (named) {
+        // Announced before anything exists on disk, so a crash from here on leaves a journalled leftover.
+        if (journal) journal->append(entry);
+        s.clone = platform::createFileIn(s.folder, s.temporaryName, s.temporary);
+    }
+    bool linked = named;
+    auto removeClone = [&] {
+        if (linked && isFile(platform::statusIn(s.folder, s.temporaryName, s.temporary), s.cloneStatus)) {
+            platform::tryRemoveIn(s.folder, s.temporaryName);
+        }
+    };
+    s.cloneStatus = platform::statusOf(s.clone, s.temporary);
 
-    FileStatus cloneStatus;
     try {
+        if (!platform::cloneInto(s.clone, s.source, s.temporary)) throw Skip(SkipReason::volumeCannotClone);
         step(Step::cloned, s.temporary);
-        copyMetadata(s.temporary, s.original, s.attributes);
+        prepareClone(s.clone, s.temporary, s.attributes);
         step(Step::metadataCopied, s.temporary);
-        platform::FileDescriptor clone = platform::openCopy(s.temporary);
-        if (!platform::sameContent(clone, s.temporary, s.held, r.target)) throw Skip(SkipReason::contentDiffers);
-        if (!FileStatus::read(r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
+        if (!platform::sameContent(s.clone, s.temporary, s.held, r.target)) throw Skip(SkipReason::contentDiffers);
+        if (!platform::statusOf(s.held, r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
+        // Only now, its bytes proven equal, does the clone take the copy's owner, mode and flags.
+        handOverClone(s.clone, s.temporary, s.original, s.attributes, platform::attributeBitsOf(s.held, r.target));
         // Dates go on after the comparison, which reads the clone and would move its access time.
-        s.before.times.write(s.temporary);
-        cloneStatus = FileStatus::read(s.temporary);
+        platform::setTimes(s.clone, s.before.times, s.temporary);
+        s.cloneStatus = platform::statusOf(s.clone, s.temporary);
+        if (!named) {
+            Snapshot clone = snapshotOf(s.clone, s.temporary);
+            entry.after = clone;
+            if (journal) journal->append(entry);
+            platform::linkInto(s.clone, s.folder, s.temporaryName, s.temporary);
+            linked = true;
+            s.cloneStatus = platform::statusOf(s.clone, s.temporary);
+        }
         step(Step::compared, s.temporary);
         if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
+        // The copy's name must still name the copy that was compared: a program may have saved a
+        // new file over it meanwhile, and that one is not ours to move.
+        if (!isFile(platform::statusIn(s.folder, s.name, r.target), s.original)) throw Skip(SkipReason::changedSinceScan);
     } catch (...) {
-        platform::tryRemoveFile(s.temporary);
+        removeClone();
         throw;
     }
 
-    try {
-        platform::exchange(s.temporary, r.target);
-    } catch (...) {
-        platform::tryRemoveFile(s.temporary);
-        throw;
+    if (!platform::exchangeIn(s.folder, s.temporaryName, s.name)) {
+        int code = errno;
+        removeClone();
+        throw SystemError("renameat2", r.target, code);
     }
 
     try {
+        // Whatever a program renamed over the copy's name in the last instant is what went to the
+        // temporary name; it is undone below, never removed.
+        if (!isFile(platform::statusIn(s.folder, s.temporaryName, s.temporary), s.original)) {
+            throw Skip(SkipReason::changedDuringReplace);
+        }
         // Some attributes only stick once the file has its final name.
-        applyAttributes(s.attributes, r.target);
+        applyAttributes(s.attributes, s.clone, r.target);
         step(Step::swapped, s.temporary);
-        verify(r.target, cloneStatus, s.original, s.before.times, s.attributes, s.before.acl);
+        verify(s.folder, s.name, s.clone, r.target, s.cloneStatus, s.original, s.before.times, s.attributes,
+               s.before.acl);
         step(Step::verified, s.temporary);
     } catch (...) {
-        // The temporary name holds the untouched copy again after this exchange.
-        platform::tryExchange(s.temporary, r.target);
-        platform::tryRemoveFile(s.temporary);
+        undoSwap(s);
         throw;
+    }
+}
+
+// Puts the replaced copy back at its name after a failure past the exchange. Removes only what is
+// proven to be this replacement's clone; whatever else turns up under the temporary name (a file a
+// program saved over the copy's name) stays, beside the copy under a clear name.
+void CloneEngine::undoSwap(Swapped& s) {
+    const std::string folder = parentOf(s.target.target);
+    auto atName = platform::statusIn(s.folder, s.name, s.target.target);
+    auto atTemporary = platform::statusIn(s.folder, s.temporaryName, s.temporary);
+    if (isFile(atName, s.cloneStatus)) {
+        if (!platform::exchangeIn(s.folder, s.temporaryName, s.name)) {
+            throw LeftForRecovery("renameat2", s.target.target, errno);
+        }
+        atTemporary = platform::statusIn(s.folder, s.temporaryName, s.temporary);
+    }
+    if (isFile(atTemporary, s.cloneStatus)) {
+        platform::tryRemoveIn(s.folder, s.temporaryName);
+    } else if (atTemporary) {
+        keepBeside(s.folder, folder, s.temporaryName, s.name);
     }
 }
 
 void CloneEngine::finish(Swapped& s, const OpenFiles& open) {
     if (s.temporary.empty()) return;
     const std::string folder = parentOf(s.target.target);
-    FolderDates dates{folder, s.folderTimes};
-    FileStatus replaced = FileStatus::read(s.temporary);
-    if (replaced.size == s.original.size && replaced.modified == s.original.modified && !open.contains(replaced)) {
+    FolderDates dates{s.folder, folder, s.folderTimes};
+    auto replaced = platform::statusIn(s.folder, s.temporaryName, s.temporary);
+    if (!replaced) throw SystemError("statx", s.temporary, ENOENT);
+    bool untouched = isFile(replaced, s.original) && replaced->size == s.original.size &&
+                     replaced->modified == s.original.modified;
+    if (untouched && !open.contains(*replaced)) {
         if (!moveReplacedToTrash) {
-            platform::removeFile(s.temporary);
+            platform::removeIn(s.folder, s.temporaryName, s.temporary);
             return;
         }
         // Through a private folder, so the Trash shows the copy under its own name.
-        std::string privateFolder = folder + "/" + std::string(temporaryMarker) + "trash-" + makeUUID();
-        platform::makePrivateFolder(privateFolder);
-        std::string item = privateFolder + "/" + nameOf(s.target.target);
+        std::string privateName = std::string(temporaryMarker) + "trash-" + makeUUID();
+        platform::makeFolderIn(s.folder, privateName, folder + "/" + privateName);
+        auto privateFolder = platform::openSubfolder(s.folder, privateName, folder + "/" + privateName);
+        std::string item = folder + "/" + privateName + "/" + s.name;
         try {
-            platform::renamePath(s.temporary, item);
+            platform::renameWithoutReplacing(s.folder, s.temporaryName, privateFolder, s.name, item);
             platform::moveToTrash(item);
         } catch (...) {
             // A copy that could not reach the Trash goes back under its temporary name, where the
             // journal's recovery finds it.
-            platform::tryRename(item, s.temporary);
-            platform::tryRemoveFolder(privateFolder);
+            platform::tryRenameWithoutReplacing(privateFolder, s.name, s.folder, s.temporaryName);
+            platform::tryRemoveFolderIn(s.folder, privateName);
             throw;
         }
-        platform::tryRemoveFolder(privateFolder);
+        platform::tryRemoveFolderIn(s.folder, privateName);
         return;
     }
     // The replaced copy was written to or is open: it is the one that counts, so it goes back.
-    FileStatus clone = FileStatus::read(s.target.target);
-    if (open.contains(clone)) throw SystemError("both the clone and the original are open", s.target.target, EBUSY);
-    if (!platform::tryExchange(s.temporary, s.target.target)) {
-        throw SystemError("renamex_np", s.target.target, errno);
+    auto atName = platform::statusIn(s.folder, s.name, s.target.target);
+    if (isFile(atName, s.cloneStatus) && open.contains(*atName)) {
+        throw SystemError("both the clone and the original are open", s.target.target, EBUSY);
     }
-    platform::tryRemoveFile(s.temporary);
+    undoSwap(s);
     throw Skip(SkipReason::changedDuringReplace);
 }
 
@@ -293,6 +409,8 @@ void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
     if (!journal) return;
     try {
         std::rethrow_exception(error);
+    } catch (const LeftForRecovery&) {
+        return;
     } catch (const Skip& skip) {
         entry.event = JournalEntry::Event::skipped;
         entry.detail = std::string(rawValue(skip.reason));
@@ -376,34 +494,12 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
 int64_t CloneEngine::replace(const std::string& target, const std::string& source, const FileStatus& expected,
                              const std::optional<std::string>& digest) {
     Outcome outcome;
-    replace({Replacement{target, source, expected, digest}}, nullptr,
+    replace({Replacement{target, source, expected, digest, std::nullopt}}, nullptr,
             [&](const Replacement&, const Outcome& o) { outcome = o; });
     if (outcome.error) std::rethrow_exception(outcome.error);
     return outcome.freed;
 }
 
 bool CloneEngine::isTemporary(const std::string& path) { return isTemporaryName(nameOf(path)); }
-
-CloneEngine::Leftover CloneEngine::recoverLeftover(const std::string& path) {
-    if (!isTemporary(path)) return Leftover::kept;
-    std::string name = nameOf(path);
-    std::string own = parentOf(path) + "/" + name.substr(1, name.rfind(temporaryMarker) - 1);
-    if (!platform::pathExists(own)) {
-        platform::renamePath(path, own);
-        return Leftover::restored;
-    }
-    // The kernel fills a clone in one call, after creating it empty: an empty temporary beside a
-    // copy with data is a clone that never got its blocks, and the copy was never touched. (Empty
-    // copies are never replaced, so the temporary cannot be the user's own file swapped out.)
-    if (FileStatus::read(path).size == 0 && FileStatus::read(own).size > 0) {
-        platform::removeFile(path);
-        return Leftover::removed;
-    }
-    if (sameContent(path, own)) {
-        platform::removeFile(path);
-        return Leftover::removed;
-    }
-    return Leftover::kept;
-}
 
 }  // namespace dedup

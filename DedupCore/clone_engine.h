@@ -52,6 +52,9 @@ struct CloneEngine {
         std::string source;  // the copy that is kept
         FileStatus expected;  // the target as the scan saw it
         std::optional<std::string> digest;
+        // The kept file as the scan saw it; when present, the file opened as the source must be
+        // that very version.
+        std::optional<FileStatus> keptExpected;
         bool operator==(const Replacement&) const = default;
     };
 
@@ -79,9 +82,23 @@ struct CloneEngine {
     void replace(const std::vector<Replacement>& batch, const std::function<bool(const Replacement&)>& willStart,
                  const std::function<void(const Replacement&, const Outcome&)>& done);
 
+    // What the recovery of one leftover did. `keptBeside` names where the other of two versions
+    // was put when neither could be proven older: both stay, side by side.
+    struct Recovered {
+        Leftover outcome = Leftover::kept;
+        std::optional<std::string> keptBeside;
+        // The journal's detail: the outcome's name, and where the other version is when both stay.
+        std::string detail() const;
+    };
+
     // Puts right a temporary file left by an interrupted run: renamed back when the copy is gone,
     // removed when the copy is there and identical, kept otherwise.
     static Leftover recoverLeftover(const std::string& path);
+    // The same with what the journal knows of the replacement (the copy's identity before it, the
+    // clone's once it was made), so that whichever file a program wrote to last is the one left
+    // at the copy's path. Nothing is removed unless it is proven to be the engine's own clone or
+    // the untouched replaced copy; in doubt both stay, the other beside under a clear name.
+    static Recovered recoverLeftover(const JournalEntry& entry);
     static bool isTemporary(const std::string& path);
 
 private:
@@ -92,6 +109,7 @@ private:
         std::map<uint64_t, Strategy> chosen;
     };
     Swapped swapIn(const Replacement& replacement, JournalEntry& entry, const OpenFiles& open);
+    void undoSwap(Swapped& swapped);
     bool shareInPlace(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
     void swapByClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
     void finish(Swapped& swapped, const OpenFiles& open);

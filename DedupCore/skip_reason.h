@@ -29,6 +29,7 @@ enum class SkipReason {
     coordinationTimedOut,
     volumeCannotClone,
     quarantineCannotBeKept,
+    noCopyOnWrite,
 };
 
 // The case name ("inUse"): what the journal stores.

@@ -21,6 +21,8 @@
 #include "../file_io.h"
 #include "../metadata.h"
 
+using dedup::platform::FileDescriptor;
+
 namespace dedup {
 
 namespace {
@@ -120,6 +122,79 @@ std::optional<std::string> ACL::text(const std::string& path) {
     return std::string(text.get(), static_cast<size_t>(length));
 }
 
+std::vector<std::string> XAttr::names(const FileDescriptor& fd, const std::string& path) {
+    std::vector<char> buffer;
+    for (;;) {
+        ssize_t size = ::flistxattr(fd.get(), nullptr, 0);
+        if (size < 0) {
+            if (errno == ENOTSUP) return {};
+            throw SystemError("flistxattr", path, errno);
+        }
+        if (size == 0) return {};
+        buffer.assign(static_cast<size_t>(size), '\0');
+        ssize_t got = ::flistxattr(fd.get(), buffer.data(), buffer.size());
+        if (got >= 0) {
+            buffer.resize(static_cast<size_t>(got));
+            break;
+        }
+        if (errno != ERANGE) throw SystemError("flistxattr", path, errno);
+    }
+    std::vector<std::string> names;
+    size_t start = 0;
+    while (start < buffer.size()) {
+        size_t end = start;
+        while (end < buffer.size() && buffer[end] != '\0') ++end;
+        std::string name(buffer.data() + start, end - start);
+        if (!name.empty() && !isACLMirror(name)) names.push_back(std::move(name));
+        start = end + 1;
+    }
+    return names;
+}
+
+Attributes XAttr::all(const FileDescriptor& fd, const std::string& path) {
+    Attributes attributes;
+    for (auto& name : names(fd, path)) {
+        std::string bytes;
+        for (;;) {
+            ssize_t size = ::fgetxattr(fd.get(), name.c_str(), nullptr, 0);
+            if (size < 0) throw SystemError("fgetxattr", path, errno);
+            bytes.assign(static_cast<size_t>(size), '\0');
+            if (size == 0) break;
+            ssize_t got = ::fgetxattr(fd.get(), name.c_str(), bytes.data(), bytes.size());
+            if (got >= 0) {
+                bytes.resize(static_cast<size_t>(got));
+                break;
+            }
+            if (errno != ERANGE) throw SystemError("fgetxattr", path, errno);
+        }
+        attributes.emplace(std::move(name), std::move(bytes));
+    }
+    return attributes;
+}
+
+void XAttr::set(const FileDescriptor& fd, const std::string& path, const std::string& name, const std::string& bytes) {
+    if (::fsetxattr(fd.get(), name.c_str(), bytes.data(), bytes.size(), 0) != 0) {
+        throw SystemError("fsetxattr", path, errno);
+    }
+}
+
+void XAttr::remove(const FileDescriptor& fd, const std::string& path, const std::string& name) {
+    if (::fremovexattr(fd.get(), name.c_str()) != 0) throw SystemError("fremovexattr", path, errno);
+}
+
+std::optional<std::string> ACL::text(const FileDescriptor& fd, const std::string& path) {
+    std::unique_ptr<void, ACLFree> acl(::acl_get_fd(fd.get()));
+    if (!acl) {
+        if (errno == ENOTSUP) return std::nullopt;
+        throw SystemError("acl_get_fd", path, errno);
+    }
+    if (::acl_equiv_mode(static_cast<acl_t>(acl.get()), nullptr) == 0) return std::nullopt;
+    ssize_t length = 0;
+    std::unique_ptr<char, ACLFree> text(::acl_to_text(static_cast<acl_t>(acl.get()), &length));
+    if (!text) throw SystemError("acl_to_text", path, errno);
+    return std::string(text.get(), static_cast<size_t>(length));
+}
+
 namespace platform {
 
 void changeOwner(const std::string& path, uint32_t uid, uint32_t gid) {
@@ -140,23 +215,39 @@ void setFileFlags(const std::string& path, uint32_t flags) {
     int fd = openRetrying(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) throw SystemError("lchflags", path, errno);
     FileDescriptor file(fd);
+    setFileFlags(file, path, flags);
+}
 
-    int wanted = 0;
+void setFileFlags(const FileDescriptor& file, const std::string& path, uint32_t flags, int carried, int bits) {
+    int wanted = bits & carried;
     if (flags & FileFlags::anyImmutable) wanted |= FS_IMMUTABLE_FL;
     if (flags & FileFlags::anyAppend) wanted |= FS_APPEND_FL;
     if (flags & FileFlags::nodump) wanted |= FS_NODUMP_FL;
-    constexpr int managed = FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL;
+    const int managed = FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL | carried;
 
     // The kernel reads and writes an int whatever the ioctl's declared type says.
     int current = 0;
-    if (::ioctl(fd, FS_IOC_GETFLAGS, &current) != 0) {
+    if (::ioctl(file.get(), FS_IOC_GETFLAGS, &current) != 0) {
         bool unsupported = errno == ENOTTY || errno == EOPNOTSUPP;
         if (unsupported && wanted == 0) return;
-        throw SystemError("lchflags", path, errno);
+        throw SystemError("FS_IOC_SETFLAGS", path, errno);
     }
     int next = (current & ~managed) | wanted;
     if (next == current) return;
-    if (::ioctl(fd, FS_IOC_SETFLAGS, &next) != 0) throw SystemError("lchflags", path, errno);
+    if (::ioctl(file.get(), FS_IOC_SETFLAGS, &next) != 0) throw SystemError("FS_IOC_SETFLAGS", path, errno);
+    // Some file systems take a bit without complaint and keep it off (no copy-on-write on a file
+    // that already has data, on Btrfs): what was asked must be what the file now has.
+    int now = 0;
+    if (::ioctl(file.get(), FS_IOC_GETFLAGS, &now) != 0) throw SystemError("FS_IOC_GETFLAGS", path, errno);
+    if ((now & managed) != wanted) throw SystemError("FS_IOC_SETFLAGS", path, EOPNOTSUPP);
+}
+
+void changeOwner(const FileDescriptor& fd, const std::string& path, uint32_t uid, uint32_t gid) {
+    if (::fchown(fd.get(), uid, gid) != 0) throw SystemError("fchown", path, errno);
+}
+
+void changeMode(const FileDescriptor& fd, const std::string& path, uint32_t mode) {
+    if (::fchmod(fd.get(), mode & 07777) != 0) throw SystemError("fchmod", path, errno);
 }
 
 void randomBytes(std::span<std::byte> bytes) {
