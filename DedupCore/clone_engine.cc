@@ -213,17 +213,21 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
     entry.before = swapped.before;
 
     Strategy chosen = strategyFor(status.device);
+    bool inPlace = false;
     if (chosen != Strategy::cloneAndSwap) {
-        if (shareInPlace(swapped, entry, r)) {
-            if (chosen == Strategy::automatic) remember(status.device, Strategy::inPlace);
-            swapped.entry = entry;
-            return swapped;
-        }
-        if (chosen == Strategy::inPlace) throw Skip(SkipReason::volumeCannotClone);
+        inPlace = shareInPlace(swapped, entry, r);
+        if (inPlace && chosen == Strategy::automatic) remember(status.device, Strategy::inPlace);
+        if (!inPlace && chosen == Strategy::inPlace) throw Skip(SkipReason::volumeCannotClone);
         // The volume clones but cannot share in place: remember, and fall back for this copy too.
     }
-    swapByClone(swapped, entry, r);
-    if (chosen == Strategy::automatic) remember(status.device, Strategy::cloneAndSwap);
+    if (!inPlace) {
+        swapByClone(swapped, entry, r);
+        if (chosen == Strategy::automatic) remember(status.device, Strategy::cloneAndSwap);
+    }
+    // A lease makes every other program that opens the file wait (up to the kernel's lease-break
+    // time): it is held only while this copy is being changed, not while the rest of the batch is.
+    // Finishing takes it again before the replaced copy is removed.
+    if (coordinate) platform::releaseLease(swapped.held);
     swapped.entry = entry;
     return swapped;
 }
@@ -371,7 +375,17 @@ void CloneEngine::finish(Swapped& s, const OpenFiles& open) {
     if (!replaced) throw SystemError("statx", s.temporary, ENOENT);
     bool untouched = isFile(replaced, s.original) && replaced->size == s.original.size &&
                      replaced->modified == s.original.modified;
-    if (untouched && !open.contains(*replaced)) {
+    // The lease can be had again only while no other descriptor, in any process, has the replaced
+    // copy open: the last check before it goes. It ends with this replacement.
+    bool unopened = !coordinate || platform::takeWriteLease(s.held, s.temporary);
+    struct Release {
+        const platform::FileDescriptor& fd;
+        bool held;
+        ~Release() {
+            if (held) platform::releaseLease(fd);
+        }
+    } release{s.held, coordinate && unopened};
+    if (untouched && unopened && !open.contains(*replaced)) {
         if (!moveReplacedToTrash) {
             platform::removeIn(s.folder, s.temporaryName, s.temporary);
             return;
@@ -471,7 +485,6 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
             done(s.target, {0, error});
             continue;
         }
-        if (coordinate) platform::releaseLease(s.held);
         s.held.reset();
         JournalEntry entry = s.entry;
         entry.event = JournalEntry::Event::replaced;

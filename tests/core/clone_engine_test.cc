@@ -10,7 +10,9 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <cstring>
 #include <functional>
+#include <map>
 
 #include "journal.h"
 #include "metadata.h"
@@ -252,6 +254,69 @@ TEST_P(CloneAndSwapTest, WritesBeforeAndAfterTheSwapWin) {
     EXPECT_EQ(skipOf([&] { replace(); }), SkipReason::changedDuringReplace);
     EXPECT_EQ(test::readFile(copy()), written);
     EXPECT_FALSE(anyTemporaryIn(dir_));
+}
+
+TEST_P(CloneAndSwapTest, ALeaseCoversOnlyItsOwnReplacementAndIsTakenAgainBeforeTheRemoval) {
+    // Two copies in one batch; while the second is replaced, the first's replaced copy waits under
+    // its temporary name. Another open of it must not wait for the whole batch to end.
+    makePair(300000);
+    test::writeRandomFile(dir_ + "/second.jpg", 300000, 41);
+    engine_.coordinate = true;
+    std::string firstTemporary;
+    engine_.fault = [&](CloneEngine::Step step, const std::string& temporary) {
+        if (step == CloneEngine::Step::verified && firstTemporary.empty()) firstTemporary = temporary;
+    };
+    int opened = -1;
+    std::map<std::string, std::optional<SkipReason>> outcomes;
+    std::vector<CloneEngine::Replacement> batch = {{copy(), kept(), FileStatus::read(copy()), "d", std::nullopt},
+                                                   {dir_ + "/second.jpg", kept(), FileStatus::read(dir_ + "/second.jpg"),
+                                                    "d", std::nullopt}};
+    std::string before = test::readFile(copy());
+    engine_.replace(
+        batch,
+        [&](const CloneEngine::Replacement& r) {
+            if (r.target != copy()) opened = ::open(firstTemporary.c_str(), O_RDONLY | O_NONBLOCK);
+            return true;
+        },
+        [&](const CloneEngine::Replacement& r, const CloneEngine::Outcome& outcome) {
+            outcomes[r.target] = skipOf([&] {
+                if (outcome.error) std::rethrow_exception(outcome.error);
+            });
+        });
+    EXPECT_GE(opened, 0) << "the first copy's lease was still held: " << std::strerror(errno);
+    // Open when it would have been removed: it goes back to its name instead.
+    EXPECT_EQ(outcomes[copy()], SkipReason::changedDuringReplace);
+    EXPECT_EQ(test::readFile(copy()), before);
+    EXPECT_EQ(outcomes[dir_ + "/second.jpg"], std::nullopt);
+    if (opened >= 0) ::close(opened);
+    EXPECT_FALSE(anyTemporaryIn(dir_));
+}
+
+TEST_P(CloneAndSwapTest, LinuxAttributesAndCapabilitiesComeAlongOrTheCopyIsLeftAlone) {
+    if (::geteuid() != 0) GTEST_SKIP() << "capabilities and the no-copy-on-write bit need root";
+    makePair(300000);
+    test::runCommandChecked({"chattr", "+A", "+S", copy()});
+    test::runCommandChecked({"setcap", "cap_net_raw+ep", copy()});
+    std::string capability = test::runCommandChecked({"getcap", copy()}).stdoutText;
+    ASSERT_NE(capability.find("cap_net_raw"), std::string::npos);
+    replace();
+    std::string attributes = test::runCommandChecked({"lsattr", copy()}).stdoutText;
+    EXPECT_NE(attributes.substr(0, attributes.find(' ')).find('A'), std::string::npos) << attributes;
+    EXPECT_NE(attributes.substr(0, attributes.find(' ')).find('S'), std::string::npos) << attributes;
+    EXPECT_EQ(test::runCommandChecked({"getcap", copy()}).stdoutText, capability);
+
+    if (GetParam().kind != LoopVolume::Kind::btrfs) return;
+    // No copy-on-write (set while empty, as Btrfs requires): the kernel refuses to share such a
+    // file's blocks, in place or by clone, and the copy is left alone saying why.
+    std::string nocow = dir_ + "/nocow.jpg";
+    test::writeFile(nocow, "");
+    test::runCommandChecked({"chattr", "+C", nocow});
+    test::writeFile(nocow, test::readFile(kept()));
+    for (Strategy strategy : {Strategy::inPlace, Strategy::cloneAndSwap}) {
+        engine_.strategy = strategy;
+        EXPECT_EQ(skipOf([&] { engine_.replace(nocow, kept(), FileStatus::read(nocow)); }),
+                  SkipReason::noCopyOnWrite);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, CloneAndSwapTest,
