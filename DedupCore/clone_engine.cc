@@ -1,6 +1,7 @@
 #include "clone_engine.h"
 
 #include <algorithm>
+#include <cstring>
 #include <set>
 
 #include "clone_engine_internal.h"
@@ -25,6 +26,39 @@ std::string joined(const std::vector<std::string>& names) {
 }
 
 }  // namespace
+
+namespace {
+
+// What a failed call meant for the replacement, in the words of someone who owns the file.
+std::string meaning(const SystemError& error) {
+    const std::string& call = error.call;
+    bool linkOnTheWay = error.code == ELOOP || error.code == ENOTDIR;
+    if (call == "both the clone and the original are open") {
+        return "both the clone and the replaced copy are open in other programs; neither was touched";
+    }
+    if (call == "openat2" && linkOnTheWay) return "a folder on the way to it is a symbolic link now; nothing was changed";
+    if (call == "openat" && linkOnTheWay) return "it is a symbolic link now; nothing was changed";
+    if (call == "openat" || call == "openat2" || call == "open") return "it could not be opened";
+    if (call == "read" || call == "fstat" || call == "statx") return "it could not be read";
+    if (call == "FIDEDUPERANGE") return "the disk refused to share its blocks with the kept copy";
+    if (call == "FICLONE") return "the disk refused to make a clone of the kept copy";
+    if (call == "linkat") return "the clone could not be given a name beside it";
+    if (call == "renameat2") return "it could not be exchanged with its clone";
+    if (call == "unlinkat" || call == "unlink") return "the replaced copy could not be removed";
+    if (call == "trash" || call == "mkdirat") return "the replaced copy could not be moved to the Trash";
+    if (call.find("xattr") != std::string::npos) return "its extended attributes could not be given to the clone";
+    if (call == "fchown" || call == "fchmod") return "its owner or permissions could not be given to the clone";
+    if (call.starts_with("FS_IOC_")) return "its attributes (chattr) could not be given to the clone";
+    if (call == "futimens") return "its dates could not be given to the clone";
+    if (call.starts_with("acl")) return "its access list could not be read";
+    return "it could not be replaced";
+}
+
+}  // namespace
+
+ReplaceError::ReplaceError(const SystemError& cause, const std::string& file) : SystemError(cause) {
+    text = file + ": " + meaning(cause) + " (" + call + ": " + std::strerror(code) + ")";
+}
 
 VerificationError::VerificationError(std::string path_, std::vector<std::string> differs_)
     : std::runtime_error(path_ + ": " + joined(differs_) + " changed"),
@@ -82,8 +116,12 @@ namespace {
 
 // An undo that could not put the copy back: its journal entry stays open, so that the recovery at
 // the next start finds the replaced copy under its temporary name.
-struct LeftForRecovery : SystemError {
-    using SystemError::SystemError;
+struct LeftForRecovery : ReplaceError {
+    LeftForRecovery(std::string call, std::string path, int code)
+        : ReplaceError(SystemError(std::move(call), path, code), path) {
+        text = this->path + ": the copy could not be put back at its name; the journal's recovery puts it right (" +
+               this->call + ": " + std::strerror(this->code) + ")";
+    }
 };
 
 Snapshot snapshotOf(const platform::FileDescriptor& fd, const std::string& path) {
@@ -419,6 +457,19 @@ void CloneEngine::finish(Swapped& s, const OpenFiles& open) {
 
 namespace {
 
+// Every failed call reaches the journal and the caller in a user's words.
+std::exception_ptr explained(std::exception_ptr error, const std::string& file) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const ReplaceError&) {
+        return error;
+    } catch (const SystemError& failure) {
+        return std::make_exception_ptr(ReplaceError(failure, file));
+    } catch (...) {
+        return error;
+    }
+}
+
 void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
     if (!journal) return;
     try {
@@ -464,7 +515,7 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         try {
             swapped.push_back(swapIn(r, entry, open));
         } catch (...) {
-            auto error = std::current_exception();
+            auto error = explained(std::current_exception(), r.target);
             close(journal, entry, error);
             done(r, {0, error});
         }
@@ -480,7 +531,7 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         try {
             finish(s, again);
         } catch (...) {
-            auto error = std::current_exception();
+            auto error = explained(std::current_exception(), s.target.target);
             close(journal, s.entry, error);
             done(s.target, {0, error});
             continue;

@@ -42,6 +42,16 @@ struct VerificationError : std::runtime_error {
     std::vector<std::string> differs;  // names of the failed checks: "mode", "xattr user.tag", ...
 };
 
+// A system call failed during a replacement. The text says first, in a user's words, what could not
+// be done, then which Linux call failed and why:
+// "/x/a.jpg: the copy could not be exchanged with its clone (renameat2: Invalid argument)".
+struct ReplaceError : SystemError {
+    // `file` is the copy being replaced, which the text names first; the call's own path stays in `path`.
+    ReplaceError(const SystemError& cause, const std::string& file);
+    const char* what() const noexcept override { return text.c_str(); }
+    std::string text;
+};
+
 struct CloneEngine {
     enum class Strategy { automatic, inPlace, cloneAndSwap };
     enum class Step { checked, cloned, metadataCopied, compared, swapped, verified };

@@ -15,9 +15,10 @@
 
 namespace dedup::platform {
 
-// The folder at the absolute `path`, opened from "/" down with no symbolic link anywhere on the
-// way: openat2 with RESOLVE_NO_SYMLINKS, else one O_NOFOLLOW|O_DIRECTORY step per component where
-// the kernel lacks openat2. A link on the way fails with ELOOP (or ENOTDIR).
+// The folder at the absolute `path`, opened from "/" down without following a symbolic link that
+// another user made: openat2 with RESOLVE_NO_SYMLINKS, else (a link on the way, or no openat2) one
+// O_NOFOLLOW|O_DIRECTORY step per component, following only links owned by root or by this
+// process's user. Any other link on the way fails with ELOOP (or ENOTDIR).
 // Throws SystemError("openat2", path, errno).
 FileDescriptor openFolderWithoutLinks(const std::string& path);
 

@@ -122,6 +122,7 @@ TEST_P(EngineUnderAttack, AFolderSwappedForALinkAtAnyStepLeadsNothingOutside) {
                 if (step == at && !swappedYet) {
                     fs::rename(swapped, swapped + ".real");
                     fs::create_directory_symlink(secret, swapped);
+                    ::lchown(swapped.c_str(), 4321, 4321);  // the user's own link
                     swappedYet = true;
                 }
                 // Readable by the user: anything in their folders that holds the secret.

@@ -22,6 +22,7 @@
 namespace dedup {
 namespace {
 
+namespace fs = std::filesystem;
 using test::LoopVolume;
 using Strategy = CloneEngine::Strategy;
 
@@ -188,6 +189,31 @@ TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
     ::close(fd);
     EXPECT_EQ(reasonOf(FileStatus::read(copy())), std::nullopt);
     EXPECT_TRUE(journal_->interrupted().empty());
+}
+
+TEST_P(CloneEngineOnVolume, OnlyLinksOfRootOrOfTheRunningUserAreFollowedOnTheWay) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs a link owned by another user";
+    makePair(200000);
+    // Another user's link in place of a folder: refused, saying so in a user's words.
+    fs::create_directory_symlink(dir_, dir_ + "-theirs");
+    ASSERT_EQ(::lchown((dir_ + "-theirs").c_str(), 4321, 4321), 0);
+    std::string through = dir_ + "-theirs/copy.jpg";
+    const std::string refusal = through + ": a folder on the way to it is a symbolic link now; nothing was "
+                                          "changed (openat2: Too many levels of symbolic links)";
+    try {
+        engine_.replace(through, kept(), FileStatus::read(through));
+        ADD_FAILURE() << "replaced through another user's link";
+    } catch (const ReplaceError& error) {
+        EXPECT_EQ(std::string(error.what()), refusal);
+    }
+    EXPECT_EQ(journal_->entries().back().detail, refusal);
+
+    // The system's own links, and the running user's, name folders as the user knows them.
+    fs::create_directory_symlink(dir_, dir_ + "-mine");
+    std::string mine = dir_ + "-mine/copy.jpg";
+    EXPECT_EQ(engine_.replace(mine, kept(), FileStatus::read(mine)), 200000);
+    fs::remove(dir_ + "-theirs");
+    fs::remove(dir_ + "-mine");
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, CloneEngineOnVolume,

@@ -9,8 +9,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <climits>
 #include <cerrno>
 #include <cstdio>
+#include <vector>
 
 #include "statx_util.h"
 
@@ -26,33 +28,76 @@ int retrying(auto&& call) {
     return result;
 }
 
-// One folder at a time from "/", each opened relative to the last and refusing a link.
-int openStepByStep(const std::string& path) {
-    int fd = retrying([] { return ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
-    if (fd < 0) return -1;
-    size_t start = 1;
-    while (start < path.size()) {
+// "/a/./b/../c" -> "/a/c". Only applied to text whose folders were all opened without following a
+// link, so a ".." there means the folder's real parent.
+std::string normalised(const std::string& path) {
+    std::vector<std::string> parts;
+    size_t start = 0;
+    while (start <= path.size()) {
         size_t end = path.find('/', start);
         if (end == std::string::npos) end = path.size();
         std::string part = path.substr(start, end - start);
         start = end + 1;
         if (part.empty() || part == ".") continue;
         if (part == "..") {
-            // A path the engine was given names no "..": refuse rather than interpret it.
-            ::close(fd);
-            errno = EINVAL;
-            return -1;
+            if (!parts.empty()) parts.pop_back();
+            continue;
         }
-        int next = retrying([&] { return ::openat(fd, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
-        int code = errno;
-        ::close(fd);
-        if (next < 0) {
-            errno = code;
-            return -1;
-        }
-        fd = next;
+        parts.push_back(std::move(part));
     }
-    return fd;
+    std::string result;
+    for (const auto& part : parts) result += "/" + part;
+    return result.empty() ? "/" : result;
+}
+
+// One folder at a time from "/", each opened relative to the last without following a link. A link
+// on the way is followed only when root or this process's own user made it: those are the links
+// of the system and of whoever runs the engine (a user's folder named through a link of their
+// own), never one another user put in place of a folder. Answers -1 with errno set.
+int openStepByStep(std::string path) {
+    const uid_t self = ::geteuid();
+    for (int hops = 0; hops < 40; ++hops) {
+        int fd = retrying([] { return ::open("/", O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
+        if (fd < 0) return -1;
+        std::string resolved;
+        size_t start = 1;
+        bool restarted = false;
+        while (start < path.size() + 1 && !restarted) {
+            size_t end = path.find('/', start);
+            if (end == std::string::npos) end = path.size();
+            std::string part = path.substr(start, end - start);
+            start = end + 1;
+            if (part.empty() || part == ".") continue;
+            int next = retrying(
+                [&] { return ::openat(fd, part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
+            if (next >= 0) {
+                ::close(fd);
+                fd = next;
+                resolved += "/" + part;
+                continue;
+            }
+            int code = errno;
+            struct stat link {};
+            bool isLink = (code == ELOOP || code == ENOTDIR) &&
+                          ::fstatat(fd, part.c_str(), &link, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(link.st_mode);
+            if (isLink) code = ELOOP;
+            bool trusted = isLink && (link.st_uid == 0 || link.st_uid == self);
+            std::string target(PATH_MAX, '\0');
+            ssize_t length = trusted ? ::readlinkat(fd, part.c_str(), target.data(), target.size()) : -1;
+            ::close(fd);
+            if (length <= 0) {
+                errno = code;
+                return -1;
+            }
+            target.resize(static_cast<size_t>(length));
+            std::string rest = start < path.size() ? path.substr(start) : "";
+            path = normalised((target.front() == '/' ? target : resolved + "/" + target) + "/" + rest);
+            restarted = true;
+        }
+        if (!restarted) return fd;
+    }
+    errno = ELOOP;
+    return -1;
 }
 
 }  // namespace
@@ -63,7 +108,8 @@ FileDescriptor openFolderWithoutLinks(const std::string& path) {
     how.flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
     how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
     int fd = retrying([&] { return static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)); });
-    if (fd < 0 && (errno == ENOSYS || errno == E2BIG)) fd = openStepByStep(path);
+    // Without openat2, or with a link on the way that may be one to follow: step by step.
+    if (fd < 0 && (errno == ENOSYS || errno == E2BIG || errno == ELOOP)) fd = openStepByStep(path);
     if (fd < 0) throw SystemError("openat2", path, errno);
     return FileDescriptor(fd);
 }

@@ -199,21 +199,21 @@ namespace platform {
 
 void changeOwner(const std::string& path, uint32_t uid, uint32_t gid) {
     if (::fchownat(AT_FDCWD, path.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) != 0) {
-        throw SystemError("lchown", path, errno);
+        throw SystemError("fchownat", path, errno);
     }
 }
 
 void changeMode(const std::string& path, uint32_t mode) {
     // glibc answers EOPNOTSUPP for a link instead of changing what it points to.
     if (::fchmodat(AT_FDCWD, path.c_str(), mode & 07777, AT_SYMLINK_NOFOLLOW) != 0) {
-        throw SystemError("lchmod", path, errno);
+        throw SystemError("fchmodat", path, errno);
     }
 }
 
 void setFileFlags(const std::string& path, uint32_t flags) {
     // The attribute ioctls need a descriptor; O_NOFOLLOW keeps them off a link's target.
     int fd = openRetrying(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) throw SystemError("lchflags", path, errno);
+    if (fd < 0) throw SystemError("open", path, errno);
     FileDescriptor file(fd);
     setFileFlags(file, path, flags);
 }
