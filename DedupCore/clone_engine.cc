@@ -100,16 +100,23 @@ void CloneEngine::step(Step s, const std::string& temporary) const {
     if (fault) fault(s, temporary);
 }
 
-CloneEngine::Strategy CloneEngine::strategyFor(uint64_t device) const {
-    if (strategy != Strategy::automatic) return strategy;
+// Whether the volume could make a clone of the kept copy beside this one: a nameless trial clone
+// that vanishes when closed, remembered per volume.
+bool CloneEngine::canClone(const Swapped& s) const {
+    {
+        std::lock_guard lock(volumes_->mutex);
+        auto it = volumes_->clones.find(s.original.device);
+        if (it != volumes_->clones.end()) return it->second;
+    }
+    bool answer = false;
+    try {
+        auto trial = platform::anonymousFileIn(s.folder, s.target.target);
+        answer = trial && platform::cloneInto(trial, s.source, s.target.target);
+    } catch (const SystemError&) {
+    }
     std::lock_guard lock(volumes_->mutex);
-    auto it = volumes_->chosen.find(device);
-    return it == volumes_->chosen.end() ? Strategy::automatic : it->second;
-}
-
-void CloneEngine::remember(uint64_t device, Strategy chosen) const {
-    std::lock_guard lock(volumes_->mutex);
-    volumes_->chosen[device] = chosen;
+    volumes_->clones[s.original.device] = answer;
+    return answer;
 }
 
 namespace {
@@ -250,17 +257,14 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
     swapped.before = snapshotOf(swapped.held, r.target);
     entry.before = swapped.before;
 
-    Strategy chosen = strategyFor(status.device);
-    bool inPlace = false;
-    if (chosen != Strategy::cloneAndSwap) {
-        inPlace = shareInPlace(swapped, entry, r);
-        if (inPlace && chosen == Strategy::automatic) remember(status.device, Strategy::inPlace);
-        if (!inPlace && chosen == Strategy::inPlace) throw Skip(SkipReason::volumeCannotClone);
-        // The volume clones but cannot share in place: remember, and fall back for this copy too.
-    }
-    if (!inPlace) {
+    if (strategy == Strategy::cloneAndSwap) {
         swapByClone(swapped, entry, r);
-        if (chosen == Strategy::automatic) remember(status.device, Strategy::cloneAndSwap);
+    } else if (!shareInPlace(swapped, entry, r)) {
+        // Clone and swap puts another file at the copy's path: a program that holds the copy open
+        // keeps writing to the one that is removed, and the birth time and inode change. It is
+        // therefore never chosen for the user, only done when asked for; here the copy is left
+        // alone, saying which of the two is the case.
+        throw Skip(canClone(swapped) ? SkipReason::cloneAndSwapNotAsked : SkipReason::volumeCannotClone);
     }
     // A lease makes every other program that opens the file wait (up to the kernel's lease-break
     // time): it is held only while this copy is being changed, not while the rest of the batch is.

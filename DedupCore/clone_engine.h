@@ -8,7 +8,9 @@
 // - clone and swap: a clone of the kept file is made beside the copy under a temporary name, given
 //   the copy's metadata, compared byte for byte, and exchanged with the copy in one atomic rename;
 //   the replaced copy is removed (or moved to the Trash) only after the whole batch is swapped in.
-// Which one a volume takes is found out on its first replacement, unless the caller chooses.
+// In place is the default. Clone and swap is done only when the caller asks for it: it puts another
+// file at the copy's path (new inode and birth time), and a program that held the copy open keeps
+// writing to the replaced one. A copy that could be shared only that way is left alone, saying so.
 //
 // A CloneEngine is a plain value configured from the user's settings; one thread runs a batch at a
 // time. It does not own the journal. Expected refusals are thrown as Skip, unexpected failures as
@@ -53,7 +55,7 @@ struct ReplaceError : SystemError {
 };
 
 struct CloneEngine {
-    enum class Strategy { automatic, inPlace, cloneAndSwap };
+    enum class Strategy { automatic, inPlace, cloneAndSwap };  // automatic is in place
     enum class Step { checked, cloned, metadataCopied, compared, swapped, verified };
     enum class Leftover { removed, restored, kept };
 
@@ -113,10 +115,11 @@ struct CloneEngine {
 
 private:
     struct Swapped;
-    // The strategy each volume took on its first replacement; shared by copies of the engine.
+    // Whether each volume can clone, found out on its first copy that cannot be shared in place;
+    // shared by copies of the engine.
     struct Volumes {
         std::mutex mutex;
-        std::map<uint64_t, Strategy> chosen;
+        std::map<uint64_t, bool> clones;
     };
     Swapped swapIn(const Replacement& replacement, JournalEntry& entry, const OpenFiles& open);
     void undoSwap(Swapped& swapped);
@@ -124,8 +127,7 @@ private:
     void swapByClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
     void finish(Swapped& swapped, const OpenFiles& open);
     void step(Step step, const std::string& temporary) const;
-    Strategy strategyFor(uint64_t device) const;
-    void remember(uint64_t device, Strategy chosen) const;
+    bool canClone(const Swapped& swapped) const;
 
     std::shared_ptr<Volumes> volumes_ = std::make_shared<Volumes>();
 };

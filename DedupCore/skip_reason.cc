@@ -6,7 +6,7 @@
 namespace dedup {
 
 namespace {
-constexpr std::array<std::pair<std::string_view, std::string_view>, 19> table = {{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 20> table = {{
     {"notARegularFile", "not a regular file"},
     {"differentVolume", "on another disk"},
     {"unreadable", "could not be read"},
@@ -28,6 +28,8 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 19> table = 
     {"quarantineCannotBeKept", "the system would give it another security label"},
     // chattr +C: Btrfs never lets such a file share blocks with another.
     {"noCopyOnWrite", "marked never to share its blocks (chattr +C)"},
+    // The disk clones but cannot share blocks in place; exchanging files is done only when asked for.
+    {"cloneAndSwapNotAsked", "the disk can share blocks only by exchanging files, which must be asked for"},
 }};
 }  // namespace
 

@@ -30,6 +30,7 @@ enum class SkipReason {
     volumeCannotClone,
     quarantineCannotBeKept,
     noCopyOnWrite,
+    cloneAndSwapNotAsked,
 };
 
 // The case name ("inUse"): what the journal stores.
