@@ -94,10 +94,23 @@ struct CloneEngine::Swapped {
     platform::FileDescriptor clone;
     Snapshot before;
     Attributes attributes;
+    bool leases = true;  // the kernel answers whether the copy is open elsewhere
 };
 
 void CloneEngine::step(Step s, const std::string& temporary) const {
     if (fault) fault(s, temporary);
+}
+
+// Whether another program has the file open: asked of the kernel for this one file where it can
+// answer, else looked up in the list of every process's open files. A lease held for coordination
+// is itself the answer.
+bool CloneEngine::openElsewhere(Swapped& s, const platform::FileDescriptor& fd, const FileStatus& status,
+                                const OpenFiles& open) const {
+    if (coordinate && &fd == &s.held) return !platform::leaseHeld(s.held);
+    auto answer = platform::openElsewhere(fd);
+    if (answer) return *answer;
+    s.leases = false;
+    return open.contains(status);
 }
 
 // Whether the volume could make a clone of the kept copy beside this one: a nameless trial clone
@@ -245,7 +258,11 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
         auto sourceClones = platform::cloneInfoOf(swapped.source, r.source);
         if (sourceClones && sourceClones->cloneID == targetClones->cloneID) throw Skip(SkipReason::alreadyShared);
     }
-    if (open.contains(status)) throw Skip(SkipReason::inUse);
+    // Only clone and swap puts another file at the copy's path; shared in place, a program that has
+    // the copy open keeps the very same file and bytes.
+    if (strategy == Strategy::cloneAndSwap && openElsewhere(swapped, swapped.held, status, open)) {
+        throw Skip(SkipReason::inUse);
+    }
     // Btrfs refuses to share blocks between a no-copy-on-write file and any other ("Invalid
     // argument"): say why instead of failing at the kernel.
     if ((platform::attributeBitsOf(swapped.held, r.target) | platform::attributeBitsOf(swapped.source, r.source)) &
@@ -355,6 +372,8 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
             linked = true;
             s.cloneStatus = platform::statusOf(s.clone, s.temporary);
         }
+        // Opened by a program since the first look: it would keep writing to the replaced copy.
+        if (!coordinate && platform::openElsewhere(s.held) == true) throw Skip(SkipReason::inUse);
         step(Step::compared, s.temporary);
         if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
         // The copy's name must still name the copy that was compared: a program may have saved a
@@ -419,7 +438,8 @@ void CloneEngine::finish(Swapped& s, const OpenFiles& open) {
                      replaced->modified == s.original.modified;
     // The lease can be had again only while no other descriptor, in any process, has the replaced
     // copy open: the last check before it goes. It ends with this replacement.
-    bool unopened = !coordinate || platform::takeWriteLease(s.held, s.temporary);
+    bool unopened = coordinate ? platform::takeWriteLease(s.held, s.temporary)
+                               : !openElsewhere(s, s.held, *replaced, open);
     struct Release {
         const platform::FileDescriptor& fd;
         bool held;
@@ -427,7 +447,7 @@ void CloneEngine::finish(Swapped& s, const OpenFiles& open) {
             if (held) platform::releaseLease(fd);
         }
     } release{s.held, coordinate && unopened};
-    if (untouched && unopened && !open.contains(*replaced)) {
+    if (untouched && unopened) {
         if (!moveReplacedToTrash) {
             platform::removeIn(s.folder, s.temporaryName, s.temporary);
             return;
@@ -452,7 +472,7 @@ void CloneEngine::finish(Swapped& s, const OpenFiles& open) {
     }
     // The replaced copy was written to or is open: it is the one that counts, so it goes back.
     auto atName = platform::statusIn(s.folder, s.name, s.target.target);
-    if (isFile(atName, s.cloneStatus) && open.contains(*atName)) {
+    if (isFile(atName, s.cloneStatus) && openElsewhere(s, s.clone, *atName, open)) {
         throw SystemError("both the clone and the original are open", s.target.target, EBUSY);
     }
     undoSwap(s);
@@ -503,12 +523,16 @@ void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
 void CloneEngine::replace(const std::vector<Replacement>& batch,
                           const std::function<bool(const Replacement&)>& willStart,
                           const std::function<void(const Replacement&, const Outcome&)>& done) {
+    // Only clone and swap needs the list of every process's open files, and only as a fallback
+    // where the kernel cannot answer for one file.
     OpenFiles open;
-    try {
-        open = OpenFiles::now();
-    } catch (...) {
-        for (const auto& r : batch) done(r, {0, std::current_exception()});
-        return;
+    if (strategy == Strategy::cloneAndSwap) {
+        try {
+            open = OpenFiles::now();
+        } catch (...) {
+            for (const auto& r : batch) done(r, {0, std::current_exception()});
+            return;
+        }
     }
     std::vector<Swapped> swapped;
     for (const auto& r : batch) {
@@ -525,8 +549,9 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         }
     }
     OpenFiles again;
+    bool listNeeded = std::any_of(swapped.begin(), swapped.end(), [](const Swapped& s) { return !s.leases; });
     try {
-        again = OpenFiles::now();
+        if (listNeeded) again = OpenFiles::now();
     } catch (...) {
         for (auto& s : swapped) done(s.target, {0, std::current_exception()});
         return;

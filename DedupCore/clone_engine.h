@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "file_records.h"
+#include "platform/file_io.h"
 #include "skip_reason.h"
 
 namespace dedup {
@@ -128,6 +129,8 @@ private:
     void finish(Swapped& swapped, const OpenFiles& open);
     void step(Step step, const std::string& temporary) const;
     bool canClone(const Swapped& swapped) const;
+    bool openElsewhere(Swapped& swapped, const platform::FileDescriptor& fd, const FileStatus& status,
+                       const OpenFiles& open) const;
 
     std::shared_ptr<Volumes> volumes_ = std::make_shared<Volumes>();
 };

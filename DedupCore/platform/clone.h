@@ -40,4 +40,10 @@ bool takeWriteLease(const FileDescriptor& fd, const std::string& path);
 bool leaseHeld(const FileDescriptor& fd);
 void releaseLease(const FileDescriptor& fd);
 
+// Whether another descriptor (in another process, or another of this one's) has the file open or
+// mapped, asked of the kernel for this one file: a write lease is granted only when nobody else
+// has it open, and is given back at once. Absent where the file system grants no leases; the
+// caller then falls back to the list of every process's open files.
+std::optional<bool> openElsewhere(const FileDescriptor& fd);
+
 }  // namespace dedup::platform

@@ -205,7 +205,8 @@ TEST_P(EngineUnderAttack, RecoveryAfterAKillKeepsWhatAProgramWroteLast) {
         if (child == 0) {
             int old = -1;
             engine_.fault = [&](Step step, const std::string&) {
-                if (step == Step::checked) old = ::open(copy.c_str(), O_RDWR);
+                // Opened in the last instant before the exchange, after the engine's last look.
+                if (step == Step::compared) old = ::open(copy.c_str(), O_RDWR);
                 if (step != Step::verified) return;
                 if (write == Write::truncate) {
                     if (::ftruncate(old, 0) != 0) ::_exit(2);
@@ -225,12 +226,12 @@ TEST_P(EngineUnderAttack, RecoveryAfterAKillKeepsWhatAProgramWroteLast) {
             }
             ::_exit(1);
         }
+        ::close(paused[1]);
         char byte = 0;
         ASSERT_EQ(::read(paused[0], &byte, 1), 1) << "the engine reached the step";
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
         ::close(paused[0]);
-        ::close(paused[1]);
 
         auto interrupted = journal_->interrupted();
         ASSERT_EQ(interrupted.size(), 1u);

@@ -164,7 +164,8 @@ TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
     EXPECT_EQ(FileStatus::read(copy()).inode, before.status.inode);
     EXPECT_FALSE(anyTemporaryIn(dir_));
 
-    // Open in another process: the snapshot of open files sees it.
+    // Open in another process. Clone and swap would leave it writing to the replaced file, so the
+    // copy is left alone; shared in place, the process keeps the very same file and bytes.
     content[150000] ^= 1;
     test::writeFile(copy(), content);
     int ready[2];
@@ -176,11 +177,15 @@ TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
         ::pause();
         ::_exit(fd >= 0 ? 0 : 1);
     }
+    ::close(ready[1]);
     char byte;
     ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    EXPECT_EQ(reasonOf(FileStatus::read(copy())), SkipReason::inUse);
+    bool inPlace = GetParam().strategy == Strategy::inPlace;
+    EXPECT_EQ(reasonOf(FileStatus::read(copy())), inPlace ? std::nullopt : std::optional(SkipReason::inUse));
+    EXPECT_EQ(FileStatus::read(copy()).inode, before.status.inode);
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
+    test::writeFile(copy(), content);  // its own blocks again
 
     // With coordination the write lease refuses a copy this very process holds open.
     engine_.coordinate = true;
@@ -266,6 +271,18 @@ TEST_P(CloneAndSwapTest, WritesBeforeAndAfterTheSwapWin) {
         }
     };
     EXPECT_EQ(skipOf([&] { replace(); }), SkipReason::changedSinceScan);
+    EXPECT_FALSE(anyTemporaryIn(dir_));
+
+    // Opened by a program after the first look and still open at the exchange: it would go on
+    // writing to the replaced file, so the copy is left alone.
+    int held = -1;
+    engine_.fault = [&](CloneEngine::Step step, const std::string&) {
+        if (step == CloneEngine::Step::metadataCopied) held = ::open(copy().c_str(), O_RDONLY);
+    };
+    uint64_t inode = FileStatus::read(copy()).inode;
+    EXPECT_EQ(skipOf([&] { replace(); }), SkipReason::inUse);
+    EXPECT_EQ(FileStatus::read(copy()).inode, inode);
+    ::close(held);
     EXPECT_FALSE(anyTemporaryIn(dir_));
 
     // Written after the swap, to the replaced copy under its temporary name: it is swapped back.

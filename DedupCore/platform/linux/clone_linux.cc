@@ -147,4 +147,14 @@ bool leaseHeld(const FileDescriptor& fd) { return ::fcntl(fd.get(), F_GETLEASE) 
 
 void releaseLease(const FileDescriptor& fd) { ::fcntl(fd.get(), F_SETLEASE, F_UNLCK); }
 
+std::optional<bool> openElsewhere(const FileDescriptor& fd) {
+    installLeaseSignal();
+    if (::fcntl(fd.get(), F_SETLEASE, F_WRLCK) == 0) {
+        ::fcntl(fd.get(), F_SETLEASE, F_UNLCK);
+        return false;
+    }
+    if (errno == EAGAIN || errno == EBUSY) return true;
+    return std::nullopt;
+}
+
 }  // namespace dedup::platform
