@@ -45,26 +45,26 @@ struct ACLFree {
     void operator()(void* object) const { ::acl_free(object); }
 };
 
-}  // namespace
-
-std::vector<std::string> XAttr::names(const std::string& path) {
+// The names a list call answers, split at their NUL bytes, the ACL mirrors left out. `list` is
+// llistxattr or flistxattr bound to one file.
+std::vector<std::string> listedNames(auto&& list, const char* call, const std::string& path) {
     std::vector<char> buffer;
     for (;;) {
-        ssize_t size = ::llistxattr(path.c_str(), nullptr, 0);
+        ssize_t size = list(nullptr, 0);
         if (size < 0) {
             // A file system without extended attributes holds none.
             if (errno == ENOTSUP) return {};
-            throw SystemError("llistxattr", path, errno);
+            throw SystemError(call, path, errno);
         }
         if (size == 0) return {};
         buffer.assign(static_cast<size_t>(size), '\0');
-        ssize_t got = ::llistxattr(path.c_str(), buffer.data(), buffer.size());
+        ssize_t got = list(buffer.data(), buffer.size());
         if (got >= 0) {
             buffer.resize(static_cast<size_t>(got));
             break;
         }
         // ERANGE: an attribute was added between the two calls; ask for the size again.
-        if (errno != ERANGE) throw SystemError("llistxattr", path, errno);
+        if (errno != ERANGE) throw SystemError(call, path, errno);
     }
     std::vector<std::string> names;
     size_t start = 0;
@@ -78,19 +78,32 @@ std::vector<std::string> XAttr::names(const std::string& path) {
     return names;
 }
 
-std::string XAttr::get(const std::string& path, const std::string& name) {
+// One attribute's bytes; `get` is lgetxattr or fgetxattr bound to one file and name.
+std::string valueOf(auto&& get, const char* call, const std::string& path) {
     for (;;) {
-        ssize_t size = ::lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
-        if (size < 0) throw SystemError("lgetxattr", path, errno);
+        ssize_t size = get(nullptr, 0);
+        if (size < 0) throw SystemError(call, path, errno);
         std::string bytes(static_cast<size_t>(size), '\0');
         if (size == 0) return bytes;
-        ssize_t got = ::lgetxattr(path.c_str(), name.c_str(), bytes.data(), bytes.size());
+        ssize_t got = get(bytes.data(), bytes.size());
         if (got >= 0) {
             bytes.resize(static_cast<size_t>(got));
             return bytes;
         }
-        if (errno != ERANGE) throw SystemError("lgetxattr", path, errno);
+        if (errno != ERANGE) throw SystemError(call, path, errno);
     }
+}
+
+}  // namespace
+
+std::vector<std::string> XAttr::names(const std::string& path) {
+    return listedNames([&](char* buffer, size_t size) { return ::llistxattr(path.c_str(), buffer, size); },
+                       "llistxattr", path);
+}
+
+std::string XAttr::get(const std::string& path, const std::string& name) {
+    return valueOf([&](char* buffer, size_t size) { return ::lgetxattr(path.c_str(), name.c_str(), buffer, size); },
+                   "lgetxattr", path);
 }
 
 void XAttr::set(const std::string& path, const std::string& name, const std::string& bytes) {
@@ -123,50 +136,16 @@ std::optional<std::string> ACL::text(const std::string& path) {
 }
 
 std::vector<std::string> XAttr::names(const FileDescriptor& fd, const std::string& path) {
-    std::vector<char> buffer;
-    for (;;) {
-        ssize_t size = ::flistxattr(fd.get(), nullptr, 0);
-        if (size < 0) {
-            if (errno == ENOTSUP) return {};
-            throw SystemError("flistxattr", path, errno);
-        }
-        if (size == 0) return {};
-        buffer.assign(static_cast<size_t>(size), '\0');
-        ssize_t got = ::flistxattr(fd.get(), buffer.data(), buffer.size());
-        if (got >= 0) {
-            buffer.resize(static_cast<size_t>(got));
-            break;
-        }
-        if (errno != ERANGE) throw SystemError("flistxattr", path, errno);
-    }
-    std::vector<std::string> names;
-    size_t start = 0;
-    while (start < buffer.size()) {
-        size_t end = start;
-        while (end < buffer.size() && buffer[end] != '\0') ++end;
-        std::string name(buffer.data() + start, end - start);
-        if (!name.empty() && !isACLMirror(name)) names.push_back(std::move(name));
-        start = end + 1;
-    }
-    return names;
+    return listedNames([&](char* buffer, size_t size) { return ::flistxattr(fd.get(), buffer, size); }, "flistxattr",
+                       path);
 }
 
 Attributes XAttr::all(const FileDescriptor& fd, const std::string& path) {
     Attributes attributes;
     for (auto& name : names(fd, path)) {
-        std::string bytes;
-        for (;;) {
-            ssize_t size = ::fgetxattr(fd.get(), name.c_str(), nullptr, 0);
-            if (size < 0) throw SystemError("fgetxattr", path, errno);
-            bytes.assign(static_cast<size_t>(size), '\0');
-            if (size == 0) break;
-            ssize_t got = ::fgetxattr(fd.get(), name.c_str(), bytes.data(), bytes.size());
-            if (got >= 0) {
-                bytes.resize(static_cast<size_t>(got));
-                break;
-            }
-            if (errno != ERANGE) throw SystemError("fgetxattr", path, errno);
-        }
+        std::string bytes = valueOf(
+            [&](char* buffer, size_t size) { return ::fgetxattr(fd.get(), name.c_str(), buffer, size); }, "fgetxattr",
+            path);
         attributes.emplace(std::move(name), std::move(bytes));
     }
     return attributes;
