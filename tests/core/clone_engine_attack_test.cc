@@ -122,7 +122,8 @@ TEST_P(EngineUnderAttack, AFolderSwappedForALinkAtAnyStepLeadsNothingOutside) {
                 if (step == at && !swappedYet) {
                     fs::rename(swapped, swapped + ".real");
                     fs::create_directory_symlink(secret, swapped);
-                    ::lchown(swapped.c_str(), 4321, 4321);  // the user's own link
+                    // The user's own link.
+                    if (::lchown(swapped.c_str(), 4321, 4321) != 0) throw std::runtime_error("lchown");
                     swappedYet = true;
                 }
                 // Readable by the user: anything in their folders that holds the secret.
@@ -217,7 +218,7 @@ TEST_P(EngineUnderAttack, RecoveryAfterAKillKeepsWhatAProgramWroteLast) {
                     int now = ::open(copy.c_str(), O_WRONLY | O_APPEND);
                     if (now < 0 || ::write(now, "path", 4) != 4) ::_exit(2);
                 }
-                ::write(paused[1], "x", 1);
+                if (::write(paused[1], "x", 1) != 1) ::_exit(2);
                 ::pause();
             };
             try {
