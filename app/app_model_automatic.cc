@@ -1,6 +1,8 @@
 // Automatic mode: the one automatic reclaimer over the user's folders, the backup-disk watcher,
 // the lock that keeps them the only ones of this user, and what is said after a pass.
+#include <condition_variable>
 #include <filesystem>
+#include <mutex>
 
 #include <QDBusConnection>
 #include <QDBusMessage>
@@ -22,15 +24,14 @@ namespace dedup::app {
 namespace fs = std::filesystem;
 
 // One switched-on automatic mode. The reclaimer over the folders is started on a background
-// thread, since its first index of a large tree takes minutes; whoever drops the last share of the
-// run (the model or that thread) ends it. The lock is declared first so it is released last, after
-// every reclaimer has stopped.
+// thread, since its first index of a large tree takes minutes; the model stops it and the watcher
+// when the mode is switched off, and releases the lock after both have stopped.
 struct AppModel::AutomaticRun {
     std::optional<AutoLock> lock;
     std::shared_ptr<Journal> journal;  // the reclaimers' engines write to it until they stop
     std::mutex startLock;
+    std::condition_variable startEnded;
     bool started = false;
-    bool abandoned = false;
     std::unique_ptr<AutoReclaimer> reclaimer;
     std::unique_ptr<BackupWatcher> watcher;
 
@@ -126,7 +127,7 @@ void AppModel::startAutomatic(const std::shared_ptr<AutomaticRun>& run) {
             run->reclaimer->start();
             std::lock_guard guard(run->startLock);
             run->started = true;
-            if (run->abandoned) run->reclaimer->stop();
+            run->startEnded.notify_all();
         });
     }
     if (!backupDisks_.volumes.empty()) {
@@ -153,15 +154,16 @@ void AppModel::stopAutomatic() {
     // The watcher first: it may be making a reclaimer for a disk, which its stop() cancels.
     if (run->watcher) run->watcher->stop();
     if (run->reclaimer) {
-        std::lock_guard guard(run->startLock);
-        run->abandoned = true;
-        if (run->started) {
-            run->reclaimer->stop();
-        } else {
-            // Its first index is under way on the starter thread, which stops it when that returns.
-            run->reclaimer->cancel();
-        }
+        // A first index under way ends early once cancelled, so this wait is short; stopping
+        // here rather than later means no pass of this run can begin once the switch is off.
+        run->reclaimer->cancel();
+        std::unique_lock guard(run->startLock);
+        run->startEnded.wait(guard, [&] { return run->started; });
+        run->reclaimer->stop();
     }
+    // Released now, even if the starter thread still holds its share of the run for a moment:
+    // "dedup auto" may take over at once.
+    run->lock.reset();
 }
 
 bool AppModel::automaticRunning() const { return run_ != nullptr; }
