@@ -254,23 +254,38 @@ void GroupsModel::setFilter(const Filter& filter) {
     endResetModel();
 }
 
-bool GroupsModel::keep(const QModelIndex& idx) {
-    if (!idx.isValid() || idx.internalId() == groupRowId || idx.row() == 0) return false;
-    int32_t g = static_cast<int32_t>(idx.internalId() - 1);
+bool GroupsModel::requestKeep(const QModelIndex& idx) {
+    if (!idx.isValid() || idx.model() != this || idx.internalId() == groupRowId || idx.row() == 0) return false;
+    emit keepRequested(static_cast<int>(idx.internalId() - 1), idx.row());
+    return true;
+}
+
+std::pair<int, int> GroupsModel::positionOf(const QModelIndex& idx) const {
+    if (!idx.isValid() || idx.model() != this || idx.internalId() == groupRowId) return {-1, -1};
+    return {static_cast<int>(idx.internalId() - 1), idx.row()};
+}
+
+void GroupsModel::setGroup(int g, const DuplicateGroup& files) {
+    if (g < 0 || g >= static_cast<int>(groups_.size())) return;
     Group& group = groups_[g];
-    // The chosen copy moves to the front; the others keep their order after it.
-    std::rotate(files_.begin() + group.first, files_.begin() + group.first + idx.row(),
-                files_.begin() + group.first + idx.row() + 1);
+    // Only the order may change: the same files, so the flat array keeps its shape.
+    if (static_cast<int32_t>(files.files.size()) != group.count) return;
+    for (int32_t i = 0; i < group.count; ++i) {
+        File& file = files_[group.first + i];
+        file.file = files.files[i];
+        auto slash = file.file.path.find_last_of('/');
+        file.nameStart = slash == std::string::npos ? 0 : static_cast<int32_t>(slash + 1);
+    }
     byPath_.clear();
     reclaimable_ -= group.frees;
     computeGroup(g);
     reclaimable_ += group.frees;
-    QModelIndex parentIndex = idx.parent();
-    emit dataChanged(index(0, 0, parentIndex), index(group.count - 1, columnCount_ - 1, parentIndex));
-    emit dataChanged(index(parentIndex.row(), 0), index(parentIndex.row(), columnCount_ - 1));
-    emit keptChanged(group.digest, files_[group.first].file.path);
+    if (int row = rowOfGroup_[g]; row >= 0) {
+        QModelIndex parentIndex = index(row, 0);
+        emit dataChanged(index(0, 0, parentIndex), index(group.count - 1, columnCount_ - 1, parentIndex));
+        emit dataChanged(parentIndex, index(row, columnCount_ - 1));
+    }
     emit reclaimableChanged(reclaimable_);
-    return true;
 }
 
 const ScannedFile* GroupsModel::fileAt(const QModelIndex& idx) const {

@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <QAbstractItemModel>
@@ -56,9 +57,14 @@ public:
     void setFilter(const Filter& filter);
     const Filter& filter() const { return filter_; }
 
-    // Makes the file at `index` the kept copy of its group. Answers false for a group row or the
-    // copy that is already kept.
-    bool keep(const QModelIndex& index);
+    // Asks for the file at `index` to become the kept copy of its group (keepRequested). Answers
+    // false for a group row or the copy that is already kept.
+    bool requestKeep(const QModelIndex& index);
+    // Takes the group numbered `group` (its place in the result given to setResult) afresh, as the
+    // owner of the result now has it: the kept copy first.
+    void setGroup(int group, const DuplicateGroup& files);
+    // The group's number in the result and the file's place in it, for a file row.
+    std::pair<int, int> positionOf(const QModelIndex& index) const;
 
     // What the user's selection leaves to reclaim: the same figure Report::reclaimableBytes gives.
     int64_t reclaimableBytes() const { return reclaimable_; }
@@ -86,8 +92,8 @@ public:
 signals:
     // The user ticked or unticked a copy: `path` should be left out (true) or taken back (false).
     void excludeRequested(const std::string& path, bool exclude);
-    // The kept copy of a group changed; `keptPath` is now its first file.
-    void keptChanged(const std::string& digest, const std::string& keptPath);
+    // The user chose the `file`-th copy of group `group` to be kept.
+    void keepRequested(int group, int file);
     void reclaimableChanged(qint64 bytes);
 
 private:

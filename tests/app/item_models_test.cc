@@ -47,13 +47,6 @@ ScanResult sampleResult() {
     return r;
 }
 
-// The groups as the model shows them now, kept copy first: what a reclaim would be given.
-std::vector<DuplicateGroup> shownGroups(const GroupsModel& m) {
-    std::vector<DuplicateGroup> groups;
-    for (int row = 0; row < m.rowCount(); ++row) groups.push_back(m.groupAt(m.index(row, 0)));
-    return groups;
-}
-
 std::vector<QString> names(const GroupsModel& m) {
     std::vector<QString> result;
     for (int row = 0; row < m.rowCount(); ++row) result.push_back(m.index(row, 0).data().toString());
@@ -160,21 +153,30 @@ void ItemModelsTest::keepingAnotherCopyReordersOnlyThatGroup() {
     GroupsModel m;
     QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
     ScanResult r = sampleResult();
-    m.setResult(r, Selection{{"/d/y/IMG_1.jpg"}});
-    QSignalSpy kept(&m, &GroupsModel::keptChanged);
-    QModelIndex photos = m.index(1, 0);
-    QVERIFY(m.keep(m.index(2, 0, photos)));
-    QCOMPARE(kept.count(), 1);
-    QCOMPARE(kept.at(0).at(1).value<std::string>(), std::string("/d/x/IMG_1 copy.jpg"));
-    DuplicateGroup now = m.groupAt(photos);
-    std::vector<std::string> order;
-    for (const auto& f : now.files) order.push_back(f.path);
-    QCOMPARE(order, (std::vector<std::string>{"/d/x/IMG_1 copy.jpg", "/d/photos/IMG_1.JPG", "/d/a/b/IMG_1.jpg",
-                                              "/d/y/IMG_1.jpg"}));
-    QCOMPARE(m.reclaimableBytes(), Report::reclaimableBytes(shownGroups(m), Selection{{"/d/y/IMG_1.jpg"}}));
-    QVERIFY(!m.keep(m.index(0, 0, photos)));  // already kept
-    QVERIFY(!m.keep(photos));                  // a group row is no copy
-    QCOMPARE(m.groupAt(m.index(0, 0)).files.front().path, std::string("/d/keep/big.iso"));
+    Selection s{{"/d/y/IMG_1.jpg"}};
+    m.setResult(r, s);
+    m.sort(GroupsModel::nameColumn, Qt::AscendingOrder);  // display rows no longer match result order
+    QSignalSpy asked(&m, &GroupsModel::keepRequested);
+    QModelIndex photos = m.index(0, 0);
+    QVERIFY(m.requestKeep(m.index(2, 0, photos)));
+    QCOMPARE(asked.count(), 1);
+    const int group = asked.at(0).at(0).toInt();
+    QCOMPARE(r.groups[group].files[asked.at(0).at(1).toInt()].path, std::string("/d/x/IMG_1 copy.jpg"));
+    QVERIFY(!m.requestKeep(m.index(0, 0, photos)));  // already kept
+    QVERIFY(!m.requestKeep(photos));                  // a group row is no copy
+
+    // The owner answers with the group in its new order; figures follow the new kept copy.
+    auto& files = r.groups[group].files;
+    std::swap(files[0], files[2]);
+    m.setGroup(group, r.groups[group]);
+    QCOMPARE(m.index(0, 0, photos).data(GroupsModel::PathRole).toByteArray(), QByteArray("/d/x/IMG_1 copy.jpg"));
+    QCOMPARE(m.index(0, 0, photos).data(GroupsModel::KeptRole).toBool(), true);
+    QCOMPARE(m.index(2, 0, photos).data(Qt::CheckStateRole).value<Qt::CheckState>(), Qt::Checked);
+    QCOMPARE(m.reclaimableBytes(), Report::reclaimableBytes(r.groups, s));
+    QCOMPARE(m.positionOf(m.index(3, 0, photos)), std::make_pair(group, 3));
+    // The selection still finds the moved files by path.
+    m.setSelection({});
+    QCOMPARE(m.reclaimableBytes(), Report::reclaimableBytes(r.groups, {}));
 }
 
 void ItemModelsTest::sortAndFilterReorderGroupsAndKeepFiles() {
