@@ -112,17 +112,14 @@ private:
     };
 
     void computeGroup(int32_t group);
-    void recomputeAll();
     void rebuildOrder();
     bool matches(const Group& group) const;
-    const std::vector<int32_t>& filesByPath() const;
     int64_t fileSize(const Group& g) const { return files_[g.first].file.status.size; }
 
     std::vector<Group> groups_;
     std::vector<File> files_;
     std::vector<int32_t> order_;       // visible groups, in display order
     std::vector<int32_t> rowOfGroup_;  // -1 when filtered out
-    mutable std::vector<int32_t> byPath_;  // every file, by path; built on first need
     Selection selection_;
     Filter filter_;
     SortKey sortKey_ = SortKey::frees;
