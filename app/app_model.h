@@ -38,6 +38,7 @@
 #include "backup_disks.h"
 
 class QSettings;
+class QTimer;
 
 namespace dedup {
 class AutoReclaimer;
@@ -125,6 +126,11 @@ public:
     enum class Phase { scanning, reclaiming, idle };
     Q_ENUM(Phase)
 
+    // How long a changed folder must stay quiet before the automatic reclaimer takes it, and how
+    // often the backup-disk watcher looks for disks.
+    static constexpr double automaticQuietPeriod = 120.0;
+    static constexpr double backupPollInterval = 30.0;
+
     // The journal could not be opened: the application must not run without it.
     struct StartError : std::runtime_error {
         using std::runtime_error::runtime_error;
@@ -189,6 +195,10 @@ public:
     // What the user leaves out; saved on every change.
     const Selection& selection() const { return selection_; }
     void setSelection(Selection selection);
+    // After the saved selection could not be read: begin with nothing left out (the unreadable file
+    // is kept beside). Any other change of the selection does the same.
+    Q_INVOKABLE void startSelectionAfresh();
+    bool selectionUnreadable() const { return selectionUnreadable_; }
     Q_INVOKABLE void exclude(const QString& path);
     Q_INVOKABLE void include(const QString& path);
     // Makes another copy of a group the one that is kept (the group's first file).
@@ -225,7 +235,7 @@ public:
     QString automaticHolder() const { return automaticHolder_; }
     // Why the automatic reclaimer waits now ("on battery", "user active", ...); empty when it may
     // work or does not run.
-    QString automaticWaitingFor() const;
+    QString automaticWaitingFor() const { return automaticWaitingFor_; }
     QString lastAutomatic() const { return lastAutomatic_; }
     const BackupDisks& backupDisks() const { return backupDisks_; }
     std::vector<BackupDiskState> backupDiskStates() const;
@@ -271,6 +281,7 @@ signals:
     void journalBusyChanged();
     void journalVerified();
     void journalRecovered(int count);
+    void trueSizeBusyChanged();
     void trueSizeProgress(const QString& folder, qint64 files);
     void trueSizeMeasured(const QString& folder);
     void trueSizeFailed(const QString& folder, const QString& message);
@@ -278,19 +289,37 @@ signals:
     void automaticReclaimed(const QString& text);
 
 private:
-    struct Tasks;
+    // What background work holds instead of the model: cleared when the model goes, so a late
+    // result finds nobody to give it to and is dropped.
+    struct Weak {
+        AppModel* value = nullptr;
+    };
+
+    std::string file(const std::string& name) const;
+    QString autostartFile() const;
+    void setSwitch(bool& field, bool on, const char* key, void (AppModel::*changed)());
     void loadSettings();
+    void loadSelection();
+    void loadSources();
     void saveSources();
     void saveSelection();
     void setPhase(Phase phase);
+    struct AutomaticRun;
+    struct AutomaticRecipe;
     void applyAutomatic();
+    void startAutomatic(const std::shared_ptr<AutomaticRun>& run);
     void stopAutomatic();
+    void refreshWaitingFor();
+    bool postNotification(const QString& body);
     void onAutomaticReclaim(const ReclaimSummary& summary);
-    void finishScan(ScanResult result);
-    void finishReclaim(ReclaimSummary summary);
+    void finishScan(ScanResult result, const QString& failure);
+    void acceptReclaimProgress(const ReclaimProgress& progress);
+    void finishReclaim(ReclaimSummary summary, std::optional<SpaceHolders> holders);
+    void setJournalBusy(bool busy);
     CloneEngine engine() const;
 
     AppPlaces places_;
+    std::shared_ptr<Weak> weak_;
     std::unique_ptr<QSettings> settings_;
     std::shared_ptr<Journal> journal_;
 
@@ -326,9 +355,11 @@ private:
     std::shared_ptr<CancelFlag> trueSizeCancel_;
 
     BackupDisks backupDisks_;
-    std::unique_ptr<AutoReclaimer> auto_;
-    std::unique_ptr<BackupWatcher> backups_;
-    std::shared_ptr<void> autoLock_;  // held while this process is the user's automatic reclaimer
+    // The running automatic mode (reclaimer, watcher and the per-user lock); absent when off or
+    // when another process does the work.
+    std::shared_ptr<AutomaticRun> run_;
+    QTimer* waitingTimer_ = nullptr;
+    QString automaticWaitingFor_;
     QString automaticHolder_;
     QString lastAutomatic_;
 };

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "auto_lock.h"
 #include "auto_reclaimer.h"
 #include "backup_disks.h"
 #include "byte_format.h"
@@ -88,6 +89,12 @@ int runAuto(const AutoArguments& arguments) {
     // Kept as the user spelled them, links included: the log and the journal name files the way the
     // user knows them.
     auto roots = checkedRoots(arguments.scan.roots, false);
+    // Taken before the journal's recovery: another automatic reclaimer's replacements under way
+    // must not be taken for interrupted ones.
+    auto lock = AutoLock::acquire(Locations::data(), "dedup auto");
+    if (auto* holder = std::get_if<AutoLock::Holder>(&lock)) {
+        throw CommandError("automatic reclaiming already runs in " + describe(*holder));
+    }
     auto journal = openJournal();
     Log log(arguments.scan.json);
     std::ostringstream recovered;

@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "auto_lock.h"
 #include "core/volumes.h"
 #include "file_records.h"
 #include "support/test_files.h"
@@ -139,6 +140,18 @@ TEST(AutoCommandEdgeTest, DiskThatCannotCloneIsSaidAtTheStart) {
     EXPECT_EQ(warning["event"], "warning");
     EXPECT_EQ(warning["fileSystem"], "ext4");
     EXPECT_FALSE(std::getline(lines, line)) << json.stdoutText;
+}
+
+TEST(AutoCommandEdgeTest, SecondAutomaticReclaimerSaysWhoWorksAndDoesNotStart) {
+    test::TempDir data, root;
+    ::setenv("DEDUP_DATA_DIR", data.path().c_str(), 1);
+    auto lock = AutoLock::acquire(data.path(), "the desktop application");
+    ASSERT_TRUE(std::holds_alternative<AutoLock>(lock));
+    auto run = test::runCommand({"timeout", "-s", "KILL", "20", DEDUP_BINARY, "auto", "--anytime", root.path()});
+    EXPECT_EQ(run.exitCode, 1) << run.stdoutText;
+    EXPECT_EQ(run.stderrText, "dedup: automatic reclaiming already runs in the desktop application (process " +
+                                  std::to_string(::getpid()) + ")\n");
+    EXPECT_EQ(run.stdoutText, "");  // not even the journal's recovery ran
 }
 
 }  // namespace
