@@ -241,6 +241,10 @@ public:
     std::vector<BackupDiskState> backupDiskStates() const;
     void setBackupDisk(const QString& path, bool on);
 
+    // A file's metadata now, for the comparison of two copies; absent with `failure` set (in words
+    // a user reads) when it cannot be read. Reads the disk on the calling thread: two files at a time.
+    std::optional<Snapshot> describe(const std::string& path, QString* failure = nullptr) const;
+
     QString error() const { return error_; }
     void setError(const QString& message);
     Q_INVOKABLE void clearError() { setError({}); }

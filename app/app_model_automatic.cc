@@ -105,7 +105,7 @@ void AppModel::applyAutomatic() {
             if (auto* lock = std::get_if<AutoLock>(&acquired)) {
                 run->lock.emplace(std::move(*lock));
             } else {
-                holder = QString::fromStdString(describe(std::get<AutoLock::Holder>(acquired)));
+                holder = QString::fromStdString(dedup::describe(std::get<AutoLock::Holder>(acquired)));
             }
         } catch (const std::exception& error) {
             setError(QString("Automatic reclaiming cannot start: %1").arg(QString::fromUtf8(error.what())));
