@@ -4,11 +4,8 @@
 #include <filesystem>
 #include <mutex>
 
-#include <QDBusConnection>
-#include <QDBusMessage>
 #include <QStorageInfo>
 #include <QTimer>
-#include <QVariantMap>
 
 #include "app_model.h"
 #include "app_tasks.h"
@@ -16,6 +13,7 @@
 #include "auto_reclaimer.h"
 #include "backup_disks.h"
 #include "byte_format.h"
+#include "desktop_session.h"
 #include "hash_cache.h"
 #include "machine_state.h"
 
@@ -196,19 +194,7 @@ void AppModel::onAutomaticReclaim(const ReclaimSummary& summary) {
     lastAutomatic_ = text;
     emit lastAutomaticChanged();
     emit automaticReclaimed(text);
-    if (notify_) postNotification(text);
-}
-
-bool AppModel::postNotification(const QString& body) {
-    // Without a session bus or a notification server the text still shows in the Automatic
-    // screen; nothing waits for an answer.
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) return false;
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        "org.freedesktop.Notifications", "/org/freedesktop/Notifications", "org.freedesktop.Notifications", "Notify");
-    message << QString("VELMORA.dedup") << uint(0) << QString("org.velmora.dedup") << QString("VELMORA.dedup")
-            << body << QStringList() << QVariantMap() << int(-1);
-    return bus.send(message);
+    if (notify_) postDesktopNotification("VELMORA.dedup", text);
 }
 
 std::vector<BackupDiskState> AppModel::backupDiskStates() const {
