@@ -16,10 +16,10 @@
 #include "desktop_session.h"
 #include "hash_cache.h"
 #include "machine_state.h"
+#include "saved_selection.h"
 
 namespace dedup::app {
 
-namespace fs = std::filesystem;
 
 // One switched-on automatic mode. The reclaimer over the folders is started on a background
 // thread, since its first index of a large tree takes minutes; the model stops it and the watcher
@@ -39,24 +39,6 @@ struct AppModel::AutomaticRun {
     }
 };
 
-namespace {
-
-// What a pass may leave out. A selection file that exists but cannot be read stands for choices
-// the user made and we cannot see: rather than reclaim the copies they kept apart, this pass
-// leaves out everything.
-Selection savedSelection(const std::string& path, bool* unreadable = nullptr) {
-    if (unreadable) *unreadable = false;
-    std::error_code error;
-    if (!fs::exists(fs::symlink_status(path, error))) return {};
-    try {
-        return Selection::load(path);
-    } catch (const std::exception&) {
-        if (unreadable) *unreadable = true;
-        return Selection{{"/"}};
-    }
-}
-
-}  // namespace
 
 // What every automatic reclaimer of one run is built from, copied so that a backup disk's
 // reclaimer can be made on the watcher's thread without reaching into the model.
@@ -69,10 +51,8 @@ struct AppModel::AutomaticRecipe {
 
     std::unique_ptr<AutoReclaimer> make(std::vector<std::string> roots, ScanOptions options) const {
         auto mayRun = [anytime = anytime, selectionPath = selectionPath] {
-            bool unreadable = false;
-            savedSelection(selectionPath, &unreadable);
             // The changes wait for a pass whose choices can be read.
-            if (unreadable) return false;
+            if (!SavedSelection::readable(selectionPath)) return false;
             return anytime || AutoReclaimer::machineIsFree();
         };
         auto onReclaim = [weak = weak](const ReclaimSummary& summary) {
@@ -82,7 +62,7 @@ struct AppModel::AutomaticRecipe {
         };
         auto reclaimer = std::make_unique<AutoReclaimer>(
             std::move(roots), DuplicateFinder{std::move(options)}, Reclaimer{engine},
-            [selectionPath = selectionPath] { return savedSelection(selectionPath); }, automaticQuietPeriod, mayRun,
+            [selectionPath = selectionPath] { return SavedSelection::forPass(selectionPath); }, automaticQuietPeriod, mayRun,
             onReclaim);
         try {
             reclaimer->cache = std::make_unique<HashCache>(cachePath);
@@ -188,7 +168,7 @@ void AppModel::refreshWaitingFor() {
 }
 
 void AppModel::onAutomaticReclaim(const ReclaimSummary& summary) {
-    const QString text = QString("%1 files became clones; %2 reclaimed")
+    const QString text = tr("%1 files became clones; %2 reclaimed")
                              .arg(summary.replaced)
                              .arg(QString::fromStdString(formatBytes(summary.freedBytes)));
     lastAutomatic_ = text;

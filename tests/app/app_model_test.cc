@@ -14,6 +14,7 @@
 #include "app_model.h"
 #include "auto_lock.h"
 #include "journal.h"
+#include "saved_selection.h"
 #include "support/loop_volume.h"
 #include "support/test_files.h"
 
@@ -203,7 +204,14 @@ private slots:
     void unreadableSelectionIsNeverWrittenOverNorReclaimedWithout() {
         test::TempDir dir;
         writeCopies(dir.path("files"), 2);
-        test::writeFile(dir.path("data/selection.json"), "{\"excluded\": [\"/home/x/keep");
+        const std::string saved = dir.path("data/selection.json");
+        // Nothing saved yet: an automatic pass leaves nothing out.
+        QVERIFY(dedup::app::SavedSelection::readable(saved));
+        QVERIFY(dedup::app::SavedSelection::forPass(saved).excluded.empty());
+        test::writeFile(saved, "{\"excluded\": [\"/home/x/keep");
+        // An automatic pass neither starts nor, should the file break under it, replaces anything.
+        QVERIFY(!dedup::app::SavedSelection::readable(saved));
+        QVERIFY(dedup::app::SavedSelection::forPass(saved).excludes(dir.path("files/a.bin")));
         AppModel model(placesIn(dir));
         QVERIFY(model.selectionUnreadable());
         QVERIFY(!model.error().isEmpty());
@@ -223,7 +231,8 @@ private slots:
         QVERIFY(!model.selectionUnreadable());
         QCOMPARE(QString::fromStdString(test::readFile(dir.path("data/selection.json.unreadable"))),
                  QString("{\"excluded\": [\"/home/x/keep"));
-        QVERIFY(dedup::Selection::load(dir.path("data/selection.json")).excludes(dir.path("files/keep/c.bin")));
+        QVERIFY(dedup::Selection::load(saved).excludes(dir.path("files/keep/c.bin")));
+        QVERIFY(dedup::app::SavedSelection::forPass(saved) == model.selection());
     }
 
     void scanAndReclaimOfABtrfsVolumeHonourTheSelection() {
