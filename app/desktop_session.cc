@@ -1,6 +1,12 @@
 #include "desktop_session.h"
 
+#include <csignal>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <QAction>
+#include <QCoreApplication>
+#include <QSocketNotifier>
 #include <QCloseEvent>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
@@ -14,6 +20,35 @@
 #include "app_model.h"
 
 namespace dedup::app {
+
+namespace {
+
+int signalPipe[2] = {-1, -1};
+
+void onTerminationSignal(int) {
+    const char byte = 1;
+    // Nothing else is safe in a signal handler; the event loop reads the byte.
+    [[maybe_unused]] auto written = ::write(signalPipe[1], &byte, 1);
+}
+
+}  // namespace
+
+void quitOnTerminationSignals() {
+    if (signalPipe[0] >= 0) return;
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, signalPipe) != 0) return;
+    auto* notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, QCoreApplication::instance());
+    QObject::connect(notifier, &QSocketNotifier::activated, [] {
+        char bytes[16];
+        while (::read(signalPipe[0], bytes, sizeof bytes) > 0) {
+        }
+        QCoreApplication::quit();
+    });
+    struct sigaction action {};
+    action.sa_handler = onTerminationSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    for (int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaction(signal, &action, nullptr);
+}
 
 bool postDesktopNotification(const QString& title, const QString& body) {
     QDBusConnection bus = QDBusConnection::sessionBus();

@@ -23,6 +23,10 @@ class AppModel;
 // answer; false when there is no session bus. A missing notification server loses only the note.
 bool postDesktopNotification(const QString& title, const QString& body);
 
+// Ends the event loop on SIGTERM, SIGINT and SIGHUP (a logout, a shutdown, Ctrl+C) instead of
+// dying on the spot, so a replacement under way is finished and the lock released in order.
+void quitOnTerminationSignals();
+
 class SingleInstance : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.velmora.dedup")

@@ -26,6 +26,7 @@ int main(int argc, char** argv) {
     parser.addOption(background);
     parser.process(application);
 
+    dedup::app::quitOnTerminationSignals();
     dedup::app::SingleInstance instance;
     if (instance.claim() == dedup::app::SingleInstance::Claim::another) return 0;
 
