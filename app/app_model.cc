@@ -100,8 +100,7 @@ AppModel::AppModel(AppPlaces places, QObject* parent)
     loadSources();
 
     try {
-        journal_->recoverInterrupted(
-            [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); });
+        recoverInterrupted(*journal_, places_.data);
     } catch (const std::exception&) {
         // What could not be put right stays interrupted in the journal and is tried again next time.
     }

@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include <QObject>
@@ -315,6 +316,9 @@ private:
     void acceptReclaimProgress(const ReclaimProgress& progress);
     void finishReclaim(ReclaimSummary summary, std::optional<SpaceHolders> holders);
     void setJournalBusy(bool busy);
+    // The number of replacements put right, or who does automatic reclaiming now (and so may have
+    // replacements under way): then nothing is touched.
+    static std::variant<size_t, std::string> recoverInterrupted(Journal& journal, const std::string& dataDirectory);
     CloneEngine engine() const;
 
     AppPlaces places_;

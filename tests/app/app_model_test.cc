@@ -149,6 +149,39 @@ private slots:
         QVERIFY(model.automaticHolder().isEmpty());
     }
 
+    void replacementsUnderWayInAnotherReclaimerAreNotTakenForInterrupted() {
+        test::TempDir dir;
+        const std::string target = dir.path("folder/photo.jpg");
+        const std::string temporary = dir.path("folder/.photo.jpg.dedup-" + dedup::makeUUID());
+        test::writeFile(temporary, "the user's photo");
+        {
+            dedup::Journal journal(dir.path("data/journal.jsonl"));
+            auto started = dedup::JournalEntry::make(dedup::JournalEntry::Event::started, target);
+            started.temporary = temporary;
+            journal.append(started);
+        }
+        // "dedup auto" runs and may be in the middle of this very replacement.
+        auto other = dedup::AutoLock::acquire(dir.path("data"), "dedup auto");
+        QVERIFY(std::holds_alternative<dedup::AutoLock>(other));
+        AppModel model(placesIn(dir));
+        QVERIFY(fs::exists(temporary));
+        QVERIFY(!fs::exists(target));
+
+        QSignalSpy recovered(&model, &AppModel::journalRecovered);
+        model.recoverJournal();
+        QVERIFY(QTest::qWaitFor([&] { return !model.journalBusy(); }, workTimeout));
+        QCOMPARE(recovered.count(), 0);
+        QVERIFY(model.error().contains("dedup auto"));
+        QVERIFY(fs::exists(temporary));
+
+        // Once it has stopped, Recover puts the file back.
+        other = dedup::AutoLock::Holder{};
+        model.recoverJournal();
+        QVERIFY(recovered.wait(workTimeout));
+        QCOMPARE(recovered.takeFirst().at(0).toInt(), 1);
+        QCOMPARE(QString::fromStdString(test::readFile(target)), QString("the user's photo"));
+    }
+
     void phaseMachineStartsNothingOutOfTurnAndDropsLateProgress() {
         test::TempDir dir;
         AppModel model(placesIn(dir));
