@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include <QFile>
 #include <QStorageInfo>
 #include <QTimer>
 
@@ -183,7 +184,7 @@ std::vector<BackupDiskState> AppModel::backupDiskStates() const {
     if (states.empty()) return states;
     for (const QStorageInfo& storage : QStorageInfo::mountedVolumes()) {
         if (!storage.isValid() || !storage.isReady()) continue;
-        const std::string root = storage.rootPath().toStdString();
+        const std::string root = QFile::encodeName(storage.rootPath()).toStdString();
         auto uuid = BackupDisks::uuid(root);
         if (!uuid) continue;
         for (auto& state : states) {
@@ -197,7 +198,7 @@ std::vector<BackupDiskState> AppModel::backupDiskStates() const {
 }
 
 void AppModel::setBackupDisk(const QString& path, bool on) {
-    auto uuid = BackupDisks::uuid(path.toStdString());
+    auto uuid = BackupDisks::uuid(QFile::encodeName(path).toStdString());
     if (!uuid) {
         setError(QString("The disk that holds %1 cannot be told apart from others, so it cannot be marked.").arg(path));
         return;

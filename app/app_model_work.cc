@@ -2,6 +2,7 @@
 // background thread that holds copies of what it needs and reaches the model only through its
 // weak handle, on the main thread.
 #include <QCoreApplication>
+#include <QFile>
 
 #include "app_model.h"
 #include "app_tasks.h"
@@ -268,7 +269,7 @@ void AppModel::measureTrueSize(const QString& folder) {
         trueSizeBusy_ = true;
         emit trueSizeBusyChanged();
     }
-    tasks::run([path = folder.toStdString(), folder, weak = weak_, cancel = trueSizeCancel_] {
+    tasks::run([path = QFile::encodeName(folder).toStdString(), folder, weak = weak_, cancel = trueSizeCancel_] {
         auto update = std::make_shared<LastUpdate>();
         TrueSize::Options options;
         options.progress = [&](const std::string&, int64_t files) {
