@@ -318,13 +318,31 @@ private slots:
         }
         QCOMPARE(replaced, 2);
 
-        // The volume marked as a backup disk is shown connected and able to clone.
+        // Automatic mode's first pass takes the duplicates already there but the copy left out
+        // again, and says what it did.
+        model.exclude(QString::fromStdString(folder + "/keep"));
+        test::writeRandomFile(folder + "/new/x.bin", 300000, 30);
+        test::writeFile(folder + "/new/y.bin", test::readFile(folder + "/new/x.bin"));
+        QSignalSpy automaticReclaimed(&model, &AppModel::automaticReclaimed);
+        model.setAnytime(true);
+        model.setAutomatic(true);
+        QVERIFY(automaticReclaimed.wait(workTimeout));
+        QCOMPARE(model.lastAutomatic(), QString("1 files became clones; 300.0 kB reclaimed"));
+        QCOMPARE(test::readFile(folder + "/new/y.bin"), test::readFile(folder + "/new/x.bin"));
+
+        // With no folders, a marked backup disk still has automatic mode run, over the disk alone.
+        model.remove(QString::fromStdString(folder));
+        QVERIFY(!model.automaticRunning());
         model.setBackupDisk(QString::fromStdString(folder), true);
+        QVERIFY(model.automaticRunning());
         auto disks = model.backupDiskStates();
         QCOMPARE(disks.size(), size_t{1});
-        QVERIFY(disks[0].mountPoint.has_value());
+        QCOMPARE(disks[0].mountPoint.value_or(""), volume->mountPoint());
         QVERIFY(disks[0].canClone);
-        QVERIFY(!disks[0].watched);  // automatic mode is off
+        QVERIFY(disks[0].watched);
+        model.setAutomatic(false);
+        QVERIFY(!model.automaticRunning());
+        QVERIFY(!model.backupDiskStates()[0].watched);
         model.setBackupDisk(QString::fromStdString(folder), false);
         QVERIFY(model.backupDiskStates().empty());
     }
