@@ -240,6 +240,8 @@ public:
     QString lastAutomatic() const { return lastAutomatic_; }
     const BackupDisks& backupDisks() const { return backupDisks_; }
     std::vector<BackupDiskState> backupDiskStates() const;
+    // Marks or unmarks the disk holding `path`; a disk that is not connected is unmarked by its
+    // identifier (BackupDiskState::volume) in place of a path.
     void setBackupDisk(const QString& path, bool on);
 
     // A file's metadata now, for the comparison of two copies; absent with `failure` set (in words

@@ -198,7 +198,15 @@ std::vector<BackupDiskState> AppModel::backupDiskStates() const {
 }
 
 void AppModel::setBackupDisk(const QString& path, bool on) {
-    auto uuid = BackupDisks::uuid(QFile::encodeName(path).toStdString());
+    // A disk that is not connected has no path to name it by: its identifier, as
+    // backupDiskStates() gives it, stands in for unmarking.
+    const std::string given = QFile::encodeName(path).toStdString();
+    std::optional<std::string> uuid;
+    if (!on && !given.starts_with('/') && backupDisks_.volumes.contains(given)) {
+        uuid = given;
+    } else {
+        uuid = BackupDisks::uuid(given);
+    }
     if (!uuid) {
         setError(QString("The disk that holds %1 cannot be told apart from others, so it cannot be marked.").arg(path));
         return;

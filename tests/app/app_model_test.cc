@@ -343,7 +343,8 @@ private slots:
         model.setAutomatic(false);
         QVERIFY(!model.automaticRunning());
         QVERIFY(!model.backupDiskStates()[0].watched);
-        model.setBackupDisk(QString::fromStdString(folder), false);
+        // Unmarked by its identifier, as a disk that is not connected must be.
+        model.setBackupDisk(QString::fromStdString(disks[0].volume), false);
         QVERIFY(model.backupDiskStates().empty());
     }
 
