@@ -41,11 +41,6 @@
 class QSettings;
 class QTimer;
 
-namespace dedup {
-class AutoReclaimer;
-class BackupWatcher;
-}  // namespace dedup
-
 namespace dedup::app {
 
 // Where the application keeps what it persists. standard() follows the XDG folders (and
@@ -338,7 +333,9 @@ private:
 
     std::vector<std::string> sources_;
     Selection selection_;
-    bool selectionUnreadable_ = false;  // selection.json was kept aside: never write over the user's choice
+    // selection.json could not be read: it stays as it is, and nothing is reclaimed, until the user
+    // chooses afresh.
+    bool selectionUnreadable_ = false;
 
     Phase phase_ = Phase::idle;
     ScanProgress scanProgress_;
