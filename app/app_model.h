@@ -12,6 +12,7 @@
 // goes wrong is shown through `error` and loses nothing the user chose.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -341,6 +342,8 @@ private:
     ScanProgress scanProgress_;
     ReclaimProgress reclaimProgress_;
     std::shared_ptr<CancelFlag> cancel_;
+    // Set while a reclaim by hand runs: the automatic reclaimers start no pass meanwhile.
+    std::shared_ptr<std::atomic<bool>> reclaimingByHand_ = std::make_shared<std::atomic<bool>>(false);
 
     std::optional<ScanResult> result_;
     std::optional<ReclaimSummary> summary_;
