@@ -105,7 +105,7 @@ CompareDialog::CompareDialog(AppModel& model, const std::string& left, const std
         QStringList& v = sides[i].values;
         v << displayPath(*paths[i]);
         QString failure;
-        std::optional<Snapshot> s = model.describe(*paths[i], &failure);
+        std::optional<Snapshot> s = model.fileDetails(*paths[i], &failure);
         if (!s) {
             while (v.size() < labels.size()) v << failure;
             continue;
