@@ -230,6 +230,8 @@ std::vector<BackupDiskState> AppModel::backupDiskStates() const {
 
 void AppModel::setBackupDisk(const QString& path, bool on) {
     auto uuid = BackupDisks::uuid(path.toStdString());
+    // A disk that is not connected has no path to give: unmarking it names its identifier.
+    if (!on && backupDisks_.volumes.contains(path.toStdString())) uuid = path.toStdString();
     if (!uuid) {
         setError(QString("The disk that holds %1 cannot be told apart from others, so it cannot be marked.").arg(path));
         return;
