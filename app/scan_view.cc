@@ -152,6 +152,12 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
         connect(action, &QAction::triggered, b, &QPushButton::click);
         list_->addAction(action);
     }
+    // Names for the tests and for accessibility tools that address controls by name.
+    for (auto [button, name] : {std::pair{addFolders_, "addFolders"}, {removeFolder_, "removeFolder"}, {scan_, "scan"},
+                                {cancel_, "cancel"}, {keep_, "keep"}, {leaveOutFolder_, "leaveOutFolder"},
+                                {open_, "open"}, {reveal_, "reveal"}, {compare_, "compare"}, {reclaim_, "reclaim"}}) {
+        button->setObjectName(QLatin1String(name));
+    }
     auto* actionRow = new QHBoxLayout;
     actionRow->addWidget(keep_);
     actionRow->addWidget(leaveOutFolder_);
