@@ -44,7 +44,8 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     folders_->setAccessibleName(tr("Folders to look in"));
     folders_->setToolTip(tr("Drop folders here to add them"));
     folders_->setSelectionMode(QAbstractItemView::ExtendedSelection);
-    folders_->setMaximumHeight(folders_->fontMetrics().height() * 6);
+    folders_->setMaximumHeight(folders_->fontMetrics().height() * 4 + folders_->frameWidth() * 2);
+    folders_->setTextElideMode(Qt::ElideMiddle);
     addFolders_ = new QPushButton(QIcon::fromTheme(QStringLiteral("list-add")), tr("Add Folders…"), this);
     addFolders_->setShortcut(QKeySequence::Open);
     addFolders_->setToolTip(tr("Add folders to look in (%1)").arg(QKeySequence(QKeySequence::Open).toString(QKeySequence::NativeText)));
@@ -87,6 +88,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     scanRow->addWidget(cancel_);
     scanRow->addWidget(progress_, 1);
     scanRow->addWidget(progressText_);
+    scanRow->addStretch();
 
     message_ = new QLabel(this);
     message_->setWordWrap(true);
@@ -124,6 +126,12 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     list_->header()->setStretchLastSection(false);
     list_->setColumnWidth(GroupsModel::nameColumn, list_->fontMetrics().horizontalAdvance(QLatin1Char('M')) * 18);
     list_->setAlternatingRowColors(true);
+    // The end of a path tells copies apart; the start is the same for all of them.
+    list_->setTextElideMode(Qt::ElideMiddle);
+    const int figure = list_->fontMetrics().horizontalAdvance(QStringLiteral("000.0 MB")) + list_->fontMetrics().height() * 2;
+    list_->setColumnWidth(GroupsModel::sizeColumn, figure);
+    list_->setColumnWidth(GroupsModel::freesColumn, figure);
+    list_->header()->setSectionResizeMode(GroupsModel::copiesColumn, QHeaderView::ResizeToContents);
     list_->setSelectionBehavior(QAbstractItemView::SelectRows);
     list_->setSelectionMode(QAbstractItemView::ExtendedSelection);
     list_->setContextMenuPolicy(Qt::ActionsContextMenu);
