@@ -310,7 +310,6 @@ private:
     void startAutomatic(const std::shared_ptr<AutomaticRun>& run);
     void stopAutomatic();
     void refreshWaitingFor();
-    bool postNotification(const QString& body);
     void onAutomaticReclaim(const ReclaimSummary& summary);
     void finishScan(ScanResult result, const QString& failure);
     void acceptReclaimProgress(const ReclaimProgress& progress);

@@ -1,12 +1,11 @@
 // Automatic mode: the one automatic reclaimer over the user's folders, the backup-disk watcher,
 // the lock that keeps them the only ones of this user, and what is said after a pass.
+#include <condition_variable>
 #include <filesystem>
+#include <mutex>
 
-#include <QDBusConnection>
-#include <QDBusMessage>
 #include <QStorageInfo>
 #include <QTimer>
-#include <QVariantMap>
 
 #include "app_model.h"
 #include "app_tasks.h"
@@ -14,23 +13,23 @@
 #include "auto_reclaimer.h"
 #include "backup_disks.h"
 #include "byte_format.h"
+#include "desktop_session.h"
 #include "hash_cache.h"
 #include "machine_state.h"
+#include "saved_selection.h"
 
 namespace dedup::app {
 
-namespace fs = std::filesystem;
 
 // One switched-on automatic mode. The reclaimer over the folders is started on a background
-// thread, since its first index of a large tree takes minutes; whoever drops the last share of the
-// run (the model or that thread) ends it. The lock is declared first so it is released last, after
-// every reclaimer has stopped.
+// thread, since its first index of a large tree takes minutes; the model stops it and the watcher
+// when the mode is switched off, and releases the lock after both have stopped.
 struct AppModel::AutomaticRun {
     std::optional<AutoLock> lock;
     std::shared_ptr<Journal> journal;  // the reclaimers' engines write to it until they stop
     std::mutex startLock;
+    std::condition_variable startEnded;
     bool started = false;
-    bool abandoned = false;
     std::unique_ptr<AutoReclaimer> reclaimer;
     std::unique_ptr<BackupWatcher> watcher;
 
@@ -40,24 +39,6 @@ struct AppModel::AutomaticRun {
     }
 };
 
-namespace {
-
-// What a pass may leave out. A selection file that exists but cannot be read stands for choices
-// the user made and we cannot see: rather than reclaim the copies they kept apart, this pass
-// leaves out everything.
-Selection savedSelection(const std::string& path, bool* unreadable = nullptr) {
-    if (unreadable) *unreadable = false;
-    std::error_code error;
-    if (!fs::exists(fs::symlink_status(path, error))) return {};
-    try {
-        return Selection::load(path);
-    } catch (const std::exception&) {
-        if (unreadable) *unreadable = true;
-        return Selection{{"/"}};
-    }
-}
-
-}  // namespace
 
 // What every automatic reclaimer of one run is built from, copied so that a backup disk's
 // reclaimer can be made on the watcher's thread without reaching into the model.
@@ -70,10 +51,8 @@ struct AppModel::AutomaticRecipe {
 
     std::unique_ptr<AutoReclaimer> make(std::vector<std::string> roots, ScanOptions options) const {
         auto mayRun = [anytime = anytime, selectionPath = selectionPath] {
-            bool unreadable = false;
-            savedSelection(selectionPath, &unreadable);
             // The changes wait for a pass whose choices can be read.
-            if (unreadable) return false;
+            if (!SavedSelection::readable(selectionPath)) return false;
             return anytime || AutoReclaimer::machineIsFree();
         };
         auto onReclaim = [weak = weak](const ReclaimSummary& summary) {
@@ -83,7 +62,7 @@ struct AppModel::AutomaticRecipe {
         };
         auto reclaimer = std::make_unique<AutoReclaimer>(
             std::move(roots), DuplicateFinder{std::move(options)}, Reclaimer{engine},
-            [selectionPath = selectionPath] { return savedSelection(selectionPath); }, automaticQuietPeriod, mayRun,
+            [selectionPath = selectionPath] { return SavedSelection::forPass(selectionPath); }, automaticQuietPeriod, mayRun,
             onReclaim);
         try {
             reclaimer->cache = std::make_unique<HashCache>(cachePath);
@@ -104,7 +83,7 @@ void AppModel::applyAutomatic() {
             if (auto* lock = std::get_if<AutoLock>(&acquired)) {
                 run->lock.emplace(std::move(*lock));
             } else {
-                holder = QString::fromStdString(describe(std::get<AutoLock::Holder>(acquired)));
+                holder = QString::fromStdString(dedup::describe(std::get<AutoLock::Holder>(acquired)));
             }
         } catch (const std::exception& error) {
             setError(QString("Automatic reclaiming cannot start: %1").arg(QString::fromUtf8(error.what())));
@@ -126,7 +105,7 @@ void AppModel::startAutomatic(const std::shared_ptr<AutomaticRun>& run) {
             run->reclaimer->start();
             std::lock_guard guard(run->startLock);
             run->started = true;
-            if (run->abandoned) run->reclaimer->stop();
+            run->startEnded.notify_all();
         });
     }
     if (!backupDisks_.volumes.empty()) {
@@ -153,15 +132,16 @@ void AppModel::stopAutomatic() {
     // The watcher first: it may be making a reclaimer for a disk, which its stop() cancels.
     if (run->watcher) run->watcher->stop();
     if (run->reclaimer) {
-        std::lock_guard guard(run->startLock);
-        run->abandoned = true;
-        if (run->started) {
-            run->reclaimer->stop();
-        } else {
-            // Its first index is under way on the starter thread, which stops it when that returns.
-            run->reclaimer->cancel();
-        }
+        // A first index under way ends early once cancelled, so this wait is short; stopping
+        // here rather than later means no pass of this run can begin once the switch is off.
+        run->reclaimer->cancel();
+        std::unique_lock guard(run->startLock);
+        run->startEnded.wait(guard, [&] { return run->started; });
+        run->reclaimer->stop();
     }
+    // Released now, even if the starter thread still holds its share of the run for a moment:
+    // "dedup auto" may take over at once.
+    run->lock.reset();
 }
 
 bool AppModel::automaticRunning() const { return run_ != nullptr; }
@@ -188,25 +168,13 @@ void AppModel::refreshWaitingFor() {
 }
 
 void AppModel::onAutomaticReclaim(const ReclaimSummary& summary) {
-    const QString text = QString("%1 files became clones; %2 reclaimed")
+    const QString text = tr("%1 files became clones; %2 reclaimed")
                              .arg(summary.replaced)
                              .arg(QString::fromStdString(formatBytes(summary.freedBytes)));
     lastAutomatic_ = text;
     emit lastAutomaticChanged();
     emit automaticReclaimed(text);
-    if (notify_) postNotification(text);
-}
-
-bool AppModel::postNotification(const QString& body) {
-    // Without a session bus or a notification server the text still shows in the Automatic
-    // screen; nothing waits for an answer.
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) return false;
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        "org.freedesktop.Notifications", "/org/freedesktop/Notifications", "org.freedesktop.Notifications", "Notify");
-    message << QString("VELMORA.dedup") << uint(0) << QString("org.velmora.dedup") << QString("VELMORA.dedup")
-            << body << QStringList() << QVariantMap() << int(-1);
-    return bus.send(message);
+    if (notify_) postDesktopNotification("VELMORA.dedup", text);
 }
 
 std::vector<BackupDiskState> AppModel::backupDiskStates() const {
