@@ -78,9 +78,12 @@ MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), 
     setCentralWidget(central);
 
     QMenu* file = menuBar()->addMenu(tr("&File"));
-    QAction* add = file->addAction(tr("&Add Folders…"), scan_, &ScanView::chooseFolders);
-    add->setShortcut(QKeySequence::Open);
-    add->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    // Ctrl+O belongs to the screen shown (Add Folders, or Choose Folder in True Size); a second
+    // owner here would make the key ambiguous and do nothing.
+    file->addAction(tr("&Add Folders…"), this, [this] {
+        showScreen(scanScreen);
+        scan_->chooseFolders();
+    });
     QAction* settings = file->addAction(tr("&Settings…"), this, &MainWindow::showSettings);
     settings->setShortcuts({QKeySequence::Preferences, QKeySequence(Qt::CTRL | Qt::Key_Comma)});
     file->addSeparator();

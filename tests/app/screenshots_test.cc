@@ -126,17 +126,25 @@ void ScreenshotsTest::everyScreenWithAScanLoaded() {
     QSignalSpy measured(&model, &AppModel::trueSizeMeasured);
     model.measureTrueSize(QString::fromStdString(root));
     QTRY_VERIFY_WITH_TIMEOUT(!measured.isEmpty(), 60000);
-    window.showScreen(MainWindow::trueSizeScreen);
+    // The screens answer to Ctrl+1 to Ctrl+5 (shortcuts reach the active window only).
+    compare.close();
+    QApplication::setActiveWindow(&window);
+    QVERIFY(QTest::qWaitForWindowActive(&window));
+    QTest::keyClick(&window, Qt::Key_2, Qt::ControlModifier);
+    QCOMPARE(window.currentScreen(), MainWindow::trueSizeScreen);
     QVERIFY2(window.trueSizeView()->sentence().startsWith("Deleting it frees "), qPrintable(window.trueSizeView()->sentence()));
     QVERIFY(window.trueSizeView()->sentence().contains("; the file manager says "));
     save(&window, "true-size");
 
-    window.showScreen(MainWindow::acrossScreen);
+    QTest::keyClick(&window, Qt::Key_3, Qt::ControlModifier);
+    QCOMPARE(window.currentScreen(), MainWindow::acrossScreen);
     save(&window, "across-disks");
-    window.showScreen(MainWindow::automaticScreen);
+    QTest::keyClick(&window, Qt::Key_4, Qt::ControlModifier);
+    QCOMPARE(window.currentScreen(), MainWindow::automaticScreen);
     save(&window, "automatic");
 
-    window.showScreen(MainWindow::journalScreen);
+    QTest::keyClick(&window, Qt::Key_5, Qt::ControlModifier);
+    QCOMPARE(window.currentScreen(), MainWindow::journalScreen);
     QTRY_COMPARE(window.journalView()->entries().rowCount(), 5);
     QCOMPARE(window.journalView()->entries().index(0, JournalModel::eventColumn).data().toString(), QString("failed"));
     save(&window, "journal");
