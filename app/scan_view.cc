@@ -95,6 +95,13 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     message_->setTextFormat(Qt::PlainText);
     message_->setVisible(false);
     message_->setAccessibleName(tr("Message"));
+    message_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    dismiss_ = new QPushButton(tr("Dismiss"), this);
+    dismiss_->setObjectName(QStringLiteral("dismiss"));
+    dismiss_->setVisible(false);
+    auto* messageRow = new QHBoxLayout;
+    messageRow->addWidget(message_, 1);
+    messageRow->addWidget(dismiss_);
 
     // The groups, their filter and what can be done with a file.
     filterField_ = new QComboBox(this);
@@ -180,7 +187,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     layout->addLayout(folderRow);
     layout->addLayout(scanRow);
     layout->addWidget(currentPath_);
-    layout->addWidget(message_);
+    layout->addLayout(messageRow);
     layout->addLayout(filterRow);
     layout->addWidget(list_, 1);
     layout->addLayout(actionRow);
@@ -255,16 +262,25 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
         }
     });
     connect(&model_, &AppModel::summaryChanged, this, &ScanView::showSummary);
-    connect(&model_, &AppModel::errorChanged, this, [this] {
-        message_->setText(model_.error());
-        message_->setVisible(!model_.error().isEmpty());
+    connect(&model_, &AppModel::errorChanged, this, [this] { showMessage(model_.error()); });
+    connect(dismiss_, &QPushButton::clicked, this, [this] {
+        if (model_.error().isEmpty()) {
+            showMessage({});
+        } else {
+            model_.clearError();
+        }
     });
 
     folders_->addItems(model_.sourceList());
     showResult();
     showPhase();
-    message_->setText(model_.error());
-    message_->setVisible(!model_.error().isEmpty());
+    showMessage(model_.error());
+}
+
+void ScanView::showMessage(const QString& text) {
+    message_->setText(text);
+    message_->setVisible(!text.isEmpty());
+    dismiss_->setVisible(!text.isEmpty());
 }
 
 void ScanView::chooseFolders() {
@@ -385,10 +401,7 @@ void ScanView::showResult() {
             notes << tr("%n temporary file(s) of an interrupted reclaim remain; Recover in the Journal puts them right.",
                         "", static_cast<int>(result->leftovers.size()));
         }
-        if (model_.error().isEmpty() && !notes.isEmpty()) {
-            message_->setText(notes.join(' '));
-            message_->setVisible(true);
-        }
+        if (model_.error().isEmpty()) showMessage(notes.join(' '));
     } else {
         groups_.clear();
     }

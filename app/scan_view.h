@@ -46,6 +46,7 @@ private:
     void showProgress();
     void showResult();
     void showTotal();
+    void showMessage(const QString& text);
     void showSelectedFile();
     void applyFilter();
     void leaveOutFolder();
@@ -67,6 +68,7 @@ private:
     QLabel* progressText_;
     QLabel* currentPath_;
     QLabel* message_;
+    QPushButton* dismiss_;
     QComboBox* filterField_;
     QLineEdit* filterText_;
     QComboBox* minimumSize_;

@@ -3,7 +3,11 @@
 // verdicts, the settings reaching the model.
 #include <QCheckBox>
 #include <QComboBox>
+#include <QApplication>
+#include <QDropEvent>
 #include <QLabel>
+#include <QMimeData>
+#include <QUrl>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QPushButton>
@@ -46,6 +50,7 @@ class ViewsTest : public QObject {
 private slots:
     void scanOptionsSurviveTheEditorUnchanged();
     void listFiltersAndLeavesOutAFolderThroughItsControls();
+    void droppedFileIsRefusedWhereItWasDroppedAndDismissed();
     void journalFiltersByKindAndShowsVerdicts();
     void settingsReachTheModel();
 };
@@ -117,6 +122,30 @@ void ViewsTest::listFiltersAndLeavesOutAFolderThroughItsControls() {
     QVERIFY(model.sources().empty());
     QVERIFY(!view.findChild<QPushButton*>("scan")->isEnabled());
     AppModel::waitForTasks();
+}
+
+void ViewsTest::droppedFileIsRefusedWhereItWasDroppedAndDismissed() {
+    test::TempDir dir;
+    test::writeFile(dir.path("folder/photo.jpg"), "x");
+    AppModel model(placesIn(dir));
+    ScanView view(model);
+    view.show();
+    QMimeData mime;
+    mime.setUrls({QUrl::fromLocalFile(QString::fromStdString(dir.path("folder/photo.jpg"))),
+                  QUrl::fromLocalFile(QString::fromStdString(dir.path("folder")))});
+    QDragEnterEvent enter(view.rect().center(), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(&view, &enter);
+    QVERIFY(enter.isAccepted());
+    QDropEvent drop(view.rect().center(), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(&view, &drop);
+    // The folder is taken, the file is named as refused, and nothing else is lost.
+    QCOMPARE(model.sources(), std::vector<std::string>{dir.path("folder")});
+    auto* message = named<QLabel>(&view, "Message");
+    QVERIFY(message->isVisible());
+    QVERIFY2(message->text().contains("photo.jpg"), qPrintable(message->text()));
+    QTest::mouseClick(view.findChild<QPushButton*>("dismiss"), Qt::LeftButton);
+    QVERIFY(!message->isVisible());
+    QVERIFY(model.error().isEmpty());
 }
 
 void ViewsTest::journalFiltersByKindAndShowsVerdicts() {
