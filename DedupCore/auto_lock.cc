@@ -48,7 +48,15 @@ std::variant<AutoLock, AutoLock::Holder> AutoLock::acquire(const std::string& da
     std::optional<Holder> holder;
     for (int attempt = 0; attempt < 50; ++attempt) {
         if (platform::tryLockExclusive(file.fd, path)) {
-            if (file.writable) platform::replaceContent(file.fd, path, text);
+            if (file.writable) {
+                try {
+                    platform::replaceContent(file.fd, path, text);
+                } catch (const SystemError&) {
+                    // A full disk is when reclaiming is wanted most: the lock holds all the same,
+                    // and whoever is refused reads an empty name.
+                    platform::clearContent(file.fd);
+                }
+            }
             return AutoLock(std::move(file.fd), std::move(path), file.writable);
         }
         holder = parseHolder(platform::readContent(file.fd, 4096));

@@ -137,9 +137,20 @@ int runAuto(const AutoArguments& arguments) {
 
     // On a disk that cannot make clones every pass would only journal each copy as left alone
     // again; and as a pass reports only what it replaced, the log would stay silent about why.
+    // Whether a disk can share blocks is tried, not read from its file system's name: XFS without
+    // reflink cannot, NFS 4.2 and SMB servers may.
     std::erase_if(roots, [&](const std::string& root) {
         auto volume = VolumeInfo::of(root);
-        if (!volume || canShareBlocks(volume->fileSystem)) return false;
+        if (!volume) return false;
+        auto ability = cloneAbility(root);
+        if (!ability.probed) {
+            log.write("warning",
+                      fmt::format("Nothing in {} or at {} can be written to try whether its disk can make clones; "
+                                  "its file system ({}) is taken at its word.",
+                                  root, volume->mountPoint, volume->fileSystem),
+                      {{"root", root}, {"fileSystem", volume->fileSystem}, {"probed", false}});
+        }
+        if (ability.canShare) return false;
         log.write("warning",
                   fmt::format("{} is on {} ({}), which cannot make clones: it is not watched, and duplicates there "
                               "are left alone.",
@@ -251,6 +262,11 @@ int runBackupDisk(const BackupArguments& arguments) {
     }
     std::string where = fs::exists(path) ? mountPointOf(path) : *id;
     if (arguments.action == "add") {
+        if (!cloneAbility(where).probed) {
+            std::cerr << "dedup: note: nothing at " << where
+                      << " can be written to try whether the disk can make clones; its file system is taken at "
+                         "its word\n";
+        }
         auto volumes = Profile::externalCloneVolumes();
         if (std::find(volumes.begin(), volumes.end(), where) == volumes.end()) {
             std::cerr << "dedup: note: " << where

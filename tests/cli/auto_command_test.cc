@@ -154,5 +154,24 @@ TEST(AutoCommandEdgeTest, SecondAutomaticReclaimerSaysWhoWorksAndDoesNotStart) {
     EXPECT_EQ(run.stdoutText, "");  // not even the journal's recovery ran
 }
 
+TEST(AutoCommandEdgeTest, XfsIsWatchedOnlyWhereItWasFormattedToShareBlocks) {
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::xfsWithoutReflink);
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::xfs);
+    test::TempDir data;
+    ::setenv("DEDUP_DATA_DIR", data.path().c_str(), 1);
+    auto plain = LoopVolume::create(LoopVolume::Kind::xfsWithoutReflink);
+    const std::string refusing = test::freshFolder(plain.get(), "auto-xfs");
+    const std::string sharing = test::freshFolder(test::sharedVolume(LoopVolume::Kind::xfs), "auto-xfs");
+
+    auto run = test::runCommand(
+        {"timeout", "--preserve-status", "-s", "TERM", "5", DEDUP_BINARY, "auto", "--anytime", refusing, sharing});
+    EXPECT_NE(run.stdoutText.find(refusing + " is on " + plain->mountPoint() + " (xfs), which cannot make clones"),
+              std::string::npos)
+        << run.stdoutText;
+    EXPECT_EQ(run.stdoutText.find(sharing + " is on "), std::string::npos) << run.stdoutText;
+    EXPECT_NE(run.stdoutText.find("Watching 1 folders"), std::string::npos) << run.stdoutText;
+    EXPECT_EQ(run.exitCode, 0) << run.stderrText;
+}
+
 }  // namespace
 }  // namespace dedup

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,6 +70,41 @@ TEST(AutoLockTest, KernelLetsGoWhenTheHolderIsKilled) {
     int status = 0;
     ::waitpid(child, &status, 0);
     EXPECT_TRUE(holds(AutoLock::acquire(data.path(), "the desktop application")));
+}
+
+TEST(AutoLockTest, HolderThatCannotWriteItsNameStillHoldsIt) {
+    // A full disk is when reclaiming is wanted most. A file size limit makes every write fail as
+    // a full disk would, in a child, so the test's own files are not hit.
+    test::TempDir data;
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        struct rlimit none = {0, 0};
+        ::setrlimit(RLIMIT_FSIZE, &none);
+        char byte = 'n';
+        try {
+            auto lock = AutoLock::acquire(data.path(), "dedup auto");
+            byte = holds(lock) ? 'y' : 'n';
+            if (::write(ready[1], &byte, 1) != 1) ::_exit(1);
+            for (;;) ::pause();
+        } catch (...) {
+            byte = 'x';
+        }
+        if (::write(ready[1], &byte, 1) != 1) ::_exit(1);
+        ::_exit(0);
+    }
+    ::close(ready[1]);
+    char byte = 0;
+    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
+    ::close(ready[0]);
+    EXPECT_EQ(byte, 'y');
+    auto refused = AutoLock::acquire(data.path(), "the desktop application");
+    EXPECT_FALSE(holds(refused));
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
 }
 
 TEST(AutoLockTest, LinkPlantedAsTheLockFileIsRefusedAndItsTargetLeftAlone) {
