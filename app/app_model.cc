@@ -34,7 +34,10 @@ std::string xdgConfigHome() {
     return QDir::homePath().toStdString() + "/.config";
 }
 
-QString fromPath(const std::string& path) { return QString::fromStdString(path); }
+// Paths are bytes; Qt's file functions decode and encode them the same way, so a folder named in
+// the system's encoding comes back as it was.
+QString fromPath(const std::string& path) { return QFile::decodeName(QByteArray::fromStdString(path)); }
+std::string toPath(const QString& path) { return QFile::encodeName(path).toStdString(); }
 
 // A file that held the user's choices but cannot be read is moved out of the way under a name
 // that says so, never overwritten: the user (or support) can still get it back.
@@ -100,8 +103,7 @@ AppModel::AppModel(AppPlaces places, QObject* parent)
     loadSources();
 
     try {
-        journal_->recoverInterrupted(
-            [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); });
+        recoverInterrupted(*journal_, places_.data);
     } catch (const std::exception&) {
         // What could not be put right stays interrupted in the journal and is tried again next time.
     }
@@ -241,7 +243,7 @@ void AppModel::add(const QStringList& folders) {
     for (const QString& folder : folders) {
         // The engine works on absolute paths; a folder given relative or with a trailing slash is
         // the same folder the user meant.
-        std::string path = QDir::cleanPath(QDir(folder).absolutePath()).toStdString();
+        std::string path = toPath(QDir::cleanPath(QDir(folder).absolutePath()));
         if (std::find(sources_.begin(), sources_.end(), path) != sources_.end()) continue;
         sources_.push_back(std::move(path));
         changed = true;
@@ -252,8 +254,8 @@ void AppModel::add(const QStringList& folders) {
 }
 
 void AppModel::remove(const QString& folder) {
-    const std::string path = folder.toStdString();
-    if (std::erase(sources_, path) == 0) return;
+    // Matched as shown, so even a name the desktop cannot spell exactly can be removed.
+    if (std::erase_if(sources_, [&](const std::string& source) { return fromPath(source) == folder; }) == 0) return;
     emit sourcesChanged();
     saveSources();
 }
@@ -286,13 +288,13 @@ void AppModel::setSelection(Selection selection) {
 
 void AppModel::exclude(const QString& path) {
     Selection next = selection_;
-    next.excluded.insert(path.toStdString());
+    next.excluded.insert(toPath(path));
     setSelection(std::move(next));
 }
 
 void AppModel::include(const QString& path) {
     Selection next = selection_;
-    next.excluded.erase(path.toStdString());
+    next.excluded.erase(toPath(path));
     setSelection(std::move(next));
 }
 

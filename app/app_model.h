@@ -20,6 +20,7 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include <QObject>
@@ -239,6 +240,8 @@ public:
     QString lastAutomatic() const { return lastAutomatic_; }
     const BackupDisks& backupDisks() const { return backupDisks_; }
     std::vector<BackupDiskState> backupDiskStates() const;
+    // Marks or unmarks the disk holding `path`; a disk that is not connected is unmarked by its
+    // identifier (BackupDiskState::volume) in place of a path.
     void setBackupDisk(const QString& path, bool on);
 
     // A file's metadata now, for the comparison of two copies; absent with `failure` set (in words
@@ -315,6 +318,9 @@ private:
     void acceptReclaimProgress(const ReclaimProgress& progress);
     void finishReclaim(ReclaimSummary summary, std::optional<SpaceHolders> holders);
     void setJournalBusy(bool busy);
+    // The number of replacements put right, or who does automatic reclaiming now (and so may have
+    // replacements under way): then nothing is touched.
+    static std::variant<size_t, std::string> recoverInterrupted(Journal& journal, const std::string& dataDirectory);
     CloneEngine engine() const;
 
     AppPlaces places_;

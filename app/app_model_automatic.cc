@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include <QFile>
 #include <QStorageInfo>
 #include <QTimer>
 
@@ -183,7 +184,7 @@ std::vector<BackupDiskState> AppModel::backupDiskStates() const {
     if (states.empty()) return states;
     for (const QStorageInfo& storage : QStorageInfo::mountedVolumes()) {
         if (!storage.isValid() || !storage.isReady()) continue;
-        const std::string root = storage.rootPath().toStdString();
+        const std::string root = QFile::encodeName(storage.rootPath()).toStdString();
         auto uuid = BackupDisks::uuid(root);
         if (!uuid) continue;
         for (auto& state : states) {
@@ -197,9 +198,15 @@ std::vector<BackupDiskState> AppModel::backupDiskStates() const {
 }
 
 void AppModel::setBackupDisk(const QString& path, bool on) {
-    auto uuid = BackupDisks::uuid(path.toStdString());
-    // A disk that is not connected has no path to give: unmarking it names its identifier.
-    if (!on && backupDisks_.volumes.contains(path.toStdString())) uuid = path.toStdString();
+    // A disk that is not connected has no path to name it by: its identifier, as
+    // backupDiskStates() gives it, stands in for unmarking.
+    const std::string given = QFile::encodeName(path).toStdString();
+    std::optional<std::string> uuid;
+    if (!on && !given.starts_with('/') && backupDisks_.volumes.contains(given)) {
+        uuid = given;
+    } else {
+        uuid = BackupDisks::uuid(given);
+    }
     if (!uuid) {
         setError(QString("The disk that holds %1 cannot be told apart from others, so it cannot be marked.").arg(path));
         return;

@@ -2,9 +2,11 @@
 // background thread that holds copies of what it needs and reaches the model only through its
 // weak handle, on the main thread.
 #include <QCoreApplication>
+#include <QFile>
 
 #include "app_model.h"
 #include "app_tasks.h"
+#include "auto_lock.h"
 #include "hash_cache.h"
 
 namespace dedup::app {
@@ -17,6 +19,18 @@ QString text(const std::exception& error) { return QString::fromUtf8(error.what(
 struct Superseded {};
 
 }  // namespace
+
+std::variant<size_t, std::string> AppModel::recoverInterrupted(Journal& journal, const std::string& dataDirectory) {
+    // While another process reclaims automatically, its replacements under way look exactly like
+    // interrupted ones; putting them "right" would undo its work. Holding the lock keeps one from
+    // starting meanwhile.
+    auto lock = AutoLock::acquire(dataDirectory, "VELMORA.dedup");
+    if (auto* holder = std::get_if<AutoLock::Holder>(&lock)) return dedup::describe(*holder);
+    return journal
+        .recoverInterrupted(
+            [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); })
+        .size();
+}
 
 CloneEngine AppModel::engine() const {
     CloneEngine engine;
@@ -213,27 +227,36 @@ void AppModel::verifyJournal() {
 
 void AppModel::recoverJournal() {
     if (journalBusy_) return;
+    if (phase_ != Phase::idle) {
+        setError(tr("Wait until the reclaim has finished: its replacements under way are not interrupted ones."));
+        return;
+    }
+    // Our own automatic reclaimer's replacements under way would look interrupted too: it rests
+    // while the journal is put right.
+    stopAutomatic();
     setJournalBusy(true);
-    tasks::run([journal = journal_, weak = weak_] {
-        int count = 0;
+    tasks::run([journal = journal_, data = places_.data, weak = weak_] {
+        std::variant<size_t, std::string> outcome;
         QString failure;
         try {
-            count = static_cast<int>(journal
-                                         ->recoverInterrupted([](const std::string& path) {
-                                             return std::string(rawValue(CloneEngine::recoverLeftover(path)));
-                                         })
-                                         .size());
+            outcome = recoverInterrupted(*journal, data);
         } catch (const std::exception& error) {
             failure = text(error);
         }
-        tasks::onMainThread([weak, count, failure] {
+        tasks::onMainThread([weak, outcome, failure] {
             AppModel* model = weak->value;
             if (!model) return;
             model->setJournalBusy(false);
             if (!failure.isEmpty()) {
-                model->setError(QString("An interrupted replacement could not be put right: %1").arg(failure));
+                model->setError(tr("An interrupted replacement could not be put right: %1").arg(failure));
+            } else if (auto* holder = std::get_if<std::string>(&outcome)) {
+                model->setError(tr("Automatic reclaiming runs in %1; its replacements under way must not be taken "
+                                   "for interrupted ones. Recover once it has stopped.")
+                                    .arg(QString::fromStdString(*holder)));
+            } else {
+                emit model->journalRecovered(static_cast<int>(std::get<size_t>(outcome)));
             }
-            emit model->journalRecovered(count);
+            model->applyAutomatic();
             model->reloadJournal();
         });
     });
@@ -246,7 +269,7 @@ void AppModel::measureTrueSize(const QString& folder) {
         trueSizeBusy_ = true;
         emit trueSizeBusyChanged();
     }
-    tasks::run([path = folder.toStdString(), folder, weak = weak_, cancel = trueSizeCancel_] {
+    tasks::run([path = QFile::encodeName(folder).toStdString(), folder, weak = weak_, cancel = trueSizeCancel_] {
         auto update = std::make_shared<LastUpdate>();
         TrueSize::Options options;
         options.progress = [&](const std::string&, int64_t files) {

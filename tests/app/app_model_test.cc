@@ -149,6 +149,39 @@ private slots:
         QVERIFY(model.automaticHolder().isEmpty());
     }
 
+    void replacementsUnderWayInAnotherReclaimerAreNotTakenForInterrupted() {
+        test::TempDir dir;
+        const std::string target = dir.path("folder/photo.jpg");
+        const std::string temporary = dir.path("folder/.photo.jpg.dedup-" + dedup::makeUUID());
+        test::writeFile(temporary, "the user's photo");
+        {
+            dedup::Journal journal(dir.path("data/journal.jsonl"));
+            auto started = dedup::JournalEntry::make(dedup::JournalEntry::Event::started, target);
+            started.temporary = temporary;
+            journal.append(started);
+        }
+        // "dedup auto" runs and may be in the middle of this very replacement.
+        auto other = dedup::AutoLock::acquire(dir.path("data"), "dedup auto");
+        QVERIFY(std::holds_alternative<dedup::AutoLock>(other));
+        AppModel model(placesIn(dir));
+        QVERIFY(fs::exists(temporary));
+        QVERIFY(!fs::exists(target));
+
+        QSignalSpy recovered(&model, &AppModel::journalRecovered);
+        model.recoverJournal();
+        QVERIFY(QTest::qWaitFor([&] { return !model.journalBusy(); }, workTimeout));
+        QCOMPARE(recovered.count(), 0);
+        QVERIFY(model.error().contains("dedup auto"));
+        QVERIFY(fs::exists(temporary));
+
+        // Once it has stopped, Recover puts the file back.
+        other = dedup::AutoLock::Holder{};
+        model.recoverJournal();
+        QVERIFY(recovered.wait(workTimeout));
+        QCOMPARE(recovered.takeFirst().at(0).toInt(), 1);
+        QCOMPARE(QString::fromStdString(test::readFile(target)), QString("the user's photo"));
+    }
+
     void phaseMachineStartsNothingOutOfTurnAndDropsLateProgress() {
         test::TempDir dir;
         AppModel model(placesIn(dir));
@@ -285,14 +318,33 @@ private slots:
         }
         QCOMPARE(replaced, 2);
 
-        // The volume marked as a backup disk is shown connected and able to clone.
+        // Automatic mode's first pass takes the duplicates already there but the copy left out
+        // again, and says what it did.
+        model.exclude(QString::fromStdString(folder + "/keep"));
+        test::writeRandomFile(folder + "/new/x.bin", 300000, 30);
+        test::writeFile(folder + "/new/y.bin", test::readFile(folder + "/new/x.bin"));
+        QSignalSpy automaticReclaimed(&model, &AppModel::automaticReclaimed);
+        model.setAnytime(true);
+        model.setAutomatic(true);
+        QVERIFY(automaticReclaimed.wait(workTimeout));
+        QCOMPARE(model.lastAutomatic(), QString("1 files became clones; 300.0 kB reclaimed"));
+        QCOMPARE(test::readFile(folder + "/new/y.bin"), test::readFile(folder + "/new/x.bin"));
+
+        // With no folders, a marked backup disk still has automatic mode run, over the disk alone.
+        model.remove(QString::fromStdString(folder));
+        QVERIFY(!model.automaticRunning());
         model.setBackupDisk(QString::fromStdString(folder), true);
+        QVERIFY(model.automaticRunning());
         auto disks = model.backupDiskStates();
         QCOMPARE(disks.size(), size_t{1});
-        QVERIFY(disks[0].mountPoint.has_value());
+        QCOMPARE(disks[0].mountPoint.value_or(""), volume->mountPoint());
         QVERIFY(disks[0].canClone);
-        QVERIFY(!disks[0].watched);  // automatic mode is off
-        model.setBackupDisk(QString::fromStdString(folder), false);
+        QVERIFY(disks[0].watched);
+        model.setAutomatic(false);
+        QVERIFY(!model.automaticRunning());
+        QVERIFY(!model.backupDiskStates()[0].watched);
+        // Unmarked by its identifier, as a disk that is not connected must be.
+        model.setBackupDisk(QString::fromStdString(disks[0].volume), false);
         QVERIFY(model.backupDiskStates().empty());
     }
 
