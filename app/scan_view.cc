@@ -11,6 +11,7 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QListWidget>
 #include <QMessageBox>
 #include <QMimeData>
@@ -25,6 +26,7 @@
 #include "app_model.h"
 #include "compare_dialog.h"
 #include "desktop_actions.h"
+#include "keep_rules.h"
 #include "reclaim_summary_dialog.h"
 #include "scan_options_editor.h"
 
@@ -150,6 +152,18 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     total_->setFont(big);
     keep_ = new QPushButton(tr("Keep This Copy"), this);
     keep_->setShortcut(Qt::CTRL | Qt::Key_K);
+    keepEvery_ = new QPushButton(tr("Keep in Every Group"), this);
+    keepEvery_->setObjectName(QStringLiteral("keepEvery"));
+    auto* rules = new QMenu(keepEvery_);
+    const std::pair<QString, KeepRule> ruleNames[] = {{tr("The Oldest Copy"), KeepRule::oldest},
+                                                      {tr("The Newest Copy"), KeepRule::newest},
+                                                      {tr("The Copy with the Shortest Path"), KeepRule::shortestPath}};
+    for (const auto& [name, rule] : ruleNames) {
+        rules->addAction(name, this, [this, rule = rule] {
+            if (model_.result()) model_.keepCopies(copiesToKeep(model_.result()->groups, rule));
+        });
+    }
+    keepEvery_->setMenu(rules);
     leaveOutFolder_ = new QPushButton(tr("Leave Out Folder"), this);
     leaveOutFolder_->setShortcut(Qt::CTRL | Qt::Key_L);
     open_ = new QPushButton(tr("Open"), this);
@@ -175,6 +189,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     }
     auto* actionRow = new QHBoxLayout;
     actionRow->addWidget(keep_);
+    actionRow->addWidget(keepEvery_);
     actionRow->addWidget(leaveOutFolder_);
     actionRow->addWidget(open_);
     actionRow->addWidget(reveal_);
@@ -350,6 +365,7 @@ void ScanView::showPhase() {
     addFolders_->setEnabled(idle);
     removeFolder_->setEnabled(idle && !folders_->selectedItems().isEmpty());
     profile_->setEnabled(idle);
+    keepEvery_->setEnabled(idle && model_.result() && !model_.result()->groups.empty());
     options_->setEnabled(idle);
     folders_->setEnabled(idle);
     showTotal();
@@ -405,6 +421,7 @@ void ScanView::showResult() {
     } else {
         groups_.clear();
     }
+    keepEvery_->setEnabled(model_.phase() == AppModel::Phase::idle && result && !result->groups.empty());
     showTotal();
 }
 

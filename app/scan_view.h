@@ -75,6 +75,7 @@ private:
     QTreeView* list_;
     QLabel* total_;
     QPushButton* keep_;
+    QPushButton* keepEvery_;
     QPushButton* leaveOutFolder_;
     QPushButton* open_;
     QPushButton* reveal_;

@@ -9,6 +9,7 @@
 #include <QMimeData>
 #include <QUrl>
 #include <QLineEdit>
+#include <QMenu>
 #include <QListWidget>
 #include <QPushButton>
 #include <QSignalSpy>
@@ -81,6 +82,8 @@ void ViewsTest::listFiltersAndLeavesOutAFolderThroughItsControls() {
     test::writeRandomFile(root + "/a/film.mkv", 300000, 2);
     test::writeFile(root + "/b/film.mkv", test::readFile(root + "/a/film.mkv"));
     test::writeFile(root + "/c/film.mkv", test::readFile(root + "/a/film.mkv"));
+    test::runCommandChecked({"touch", "-d", "2003-03-03", root + "/c/film.mkv"});
+    test::runCommandChecked({"touch", "-d", "2001-01-01", root + "/b/song.mp3"});
 
     AppModel model(placesIn(dir));
     ScanView view(model);
@@ -100,6 +103,18 @@ void ViewsTest::listFiltersAndLeavesOutAFolderThroughItsControls() {
     named<QComboBox>(&view, "Smallest size shown")->setCurrentIndex(0);
     QCOMPARE(list->model()->rowCount(), 2);
 
+    // The oldest copy of each group kept, in one step; a second time changes nothing.
+    auto* keepEvery = view.findChild<QPushButton*>("keepEvery");
+    QVERIFY(keepEvery->isEnabled());
+    keepEvery->menu()->actions().at(0)->trigger();
+    QCOMPARE(model.result()->groups[0].files.front().path, root + "/c/film.mkv");
+    QCOMPARE(model.result()->groups[1].files.front().path, root + "/b/song.mp3");
+    QCOMPARE(list->model()->index(0, 0, list->model()->index(0, 0)).data(GroupsModel::PathRole).toByteArray().toStdString(),
+             root + "/c/film.mkv");
+    QSignalSpy kept(&model, &AppModel::keptCopyChanged);
+    keepEvery->menu()->actions().at(0)->trigger();
+    QCOMPARE(kept.count(), 0);
+
     // Leave out the folder of a copy of the film: every file below it, in every group.
     QModelIndex film = list->model()->index(0, 0);
     QModelIndex copy;
@@ -112,7 +127,7 @@ void ViewsTest::listFiltersAndLeavesOutAFolderThroughItsControls() {
     QTest::mouseClick(view.findChild<QPushButton*>("leaveOutFolder"), Qt::LeftButton);
     QCOMPARE(model.selection().excluded, std::set<std::string>{root + "/b"});
     QCOMPARE(Selection::load(dir.path("data/selection.json")), model.selection());
-    QCOMPARE(named<QLabel>(&view, "Reclaimable total")->text(), QString("300.0 kB to reclaim"));
+    QCOMPARE(named<QLabel>(&view, "Reclaimable total")->text(), QString("500.0 kB to reclaim"));  // b/song.mp3 is kept, so only b/film.mkv is left out
 
     // Removing the folder is refused while it is not chosen, and then done.
     auto* folders = named<QListWidget>(&view, "Folders to look in");
