@@ -3,6 +3,7 @@
 // verdicts, the settings reaching the model.
 #include <QCheckBox>
 #include <QComboBox>
+#include <QDBusConnection>
 #include <QApplication>
 #include <QDropEvent>
 #include <QLabel>
@@ -44,6 +45,16 @@ T* named(QWidget* parent, const QString& accessibleName) {
     return nullptr;
 }
 
+// Stands in for the desktop's file manager on the test's own session bus.
+class FakeFileManager : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.FileManager1")
+public:
+    QStringList shown;
+public slots:
+    void ShowItems(const QStringList& uris, const QString&) { shown += uris; }
+};
+
 }  // namespace
 
 class ViewsTest : public QObject {
@@ -52,6 +63,7 @@ private slots:
     void scanOptionsSurviveTheEditorUnchanged();
     void listFiltersAndLeavesOutAFolderThroughItsControls();
     void droppedFileIsRefusedWhereItWasDroppedAndDismissed();
+    void showInFolderNamesTheFileByItsOwnBytes();
     void journalFiltersByKindAndShowsVerdicts();
     void settingsReachTheModel();
 };
@@ -161,6 +173,38 @@ void ViewsTest::droppedFileIsRefusedWhereItWasDroppedAndDismissed() {
     QTest::mouseClick(view.findChild<QPushButton*>("dismiss"), Qt::LeftButton);
     QVERIFY(!message->isVisible());
     QVERIFY(model.error().isEmpty());
+}
+
+void ViewsTest::showInFolderNamesTheFileByItsOwnBytes() {
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) QSKIP("no session bus: run under dbus-run-session");
+    FakeFileManager manager;
+    QVERIFY(bus.registerObject("/org/freedesktop/FileManager1", &manager, QDBusConnection::ExportAllSlots));
+    QVERIFY(bus.registerService("org.freedesktop.FileManager1"));
+
+    test::TempDir dir;
+    const std::string odd = dir.path("files/caf\xe9 #1.txt");  // not UTF-8, and a '#' a URL would cut at
+    test::writeRandomFile(dir.path("files/kept.txt"), 200000, 5);
+    test::writeFile(odd, test::readFile(dir.path("files/kept.txt")));
+    AppModel model(placesIn(dir));
+    ScanView view(model);
+    view.show();
+    model.add({QString::fromStdString(dir.path("files"))});
+    model.scan();
+    QTRY_VERIFY_WITH_TIMEOUT(model.phase() == AppModel::Phase::idle && model.hasResult(), 60000);
+    QTreeView* list = view.groupList();
+    QModelIndex group = list->model()->index(0, 0);
+    for (int row = 0; row < list->model()->rowCount(group); ++row) {
+        QModelIndex i = list->model()->index(row, 0, group);
+        if (i.data(GroupsModel::PathRole).toByteArray().toStdString() == odd) list->setCurrentIndex(i);
+    }
+    QTest::mouseClick(view.findChild<QPushButton*>("reveal"), Qt::LeftButton);
+    QCOMPARE(manager.shown.size(), 1);
+    QUrl url(manager.shown.front());
+    QCOMPARE(url.scheme(), QString("file"));
+    QCOMPARE(QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1()).toStdString(), odd);
+    bus.unregisterService("org.freedesktop.FileManager1");
+    AppModel::waitForTasks();
 }
 
 void ViewsTest::journalFiltersByKindAndShowsVerdicts() {
