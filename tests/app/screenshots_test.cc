@@ -146,7 +146,8 @@ void ScreenshotsTest::everyScreenWithAScanLoaded() {
     QTest::keyClick(&window, Qt::Key_5, Qt::ControlModifier);
     QCOMPARE(window.currentScreen(), MainWindow::journalScreen);
     QTRY_COMPARE(window.journalView()->entries().rowCount(), 5);
-    QCOMPARE(window.journalView()->entries().index(0, JournalModel::eventColumn).data().toString(), QString("failed"));
+    QCOMPARE(window.journalView()->entries().index(0, JournalModel::eventColumn).data().toString(),
+             QString("failed: write: No space left on device"));
     save(&window, "journal");
 
     window.showSettings();
