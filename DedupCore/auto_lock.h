@@ -26,7 +26,9 @@ public:
     };
 
     // Takes the per-user lock in `dataDirectory` (creating the folder when missing), or answers who
-    // holds it. Throws SystemError when the file cannot be opened at all.
+    // holds it. Throws SystemError when the file cannot be opened at all. Answers at once, except
+    // when the file names no living process while the lock is held (a holder just starting, or one
+    // in another process namespace): then it asks again for up to a second.
     static std::variant<AutoLock, Holder> acquire(const std::string& dataDirectory, std::string_view program);
 
     AutoLock(AutoLock&&) noexcept = default;
