@@ -12,6 +12,7 @@
 // goes wrong is shown through `error` and loses nothing the user chose.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <mutex>
@@ -40,11 +41,6 @@
 
 class QSettings;
 class QTimer;
-
-namespace dedup {
-class AutoReclaimer;
-class BackupWatcher;
-}  // namespace dedup
 
 namespace dedup::app {
 
@@ -338,12 +334,16 @@ private:
 
     std::vector<std::string> sources_;
     Selection selection_;
-    bool selectionUnreadable_ = false;  // selection.json was kept aside: never write over the user's choice
+    // selection.json could not be read: it stays as it is, and nothing is reclaimed, until the user
+    // chooses afresh.
+    bool selectionUnreadable_ = false;
 
     Phase phase_ = Phase::idle;
     ScanProgress scanProgress_;
     ReclaimProgress reclaimProgress_;
     std::shared_ptr<CancelFlag> cancel_;
+    // Set while a reclaim by hand runs: the automatic reclaimers start no pass meanwhile.
+    std::shared_ptr<std::atomic<bool>> reclaimingByHand_ = std::make_shared<std::atomic<bool>>(false);
 
     std::optional<ScanResult> result_;
     std::optional<ReclaimSummary> summary_;

@@ -1,5 +1,6 @@
 // Automatic mode: the one automatic reclaimer over the user's folders, the backup-disk watcher,
 // the lock that keeps them the only ones of this user, and what is said after a pass.
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
 #include <mutex>
@@ -47,11 +48,14 @@ struct AppModel::AutomaticRecipe {
     std::string selectionPath;
     std::string cachePath;
     bool anytime = false;
+    std::shared_ptr<std::atomic<bool>> reclaimingByHand;
     CloneEngine engine;
     std::shared_ptr<Weak> weak;
 
     std::unique_ptr<AutoReclaimer> make(std::vector<std::string> roots, ScanOptions options) const {
-        auto mayRun = [anytime = anytime, selectionPath = selectionPath] {
+        auto mayRun = [anytime = anytime, selectionPath = selectionPath, byHand = reclaimingByHand] {
+            // Two reclaimers over the same copies would swap files under each other.
+            if (*byHand) return false;
             // The changes wait for a pass whose choices can be read.
             if (!SavedSelection::readable(selectionPath)) return false;
             return anytime || AutoReclaimer::machineIsFree();
@@ -99,7 +103,8 @@ void AppModel::applyAutomatic() {
 void AppModel::startAutomatic(const std::shared_ptr<AutomaticRun>& run) {
     run_ = run;
     run->journal = journal_;
-    const AutomaticRecipe recipe{file("selection.json"), places_.cache + "/hashes.sqlite", anytime_, engine(), weak_};
+    const AutomaticRecipe recipe{file("selection.json"), places_.cache + "/hashes.sqlite", anytime_,
+                                 reclaimingByHand_, engine(), weak_};
     if (!sources_.empty()) {
         run->reclaimer = recipe.make(sources_, options_);
         tasks::run([run] {

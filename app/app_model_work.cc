@@ -121,6 +121,7 @@ void AppModel::reclaim() {
     auto groups = std::make_shared<const std::vector<DuplicateGroup>>(result_->groups);
     const auto targets = Report::targets(*groups, selection_);
     reclaimProgress_ = ReclaimProgress{0, static_cast<int64_t>(targets.size()), 0, {}};
+    *reclaimingByHand_ = true;
     setPhase(Phase::reclaiming);
     emit progressChanged();
 
@@ -158,6 +159,7 @@ void AppModel::acceptReclaimProgress(const ReclaimProgress& progress) {
 }
 
 void AppModel::finishReclaim(ReclaimSummary summary, std::optional<SpaceHolders> holders) {
+    *reclaimingByHand_ = false;
     summary_ = std::move(summary);
     emit summaryChanged();
     spaceHolders_ = sources_.empty() ? std::nullopt : std::move(holders);
