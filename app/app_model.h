@@ -242,7 +242,7 @@ public:
 
     // A file's metadata now, for the comparison of two copies; absent with `failure` set (in words
     // a user reads) when it cannot be read. Reads the disk on the calling thread: two files at a time.
-    std::optional<Snapshot> describe(const std::string& path, QString* failure = nullptr) const;
+    std::optional<Snapshot> fileDetails(const std::string& path, QString* failure = nullptr) const;
 
     QString error() const { return error_; }
     void setError(const QString& message);

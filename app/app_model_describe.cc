@@ -4,7 +4,7 @@
 
 namespace dedup::app {
 
-std::optional<Snapshot> AppModel::describe(const std::string& path, QString* failure) const {
+std::optional<Snapshot> AppModel::fileDetails(const std::string& path, QString* failure) const {
     try {
         return Snapshot::take(path);
     } catch (const SystemError& e) {

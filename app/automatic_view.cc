@@ -29,6 +29,7 @@ AutomaticView::AutomaticView(AppModel& model, QWidget* parent) : QWidget(parent)
                                   "minutes. Closing the window keeps this running in the background."),
                                modeBox);
     explain->setWordWrap(true);
+    explain->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::MinimumExpanding);
     modeLayout->addWidget(explain);
 
     state_ = new QLabel(this);
@@ -40,8 +41,8 @@ AutomaticView::AutomaticView(AppModel& model, QWidget* parent) : QWidget(parent)
     last_->setTextFormat(Qt::PlainText);
     folders_ = new QListWidget(this);
     folders_->setAccessibleName(tr("Folders watched"));
-    folders_->setMaximumHeight(folders_->fontMetrics().height() * 6);
-    auto* watchBox = new QGroupBox(tr("Watched folders (the folders of Scan & Reclaim)"), this);
+    folders_->setMaximumHeight(folders_->fontMetrics().height() * 3 + folders_->frameWidth() * 2);
+    auto* watchBox = new QGroupBox(tr("Watched folders (the folders of Scan && Reclaim)"), this);
     auto* watchLayout = new QVBoxLayout(watchBox);
     watchLayout->addWidget(folders_);
     watchLayout->addWidget(state_);
@@ -54,6 +55,7 @@ AutomaticView::AutomaticView(AppModel& model, QWidget* parent) : QWidget(parent)
     disks_->setUniformRowHeights(true);
     disks_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
     disks_->header()->setStretchLastSection(false);
+    for (int c = 1; c < 4; ++c) disks_->header()->setSectionResizeMode(c, QHeaderView::ResizeToContents);
     mark_ = new QPushButton(tr("Mark the Disk of a Folder…"), this);
     unmark_ = new QPushButton(tr("Unmark"), this);
     unmark_->setEnabled(false);

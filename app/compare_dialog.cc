@@ -90,7 +90,6 @@ CompareDialog::CompareDialog(AppModel& model, const std::string& left, const std
     table_->setColumnCount(2);
     table_->setHorizontalHeaderLabels({tr("This copy"), tr("That copy")});
     table_->horizontalHeader()->setSectionResizeMode(QHeaderView::Stretch);
-    table_->verticalHeader()->setSectionResizeMode(QHeaderView::ResizeToContents);
     table_->setEditTriggers(QAbstractItemView::NoEditTriggers);
     table_->setWordWrap(true);
 
@@ -105,7 +104,7 @@ CompareDialog::CompareDialog(AppModel& model, const std::string& left, const std
         QStringList& v = sides[i].values;
         v << displayPath(*paths[i]);
         QString failure;
-        std::optional<Snapshot> s = model.describe(*paths[i], &failure);
+        std::optional<Snapshot> s = model.fileDetails(*paths[i], &failure);
         if (!s) {
             while (v.size() < labels.size()) v << failure;
             continue;
@@ -143,10 +142,20 @@ CompareDialog::CompareDialog(AppModel& model, const std::string& left, const std
     auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, this);
     connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::close);
     auto* layout = new QVBoxLayout(this);
-    layout->addWidget(table_, 1);
-    layout->addLayout(previews);
+    layout->addWidget(table_);
+    layout->addLayout(previews, 1);
     layout->addWidget(buttons);
-    resize(fontMetrics().horizontalAdvance(QLatin1Char('M')) * 70, fontMetrics().height() * 36);
+    resize(fontMetrics().horizontalAdvance(QLatin1Char('M')) * 70, fontMetrics().height() * 40);
+}
+
+void CompareDialog::showEvent(QShowEvent* event) {
+    QDialog::showEvent(event);
+    // Row heights follow the wrapped text only once the columns have their real width.
+    table_->resizeRowsToContents();
+    // The table as tall as its rows, so the previews get the rest.
+    int height = table_->horizontalHeader()->height() + table_->frameWidth() * 2;
+    for (int row = 0; row < table_->rowCount(); ++row) height += table_->rowHeight(row);
+    table_->setFixedHeight(height);
 }
 
 QStringList CompareDialog::differences() const {

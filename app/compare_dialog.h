@@ -21,6 +21,9 @@ public:
     // Rows whose two sides differ, by their label: what a test or a screen reader may ask.
     QStringList differences() const;
 
+protected:
+    void showEvent(QShowEvent* event) override;
+
 private:
     QTableWidget* table_;
 };

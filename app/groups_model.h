@@ -114,6 +114,7 @@ private:
     void computeGroup(int32_t group);
     void rebuildOrder();
     bool matches(const Group& group) const;
+    bool leftOut(const std::string& path) const;
     int64_t fileSize(const Group& g) const { return files_[g.first].file.status.size; }
 
     std::vector<Group> groups_;

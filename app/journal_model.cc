@@ -63,7 +63,12 @@ QVariant JournalModel::data(const QModelIndex& idx, int role) const {
             switch (idx.column()) {
                 case timeColumn:
                     return QLocale().toString(QDateTime::fromSecsSinceEpoch(e->time).toLocalTime(), QLocale::ShortFormat);
-                case eventColumn: return QString::fromStdString(e->label());
+                case eventColumn:
+                    // A failure is only useful with its cause; a skip's label already has its phrase.
+                    if (e->event == JournalEntry::Event::failed && e->detail) {
+                        return QString::fromStdString(e->label() + ": " + *e->detail);
+                    }
+                    return QString::fromStdString(e->label());
                 case pathColumn: return displayPath(e->target);
                 case freedColumn:
                     return e->freedBytes ? QString::fromStdString(formatBytes(*e->freedBytes)) : QString();

@@ -48,6 +48,8 @@ JournalView::JournalView(AppModel& model, QWidget* parent) : QWidget(parent), mo
     table_->horizontalHeader()->setSectionResizeMode(JournalModel::timeColumn, QHeaderView::ResizeToContents);
     table_->horizontalHeader()->setSectionResizeMode(JournalModel::eventColumn, QHeaderView::ResizeToContents);
     table_->setWordWrap(false);
+    table_->setTextElideMode(Qt::ElideMiddle);
+    table_->verticalHeader()->setDefaultSectionSize(table_->fontMetrics().height() + table_->fontMetrics().height() / 2);
 
     status_ = new QLabel(this);
     status_->setTextFormat(Qt::PlainText);

@@ -22,9 +22,13 @@
 #include "settings_view.h"
 #include "true_size_view.h"
 
+// The icon is compiled into a static library, whose resources are registered only when asked.
+static void loadResources() { Q_INIT_RESOURCE(app_resources); }
+
 namespace dedup::app {
 
 MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), model_(model) {
+    loadResources();
     setWindowTitle(QStringLiteral("VELMORA.dedup"));
     setWindowIcon(QIcon::fromTheme(QStringLiteral("org.velmora.dedup"), QIcon(QStringLiteral(":/org.velmora.dedup.svg"))));
 
@@ -74,9 +78,12 @@ MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), 
     setCentralWidget(central);
 
     QMenu* file = menuBar()->addMenu(tr("&File"));
-    QAction* add = file->addAction(tr("&Add Folders…"), scan_, &ScanView::chooseFolders);
-    add->setShortcut(QKeySequence::Open);
-    add->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    // Ctrl+O belongs to the screen shown (Add Folders, or Choose Folder in True Size); a second
+    // owner here would make the key ambiguous and do nothing.
+    file->addAction(tr("&Add Folders…"), this, [this] {
+        showScreen(scanScreen);
+        scan_->chooseFolders();
+    });
     QAction* settings = file->addAction(tr("&Settings…"), this, &MainWindow::showSettings);
     settings->setShortcuts({QKeySequence::Preferences, QKeySequence(Qt::CTRL | Qt::Key_Comma)});
     file->addSeparator();
@@ -97,15 +104,10 @@ MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), 
             statusBar()->showMessage(model_.error());
         }
     });
-    connect(&model_, &AppModel::reclaimableBytesChanged, this, [this] {
-        if (model_.phase() == AppModel::Phase::idle && model_.result()) {
-            statusBar()->showMessage(tr("%1 to reclaim").arg(bytesText(scan_->groups().reclaimableBytes())), 4000);
-        }
-    });
 
     sidebar_->setCurrentRow(scanScreen);
     const int line = fontMetrics().height();
-    resize(line * 60, line * 38);
+    resize(line * 66, line * 44);
 }
 
 void MainWindow::showScreen(Screen screen) { sidebar_->setCurrentRow(screen); }
@@ -129,7 +131,7 @@ QDialog* MainWindow::settingsWindow() {
         layout->addWidget(area, 1);
         layout->addWidget(buttons);
         const int line = fontMetrics().height();
-        settings_->resize(line * 36, line * 34);
+        settings_->resize(line * 38, line * 42);
     }
     return settings_;
 }

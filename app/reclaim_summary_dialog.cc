@@ -26,6 +26,7 @@ ReclaimSummaryDialog::ReclaimSummaryDialog(AppModel& model, QWidget* parent) : Q
     leftAlone_->setHeaderLabels({tr("Copy left alone"), tr("Why")});
     leftAlone_->setRootIsDecorated(false);
     leftAlone_->setUniformRowHeights(true);
+    leftAlone_->setTextElideMode(Qt::ElideMiddle);
     leftAlone_->header()->setSectionResizeMode(0, QHeaderView::Stretch);
     leftAlone_->header()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
     leftAlone_->header()->setStretchLastSection(false);
@@ -59,12 +60,17 @@ void ReclaimSummaryDialog::refresh() {
     for (const auto& [raw, paths] : summary->skipped) {
         auto reason = skipReasonNamed(raw);
         QString why = reason ? QString::fromUtf8(std::string(phrase(*reason))) : QString::fromStdString(raw);
-        for (const auto& path : paths) new QTreeWidgetItem(leftAlone_, {displayPath(path), why});
+        for (const auto& path : paths) {
+            auto* item = new QTreeWidgetItem(leftAlone_, {displayPath(path), why});
+            item->setToolTip(0, displayPath(path));
+        }
     }
     for (const auto& [path, error] : summary->failed) {
         new QTreeWidgetItem(leftAlone_, {displayPath(path), tr("failed: %1").arg(QString::fromStdString(error))});
     }
-    leftAlone_->setVisible(leftAlone_->topLevelItemCount() > 0);
+    const bool anyLeft = leftAlone_->topLevelItemCount() > 0;
+    leftAlone_->setVisible(anyLeft);
+    if (!anyLeft && !summary->cancelled) headline_->setText(text + ' ' + tr("No copy had to be left alone."));
 
     QStringList held;
     if (const auto& holders = model_.spaceHolders()) {
@@ -78,6 +84,8 @@ void ReclaimSummaryDialog::refresh() {
     }
     holders_->setText(held.join('\n'));
     holders_->setVisible(!held.isEmpty());
+    // Without the list there is nothing to give the room to.
+    if (!anyLeft) resize(width(), sizeHint().height());
 }
 
 }  // namespace dedup::app

@@ -11,6 +11,7 @@
 #include <QHeaderView>
 #include <QLabel>
 #include <QLineEdit>
+#include <QMenu>
 #include <QListWidget>
 #include <QMessageBox>
 #include <QMimeData>
@@ -25,6 +26,7 @@
 #include "app_model.h"
 #include "compare_dialog.h"
 #include "desktop_actions.h"
+#include "keep_rules.h"
 #include "reclaim_summary_dialog.h"
 #include "scan_options_editor.h"
 
@@ -44,7 +46,8 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     folders_->setAccessibleName(tr("Folders to look in"));
     folders_->setToolTip(tr("Drop folders here to add them"));
     folders_->setSelectionMode(QAbstractItemView::ExtendedSelection);
-    folders_->setMaximumHeight(folders_->fontMetrics().height() * 6);
+    folders_->setMaximumHeight(folders_->fontMetrics().height() * 4 + folders_->frameWidth() * 2);
+    folders_->setTextElideMode(Qt::ElideMiddle);
     addFolders_ = new QPushButton(QIcon::fromTheme(QStringLiteral("list-add")), tr("Add Folders…"), this);
     addFolders_->setShortcut(QKeySequence::Open);
     addFolders_->setToolTip(tr("Add folders to look in (%1)").arg(QKeySequence(QKeySequence::Open).toString(QKeySequence::NativeText)));
@@ -87,12 +90,20 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     scanRow->addWidget(cancel_);
     scanRow->addWidget(progress_, 1);
     scanRow->addWidget(progressText_);
+    scanRow->addStretch();
 
     message_ = new QLabel(this);
     message_->setWordWrap(true);
     message_->setTextFormat(Qt::PlainText);
     message_->setVisible(false);
     message_->setAccessibleName(tr("Message"));
+    message_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    dismiss_ = new QPushButton(tr("Dismiss"), this);
+    dismiss_->setObjectName(QStringLiteral("dismiss"));
+    dismiss_->setVisible(false);
+    auto* messageRow = new QHBoxLayout;
+    messageRow->addWidget(message_, 1);
+    messageRow->addWidget(dismiss_);
 
     // The groups, their filter and what can be done with a file.
     filterField_ = new QComboBox(this);
@@ -124,6 +135,12 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     list_->header()->setStretchLastSection(false);
     list_->setColumnWidth(GroupsModel::nameColumn, list_->fontMetrics().horizontalAdvance(QLatin1Char('M')) * 18);
     list_->setAlternatingRowColors(true);
+    // The end of a path tells copies apart; the start is the same for all of them.
+    list_->setTextElideMode(Qt::ElideMiddle);
+    const int figure = list_->fontMetrics().horizontalAdvance(QStringLiteral("000.0 MB")) + list_->fontMetrics().height() * 2;
+    list_->setColumnWidth(GroupsModel::sizeColumn, figure);
+    list_->setColumnWidth(GroupsModel::freesColumn, figure);
+    list_->header()->setSectionResizeMode(GroupsModel::copiesColumn, QHeaderView::ResizeToContents);
     list_->setSelectionBehavior(QAbstractItemView::SelectRows);
     list_->setSelectionMode(QAbstractItemView::ExtendedSelection);
     list_->setContextMenuPolicy(Qt::ActionsContextMenu);
@@ -135,6 +152,18 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     total_->setFont(big);
     keep_ = new QPushButton(tr("Keep This Copy"), this);
     keep_->setShortcut(Qt::CTRL | Qt::Key_K);
+    keepEvery_ = new QPushButton(tr("Keep in Every Group"), this);
+    keepEvery_->setObjectName(QStringLiteral("keepEvery"));
+    auto* rules = new QMenu(keepEvery_);
+    const std::pair<QString, KeepRule> ruleNames[] = {{tr("The Oldest Copy"), KeepRule::oldest},
+                                                      {tr("The Newest Copy"), KeepRule::newest},
+                                                      {tr("The Copy with the Shortest Path"), KeepRule::shortestPath}};
+    for (const auto& [name, rule] : ruleNames) {
+        rules->addAction(name, this, [this, rule = rule] {
+            if (model_.result()) model_.keepCopies(copiesToKeep(model_.result()->groups, rule));
+        });
+    }
+    keepEvery_->setMenu(rules);
     leaveOutFolder_ = new QPushButton(tr("Leave Out Folder"), this);
     leaveOutFolder_->setShortcut(Qt::CTRL | Qt::Key_L);
     open_ = new QPushButton(tr("Open"), this);
@@ -152,8 +181,15 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
         connect(action, &QAction::triggered, b, &QPushButton::click);
         list_->addAction(action);
     }
+    // Names for the tests and for accessibility tools that address controls by name.
+    for (auto [button, name] : {std::pair{addFolders_, "addFolders"}, {removeFolder_, "removeFolder"}, {scan_, "scan"},
+                                {cancel_, "cancel"}, {keep_, "keep"}, {leaveOutFolder_, "leaveOutFolder"},
+                                {open_, "open"}, {reveal_, "reveal"}, {compare_, "compare"}, {reclaim_, "reclaim"}}) {
+        button->setObjectName(QLatin1String(name));
+    }
     auto* actionRow = new QHBoxLayout;
     actionRow->addWidget(keep_);
+    actionRow->addWidget(keepEvery_);
     actionRow->addWidget(leaveOutFolder_);
     actionRow->addWidget(open_);
     actionRow->addWidget(reveal_);
@@ -166,7 +202,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     layout->addLayout(folderRow);
     layout->addLayout(scanRow);
     layout->addWidget(currentPath_);
-    layout->addWidget(message_);
+    layout->addLayout(messageRow);
     layout->addLayout(filterRow);
     layout->addWidget(list_, 1);
     layout->addLayout(actionRow);
@@ -241,16 +277,25 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
         }
     });
     connect(&model_, &AppModel::summaryChanged, this, &ScanView::showSummary);
-    connect(&model_, &AppModel::errorChanged, this, [this] {
-        message_->setText(model_.error());
-        message_->setVisible(!model_.error().isEmpty());
+    connect(&model_, &AppModel::errorChanged, this, [this] { showMessage(model_.error()); });
+    connect(dismiss_, &QPushButton::clicked, this, [this] {
+        if (model_.error().isEmpty()) {
+            showMessage({});
+        } else {
+            model_.clearError();
+        }
     });
 
     folders_->addItems(model_.sourceList());
     showResult();
     showPhase();
-    message_->setText(model_.error());
-    message_->setVisible(!model_.error().isEmpty());
+    showMessage(model_.error());
+}
+
+void ScanView::showMessage(const QString& text) {
+    message_->setText(text);
+    message_->setVisible(!text.isEmpty());
+    dismiss_->setVisible(!text.isEmpty());
 }
 
 void ScanView::chooseFolders() {
@@ -320,6 +365,7 @@ void ScanView::showPhase() {
     addFolders_->setEnabled(idle);
     removeFolder_->setEnabled(idle && !folders_->selectedItems().isEmpty());
     profile_->setEnabled(idle);
+    keepEvery_->setEnabled(idle && model_.result() && !model_.result()->groups.empty());
     options_->setEnabled(idle);
     folders_->setEnabled(idle);
     showTotal();
@@ -371,13 +417,11 @@ void ScanView::showResult() {
             notes << tr("%n temporary file(s) of an interrupted reclaim remain; Recover in the Journal puts them right.",
                         "", static_cast<int>(result->leftovers.size()));
         }
-        if (model_.error().isEmpty() && !notes.isEmpty()) {
-            message_->setText(notes.join(' '));
-            message_->setVisible(true);
-        }
+        if (model_.error().isEmpty()) showMessage(notes.join(' '));
     } else {
         groups_.clear();
     }
+    keepEvery_->setEnabled(model_.phase() == AppModel::Phase::idle && result && !result->groups.empty());
     showTotal();
 }
 

@@ -46,6 +46,7 @@ private:
     void showProgress();
     void showResult();
     void showTotal();
+    void showMessage(const QString& text);
     void showSelectedFile();
     void applyFilter();
     void leaveOutFolder();
@@ -67,12 +68,14 @@ private:
     QLabel* progressText_;
     QLabel* currentPath_;
     QLabel* message_;
+    QPushButton* dismiss_;
     QComboBox* filterField_;
     QLineEdit* filterText_;
     QComboBox* minimumSize_;
     QTreeView* list_;
     QLabel* total_;
     QPushButton* keep_;
+    QPushButton* keepEvery_;
     QPushButton* leaveOutFolder_;
     QPushButton* open_;
     QPushButton* reveal_;

@@ -141,6 +141,11 @@ void ViewOpenAndScroll(benchmark::State& state) {
         view.setUniformRowHeights(true);
         view.resize(1200, 800);
         view.setModel(&model);
+        // As the Scan & Reclaim screen sets it up.
+        view.setTextElideMode(Qt::ElideMiddle);
+        view.header()->setSectionResizeMode(GroupsModel::folderColumn, QHeaderView::Stretch);
+        view.header()->setSectionResizeMode(GroupsModel::copiesColumn, QHeaderView::ResizeToContents);
+        view.header()->setStretchLastSection(false);
         view.show();
         view.grab();
         view.expand(model.index(groupCount / 2, 0));
