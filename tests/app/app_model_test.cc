@@ -5,6 +5,8 @@
 #include <memory>
 #include <variant>
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QSettings>
 #include <QSignalSpy>
 #include <QTest>
@@ -45,6 +47,21 @@ void writeCopies(const std::string& folder, uint64_t seed) {
 bool waitUntilIdle(AppModel& model) {
     return QTest::qWaitFor([&] { return model.phase() == AppModel::Phase::idle; }, workTimeout);
 }
+
+// Stands in for the desktop's notification server on the test's private session bus.
+class FakeNotifications : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+public:
+    QStringList bodies;
+
+public slots:
+    Q_SCRIPTABLE uint Notify(const QString&, uint, const QString&, const QString&, const QString& body,
+                             const QStringList&, const QVariantMap&, int) {
+        bodies << body;
+        return uint(bodies.size());
+    }
+};
 
 }  // namespace
 
@@ -324,10 +341,20 @@ private slots:
         test::writeRandomFile(folder + "/new/x.bin", 300000, 30);
         test::writeFile(folder + "/new/y.bin", test::readFile(folder + "/new/x.bin"));
         QSignalSpy automaticReclaimed(&model, &AppModel::automaticReclaimed);
+        FakeNotifications server;
+        auto bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "notifications");
+        const bool served = bus.registerObject("/org/freedesktop/Notifications", &server,
+                                               QDBusConnection::ExportScriptableSlots) &&
+                            bus.registerService("org.freedesktop.Notifications");
         model.setAnytime(true);
         model.setAutomatic(true);
         QVERIFY(automaticReclaimed.wait(workTimeout));
         QCOMPARE(model.lastAutomatic(), QString("1 files became clones; 300.0 kB reclaimed"));
+        if (served) {
+            QVERIFY(QTest::qWaitFor([&] { return !server.bodies.isEmpty(); }, workTimeout));
+            QCOMPARE(server.bodies, QStringList{model.lastAutomatic()});
+        }
+        QDBusConnection::disconnectFromBus("notifications");
         QCOMPARE(test::readFile(folder + "/new/y.bin"), test::readFile(folder + "/new/x.bin"));
 
         // With no folders, a marked backup disk still has automatic mode run, over the disk alone.
