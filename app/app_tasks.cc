@@ -2,6 +2,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include <QCoreApplication>
@@ -22,12 +23,19 @@ void run(std::function<void()> work) {
         std::lock_guard guard(lock);
         ++count;
     }
-    std::thread([work = std::move(work)] {
+    auto task = [work = std::move(work)] {
         work();
         std::lock_guard guard(lock);
         --count;
         ended.notify_all();
-    }).detach();
+    };
+    try {
+        std::thread(task).detach();
+    } catch (const std::system_error&) {
+        // No thread to be had (a process or memory limit): the work is done here, the window
+        // waits, and nothing is left half-started.
+        task();
+    }
 }
 
 void onMainThread(std::function<void()> call) {
