@@ -10,6 +10,9 @@
 #include <QSignalSpy>
 #include <QTest>
 #include <QTreeView>
+#include <QTreeWidget>
+
+#include "automatic_view.h"
 
 #include "app_model.h"
 #include "compare_dialog.h"
@@ -139,10 +142,19 @@ void ScreenshotsTest::everyScreenWithAScanLoaded() {
     QTest::keyClick(&window, Qt::Key_3, Qt::ControlModifier);
     QCOMPARE(window.currentScreen(), MainWindow::acrossScreen);
     save(&window, "across-disks");
+    model.setBackupDisk(QString::fromStdString(root), true);
+    model.setAutomatic(true);
     QTest::keyClick(&window, Qt::Key_4, Qt::ControlModifier);
     QCOMPARE(window.currentScreen(), MainWindow::automaticScreen);
+    if (model.backupDisks().volumes.empty()) {
+        model.clearError();  // a disk without an identifier (some virtual disks) cannot be marked
+    } else {
+        QCOMPARE(window.automaticView()->backupDisks()->topLevelItemCount(), 1);
+        QCOMPARE(window.automaticView()->backupDisks()->topLevelItem(0)->text(1), QString("yes"));  // connected
+    }
     save(&window, "automatic");
 
+    model.setAutomatic(false);
     QTest::keyClick(&window, Qt::Key_5, Qt::ControlModifier);
     QCOMPARE(window.currentScreen(), MainWindow::journalScreen);
     QTRY_COMPARE(window.journalView()->entries().rowCount(), 5);

@@ -15,6 +15,7 @@
 #include <QUrl>
 
 #include "app_model.h"
+#include "automatic_view.h"
 #include "main_window.h"
 #include "reclaim_summary_dialog.h"
 #include "scan_view.h"
@@ -167,6 +168,22 @@ void WindowTest::scanChooseAndReclaimThroughTheButtonsOnBtrfs() {
         QModelIndex again = copyEndingWith(groups, groups->index(0, 0), "/backup/a.jpg");
         QCOMPARE(again.data(Qt::CheckStateRole).value<Qt::CheckState>(), Qt::Unchecked);
         QCOMPARE(total[0]->text(), QString("300.0 kB to reclaim"));
+
+        // The volume marked as a backup disk shows as connected and able to clone; Unmark takes it off.
+        window.showScreen(MainWindow::automaticScreen);
+        model.setBackupDisk(QString::fromStdString(root), true);
+        QTreeWidget* disks = window.automaticView()->backupDisks();
+        QCOMPARE(disks->topLevelItemCount(), 1);
+        QCOMPARE(disks->topLevelItem(0)->text(1), QString("yes"));
+        QCOMPARE(disks->topLevelItem(0)->text(2), QString("yes"));
+        disks->setCurrentItem(disks->topLevelItem(0));
+        QPushButton* unmark = nullptr;
+        for (QPushButton* b : window.automaticView()->findChildren<QPushButton*>()) {
+            if (b->text() == "Unmark") unmark = b;
+        }
+        QTest::mouseClick(unmark, Qt::LeftButton);
+        QVERIFY(model.backupDisks().volumes.empty());
+        QCOMPARE(disks->topLevelItemCount(), 0);
         window.close();
         AppModel::waitForTasks();
     }
