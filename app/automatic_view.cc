@@ -149,7 +149,8 @@ void AutomaticView::showState() {
     } else {
         state = model_.automaticRunning() ? tr("Watching; new copies are reclaimed as they settle.") : tr("Starting…");
     }
-    if (model_.automatic() && model_.automaticHolder().isEmpty()) {
+    const bool noneWatched = model_.automaticUnwatched().size() == static_cast<qsizetype>(model_.sources().size());
+    if (model_.automatic() && model_.automaticHolder().isEmpty() && !noneWatched) {
         for (const QString& folder : model_.automaticUnwatched()) {
             state += "\n" + tr("%1 is not watched: its disk cannot make clones.").arg(folder);
         }
