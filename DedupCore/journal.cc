@@ -307,9 +307,18 @@ void Journal::openEntries(std::vector<JournalEntry>* gone, std::vector<JournalEn
     for (const auto& entry : all) {
         if (entry.event != JournalEntry::Event::started) closed.insert(entry.id);
     }
+    // A replacement may be announced again with more of what it knows (the clone's identity, once
+    // the clone has one): the last announcement counts.
+    std::map<std::string, size_t> latest;
+    for (size_t i = 0; i < all.size(); ++i) {
+        if (all[i].event == JournalEntry::Event::started) latest[all[i].id] = i;
+    }
     std::map<std::string, bool> living;  // owner -> its lock is held
-    for (auto& entry : all) {
-        if (entry.event != JournalEntry::Event::started || closed.contains(entry.id)) continue;
+    for (size_t i = 0; i < all.size(); ++i) {
+        auto& entry = all[i];
+        if (entry.event != JournalEntry::Event::started || closed.contains(entry.id) || latest[entry.id] != i) {
+            continue;
+        }
         bool live = false;
         // An entry without an owner was written before owners were recorded: nobody can be doing it.
         if (entry.owner) {

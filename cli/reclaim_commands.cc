@@ -57,8 +57,22 @@ size_t recoverInterrupted(Journal& journal, std::ostream& out) {
     if (!interrupted.empty()) {
         out << interrupted.size() << " files are left from an interrupted reclaim; the Journal puts them right.\n";
     }
-    auto result = journal.recover(
-        [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); });
+    // The recovery is told everything the journal knows of the replacement, not only the leftover's
+    // path: the identities in it say which file a program wrote to last.
+    std::map<std::string, const JournalEntry*> byTemporary;
+    for (const auto& entry : interrupted) {
+        if (entry.temporary) byTemporary[*entry.temporary] = &entry;
+    }
+    auto result = journal.recover([&](const std::string& path) {
+        auto it = byTemporary.find(path);
+        if (it == byTemporary.end()) return std::string(rawValue(CloneEngine::recoverLeftover(path)));
+        auto recovered = CloneEngine::recoverLeftover(*it->second);
+        if (recovered.keptBeside) {
+            out << it->second->target << " and " << *recovered.keptBeside
+                << " both stay: the reclaim was interrupted and either may hold the newer version.\n";
+        }
+        return recovered.detail();
+    });
     for (const auto& [entry, error] : result.stuck) {
         out << "Could not put right " << entry.temporary.value_or(entry.target) << " (" << error
             << "); it is left as it is and tried again next time.\n";

@@ -63,7 +63,7 @@ TEST(PowerCutTest, StartedEntriesSurviveAndRecoveryPutsEveryTemporaryRight) {
         std::vector<CloneEngine::Replacement> batch;
         for (int i = 0; i < copies; ++i) {
             std::string copy = folder + "/copy" + std::to_string(i) + ".jpg";
-            batch.push_back({copy, folder + "/kept.jpg", FileStatus::read(copy), std::nullopt});
+            batch.push_back({copy, folder + "/kept.jpg", FileStatus::read(copy), std::nullopt, std::nullopt});
         }
         engine.replace(batch, nullptr, [](const CloneEngine::Replacement&, const CloneEngine::Outcome&) {});
         ::_exit(0);
