@@ -239,10 +239,7 @@ private:
             across.size = group.files.front().status.size;
             std::vector<uint32_t> members;
             for (const auto& file : group.files) members.push_back(byPath.at(file.path));
-            std::sort(members.begin(), members.end(), [&](uint32_t a, uint32_t b) {
-                if (fileVolumes_[a] != fileVolumes_[b]) return volumeNames_[fileVolumes_[a]] < volumeNames_[fileVolumes_[b]];
-                return files_[a].path < files_[b].path;
-            });
+            std::sort(members.begin(), members.end(), [&](uint32_t a, uint32_t b) { return files_[a].path < files_[b].path; });
             for (uint32_t i : members) {
                 across.files.push_back(files_[i]);
                 across.volumes.push_back(volumeNames_[fileVolumes_[i]]);
@@ -305,11 +302,7 @@ private:
                 return folders_[i].parent != none && identical[folders_[i].parent];
             });
             if (allCovered || folders_[members.front()].bytes < smallest) continue;
-            std::sort(members.begin(), members.end(), [&](uint32_t a, uint32_t b) {
-                const auto& va = volumeNames_[folders_[a].volume];
-                const auto& vb = volumeNames_[folders_[b].volume];
-                return va != vb ? va < vb : folders_[a].path < folders_[b].path;
-            });
+            std::sort(members.begin(), members.end(), [&](uint32_t a, uint32_t b) { return folders_[a].path < folders_[b].path; });
             AcrossTreeGroup group;
             group.digest = digest;
             group.bytes = folders_[members.front()].bytes;

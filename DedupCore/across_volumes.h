@@ -35,7 +35,7 @@ struct AcrossFileGroup {
     std::string digest;
     int64_t size = 0;
     int64_t freedBytes = 0;              // the most that removing one copy frees on its disk
-    std::vector<ScannedFile> files;      // by volume, then path
+    std::vector<ScannedFile> files;      // by path
     std::vector<std::string> volumes;    // the volume of each file, at the same index
     bool operator==(const AcrossFileGroup&) const = default;
 };
@@ -46,7 +46,7 @@ struct AcrossTreeGroup {
     int64_t bytes = 0;   // content bytes of one copy
     int64_t fileCount = 0;
     int64_t freedBytes = 0;
-    std::vector<std::string> folders;  // by volume, then path
+    std::vector<std::string> folders;  // by path
     std::vector<std::string> volumes;
     bool operator==(const AcrossTreeGroup&) const = default;
 };
