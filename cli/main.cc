@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
     addReclaimCommands(app, commands);
     addSpaceCommands(app, commands);
     addAutoCommands(app, commands);
+    addAcrossCommands(app, commands);
 
     try {
         app.parse(argc, argv);

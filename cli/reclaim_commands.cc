@@ -167,6 +167,8 @@ std::string labelledLine(const JournalEntry& entry) {
     if (entry.event == JournalEntry::Event::replaced && entry.freedBytes) {
         line += "  (" + formatBytes(*entry.freedBytes) + ")";
     }
+    // A trashed copy's entry says where it went, which is where restore takes it from.
+    if (entry.event == JournalEntry::Event::trashed && entry.detail) line += "  -> " + *entry.detail;
     return line;
 }
 
