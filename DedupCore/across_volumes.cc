@@ -9,6 +9,8 @@
 #include <nlohmann/json.hpp>
 
 #include "folder_prefetch.h"
+#include "hasher.h"
+#include "path_names.h"
 #include "platform/system.h"
 #include "temporary_name.h"
 #include "tree_digest.h"
@@ -68,6 +70,7 @@ public:
         if (options_.folders) shapeFolders();
         groupFiles();
         if (options_.folders) digestFolders();
+        if (options_.folders && !cancelled()) nearFolders();
         return finish();
     }
 
@@ -289,7 +292,8 @@ private:
         }
         // A folder whose parent is itself identical to a folder on another volume is reported
         // with its parent, not again on its own.
-        std::vector<char> identical(folders_.size(), 0);
+        identical_.assign(folders_.size(), 0);
+        auto& identical = identical_;
         for (const auto& [digest, members] : byDigest) {
             if (spansVolumes(members)) {
                 for (uint32_t i : members) identical[i] = 1;
@@ -330,6 +334,88 @@ private:
         });
     }
 
+    // Every file below a folder by its path relative to it.
+    void filesBelow(uint32_t folder, const std::string& prefix, std::map<std::string, uint32_t>& out) const {
+        for (const auto& entry : folders_[folder].entries) {
+            std::string rel = prefix.empty() ? entry.name : prefix + "/" + entry.name;
+            if (entry.kind == TreeItem::Kind::file) out.emplace(rel, entry.index);
+            if (entry.kind == TreeItem::Kind::folder) filesBelow(entry.index, rel, out);
+        }
+    }
+
+    bool sameFile(uint32_t a, uint32_t b) {
+        const ScannedFile& x = files_[a];
+        const ScannedFile& y = files_[b];
+        if (x.status.size != y.status.size) return false;
+        if (!digests_[a].empty() && !digests_[b].empty()) return digests_[a] == digests_[b];
+        // Too small to have been read for the groups: compared here, byte for byte.
+        try {
+            return sameContent(x.path, y.path);
+        } catch (const SystemError&) {
+            return false;
+        }
+    }
+
+    // Folders of one name on different volumes that hold mostly the same files, with what differs.
+    // Only the top of such a pair is compared: a pair whose parents share a name too is left to them.
+    void nearFolders() {
+        std::map<std::string, std::vector<uint32_t>> byName;
+        for (uint32_t i = 0; i < folders_.size(); ++i) byName[nameOf(folders_[i].path)].push_back(i);
+        auto covered = [&](uint32_t i) {
+            for (uint32_t p = i; p != none; p = folders_[p].parent) {
+                if (identical_[p]) return true;
+            }
+            return false;
+        };
+        for (const auto& [name, members] : byName) {
+            if (members.size() < 2 || members.size() > maxNamesakes) continue;
+            for (size_t x = 0; x < members.size(); ++x) {
+                for (size_t y = x + 1; y < members.size(); ++y) {
+                    uint32_t a = members[x], b = members[y];
+                    const Folder& fa = folders_[a];
+                    const Folder& fb = folders_[b];
+                    if (fa.volume == fb.volume || covered(a) || covered(b)) continue;
+                    if (fa.parent != none && fb.parent != none && folders_[fa.parent].volume != folders_[fb.parent].volume &&
+                        nameOf(folders_[fa.parent].path) == nameOf(folders_[fb.parent].path)) {
+                        continue;
+                    }
+                    comparePair(a, b);
+                }
+            }
+        }
+    }
+
+    void comparePair(uint32_t a, uint32_t b) {
+        std::map<std::string, uint32_t> left, right;
+        filesBelow(a, "", left);
+        filesBelow(b, "", right);
+        AcrossNearGroup near;
+        near.folders = {folders_[a].path, folders_[b].path};
+        for (const auto& [rel, i] : left) {
+            auto it = right.find(rel);
+            if (it == right.end()) {
+                near.onlyInFirst.push_back(rel);
+            } else if (sameFile(i, it->second)) {
+                near.sameFiles += 1;
+                near.sameBytes += files_[i].status.size;
+            } else {
+                near.changed.push_back(rel);
+            }
+        }
+        for (const auto& [rel, i] : right) {
+            if (!left.contains(rel)) near.onlyInSecond.push_back(rel);
+        }
+        int64_t differing = static_cast<int64_t>(near.onlyInFirst.size() + near.onlyInSecond.size() + near.changed.size());
+        // Mostly the same: at least as many files alike as differing, and something differs.
+        if (near.sameFiles == 0 || differing == 0 || near.sameFiles < differing) return;
+        if (near.sameBytes < std::max<int64_t>(1, options_.minimumSize)) return;
+        if (folders_[b].path < folders_[a].path) {
+            std::swap(near.folders[0], near.folders[1]);
+            std::swap(near.onlyInFirst, near.onlyInSecond);
+        }
+        nearGroups_.push_back(std::move(near));
+    }
+
     bool spansVolumes(const std::vector<uint32_t>& members) const {
         std::set<uint32_t> volumes;
         for (uint32_t i : members) volumes.insert(folders_[i].volume);
@@ -347,7 +433,11 @@ private:
         std::stable_sort(fileGroups_.begin(), fileGroups_.end(), [&](const auto& a, const auto& b) {
             return byFreed(a, b, a.files.front().path, b.files.front().path);
         });
+        std::stable_sort(nearGroups_.begin(), nearGroups_.end(), [](const auto& a, const auto& b) {
+            return a.sameBytes != b.sameBytes ? a.sameBytes > b.sameBytes : a.folders < b.folders;
+        });
         result.trees = std::move(treeGroups_);
+        result.nearlyIdentical = std::move(nearGroups_);
         result.files = std::move(fileGroups_);
         result.filesSeen = static_cast<int64_t>(files_.size());
         result.bytesRead = bytesRead_;
@@ -371,6 +461,10 @@ private:
     std::vector<std::string> unreadable_;
     std::vector<AcrossFileGroup> fileGroups_;
     std::vector<AcrossTreeGroup> treeGroups_;
+    std::vector<AcrossNearGroup> nearGroups_;
+    std::vector<char> identical_;  // per folder: identical to a folder on another volume
+    // A name worn by more folders than this (".git", "src") would make too many pairs to compare.
+    static constexpr size_t maxNamesakes = 8;
     int64_t bytesRead_ = 0;
 };
 
@@ -407,8 +501,13 @@ void to_json(nlohmann::json& j, const AcrossTreeGroup& g) {
          {"freedBytes", g.freedBytes}, {"folders", g.folders}, {"volumes", g.volumes}};
 }
 
+void to_json(nlohmann::json& j, const AcrossNearGroup& g) {
+    j = {{"folders", g.folders},         {"sameFiles", g.sameFiles}, {"sameBytes", g.sameBytes},
+         {"onlyInFirst", g.onlyInFirst}, {"onlyInSecond", g.onlyInSecond}, {"changed", g.changed}};
+}
+
 void to_json(nlohmann::json& j, const AcrossResult& r) {
-    j = {{"trees", r.trees},         {"files", r.files},
+    j = {{"trees", r.trees},         {"files", r.files}, {"nearlyIdentical", r.nearlyIdentical},
          {"filesSeen", r.filesSeen}, {"bytesRead", r.bytesRead},
          {"unreadableFolders", r.unreadableFolders}, {"cancelled", r.cancelled}};
 }

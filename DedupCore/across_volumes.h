@@ -51,9 +51,21 @@ struct AcrossTreeGroup {
     bool operator==(const AcrossTreeGroup&) const = default;
 };
 
+// Two folders of one name on different volumes holding mostly the same files: what differs, by
+// paths relative to each folder.
+struct AcrossNearGroup {
+    std::vector<std::string> folders;  // two, by path
+    int64_t sameFiles = 0;
+    int64_t sameBytes = 0;
+    std::vector<std::string> onlyInFirst, onlyInSecond;
+    std::vector<std::string> changed;  // in both, with other contents
+    bool operator==(const AcrossNearGroup&) const = default;
+};
+
 struct AcrossResult {
     std::vector<AcrossTreeGroup> trees;  // most freed first
     std::vector<AcrossFileGroup> files;  // most freed first; files inside reported trees left out
+    std::vector<AcrossNearGroup> nearlyIdentical;  // with folders only; most bytes alike first
     int64_t filesSeen = 0;
     int64_t bytesRead = 0;
     std::vector<std::string> unreadableFolders;
@@ -63,6 +75,7 @@ struct AcrossResult {
 
 void to_json(nlohmann::json& j, const AcrossFileGroup& g);
 void to_json(nlohmann::json& j, const AcrossTreeGroup& g);
+void to_json(nlohmann::json& j, const AcrossNearGroup& g);
 void to_json(nlohmann::json& j, const AcrossResult& r);
 
 namespace AcrossVolumes {

@@ -52,6 +52,14 @@ void printAcross(std::ostream& out, const AcrossResult& result) {
         for (const auto& file : group.files) out << "    " << file.path << "\n";
         total += group.freedBytes;
     }
+    if (!result.nearlyIdentical.empty()) out << "Nearly identical folders on different disks:\n";
+    for (const auto& near : result.nearlyIdentical) {
+        out << fmt::format("  {} alike ({})\n", counted(near.sameFiles, "file", "files"), formatBytes(near.sameBytes));
+        out << "    " << near.folders[0] << "\n    " << near.folders[1] << "\n";
+        for (const auto& rel : near.onlyInFirst) out << "      only in the first: " << rel << "\n";
+        for (const auto& rel : near.onlyInSecond) out << "      only in the second: " << rel << "\n";
+        for (const auto& rel : near.changed) out << "      changed: " << rel << "\n";
+    }
     for (const auto& folder : result.unreadableFolders) out << "Could not be read: " << folder << "\n";
     if (result.trees.empty() && result.files.empty()) {
         out << "No identical files on different disks.\n";

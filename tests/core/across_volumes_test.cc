@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+#include <nlohmann/json.hpp>
+
 #include "across_volumes.h"
 #include "core/volumes.h"
 #include "hash_cache.h"
@@ -102,7 +104,7 @@ TEST(AcrossVolumesTest, IdenticalTreeIsReportedOnceNotAgainAsItsSubfoldersOrFile
     EXPECT_GE(files.files[0].freedBytes, files.files[1].freedBytes);
 }
 
-TEST(AcrossVolumesTest, TreeDiffersByOneByteOneEntryOrOneNameOrLinkTarget) {
+TEST(AcrossVolumesTest, TreeDiffersByOneByteOneEntryOrOneNameOrLinkTargetAndSaysWhat) {
     REQUIRE_TWO_DISKS();
     using Change = std::function<void(const std::string&)>;
     std::vector<std::pair<std::string, Change>> changes = {
@@ -127,7 +129,32 @@ TEST(AcrossVolumesTest, TreeDiffersByOneByteOneEntryOrOneNameOrLinkTarget) {
         apply(disks.right + "/Photos");
         auto result = search({disks.left, disks.right}, true);
         EXPECT_FALSE(reportsTree(result, disks.left + "/Photos", disks.right + "/Photos"));
+        if (what == "one byte" || what == "extra empty file" || what == "renamed file") {
+            // Mostly the same: said as nearly identical, with what differs.
+            ASSERT_EQ(result.nearlyIdentical.size(), 1u);
+            const auto& near = result.nearlyIdentical.front();
+            EXPECT_EQ(near.folders, (std::vector<std::string>{disks.left + "/Photos", disks.right + "/Photos"}));
+            using Paths = std::vector<std::string>;
+            if (what == "one byte") {
+                EXPECT_EQ(near.changed, Paths{"2024/trip/notes.txt"});
+            }
+            if (what == "extra empty file") {
+                EXPECT_EQ(near.onlyInSecond, Paths{"2024/new.txt"});
+            }
+            if (what == "renamed file") {
+                EXPECT_EQ(near.onlyInFirst, Paths{"2024/beach.jpg"});
+                EXPECT_EQ(near.onlyInSecond, Paths{"2024/Beach.jpg"});
+            }
+        }
     }
+    // Identical trees are not nearly identical too.
+    auto disks = twoDisks("across-near");
+    makeLibrary(disks.left + "/Photos");
+    makeLibrary(disks.right + "/Photos");
+    test::writeFile(disks.left + "/elsewhere.txt", "only here");
+    auto same = search({disks.left, disks.right}, true);
+    EXPECT_TRUE(reportsTree(same, disks.left + "/Photos", disks.right + "/Photos"));
+    EXPECT_TRUE(same.nearlyIdentical.empty()) << nlohmann::json(same).dump();
 }
 
 TEST(AcrossVolumesTest, SecondSearchOfUnchangedTreesReadsNoContent) {
