@@ -57,6 +57,8 @@ run() {  # name condition command...
   printf '%-28s %-5s %8.2f s %8d kB  %6d bytes/file\n' "$name" "$condition" "$seconds" "$kb" $((kb * 1024 / files))
 }
 roots=("$dir/xfs/tree" "$dir/btrfs/tree")
+# rdfind and rmlint like to leave files where they are started.
+cd "$dir"
 for condition in cold warm; do
   rm -rf "$DEDUP_DATA_DIR"
   run "dedup across --no-cache" "$condition" "$dedup" across --no-cache --min-size 1 "${roots[@]}"
