@@ -72,14 +72,7 @@ void printAcross(std::ostream& out, const AcrossResult& result) {
 
 int runAcross(const AcrossArguments& arguments) {
     auto roots = checkedRoots(arguments.roots);
-    std::unique_ptr<HashCache> cache;
-    if (!arguments.noCache) {
-        try {
-            cache = std::make_unique<HashCache>(Locations::hashes());
-        } catch (const std::exception& error) {
-            std::cerr << "dedup: the digest cache cannot be opened (" << error.what() << "); every file will be read\n";
-        }
-    }
+    std::unique_ptr<HashCache> cache = openDigestCache(arguments.noCache);
     AcrossOptions options;
     options.minimumSize = arguments.minimumSize;
     options.folders = arguments.folders;

@@ -55,6 +55,17 @@ std::string withoutTrailingSlash(std::string path) {
 
 }  // namespace
 
+std::unique_ptr<HashCache> openDigestCache(bool noCache) {
+    if (noCache) return nullptr;
+    try {
+        return std::make_unique<HashCache>(Locations::hashes());
+    } catch (const std::exception& error) {
+        // The cache only saves time: without it every file is read, and the search still runs.
+        std::cerr << "dedup: the digest cache cannot be opened (" << error.what() << "); every file will be read\n";
+        return nullptr;
+    }
+}
+
 std::vector<std::string> checkedRoots(const std::vector<std::string>& roots, bool resolveLinks) {
     std::vector<std::string> result;
     for (const auto& given : roots) {
@@ -136,15 +147,7 @@ int scanAndReport(const ScanArguments& arguments, std::ostream& out, const Repor
     DuplicateFinder finder;
     finder.options = scanOptions(arguments);
     finder.threads = arguments.threads;
-    std::unique_ptr<HashCache> cache;
-    if (!arguments.noCache) {
-        try {
-            cache = std::make_unique<HashCache>(Locations::hashes());
-        } catch (const std::exception& error) {
-            // The cache only saves time: without it every file is read, and the scan still runs.
-            std::cerr << "dedup: the digest cache cannot be opened (" << error.what() << "); every file will be read\n";
-        }
-    }
+    std::unique_ptr<HashCache> cache = openDigestCache(arguments.noCache);
     finder.cache = cache.get();
 
     platform::installInterruptHandlers();

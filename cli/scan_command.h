@@ -2,12 +2,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "hash_cache.h"
 #include "scan_options.h"
 
 namespace dedup::cli {
@@ -32,6 +34,10 @@ void addScanOptions(CLI::App& command, ScanArguments& arguments);
 // callers that walk and watch it themselves.
 std::vector<std::string> checkedRoots(const std::vector<std::string>& roots, bool resolveLinks = true);
 ScanOptions scanOptions(const ScanArguments& arguments);
+
+// The digest cache, or none when asked for none or when it cannot be opened (said on standard
+// error: the cache only saves time).
+std::unique_ptr<HashCache> openDigestCache(bool noCache);
 
 // Runs the scan and prints it; returns the exit code.
 int runScan(const ScanArguments& arguments, std::ostream& out);
