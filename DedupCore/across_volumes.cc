@@ -12,6 +12,7 @@
 #include "hasher.h"
 #include "path_names.h"
 #include "platform/system.h"
+#include "platform/trash.h"
 #include "temporary_name.h"
 #include "tree_digest.h"
 #include "walk.h"
@@ -141,6 +142,7 @@ private:
                     if (!atVolumeRoot) atVolumeRoot = Walk::isVolumeRoot(path);
                     // The disk's own Trash and system folders belong to no copy of anything.
                     if (*atVolumeRoot && Walk::isVolumeSystemFolder(item.name)) continue;
+                    if (child == homeTrash_) continue;
                     if (item.status.device != status.device) {
                         // Another disk mounted inside: this tree cannot be compared whole.
                         folders_[current].complete = false;
@@ -447,6 +449,8 @@ private:
     }
 
     const AcrossOptions& options_;
+    // What went to the Trash is no copy to find again.
+    const std::string homeTrash_ = platform::homeTrashFolder();
     const ProgressCallback& progress_;
     const CancelCallback& isCancelled_;
     std::atomic<bool> cancelled_{false};

@@ -12,6 +12,9 @@ struct TrashMove {
     std::string reason;    // why it stayed where it was (not moved only)
 };
 
+// The home Trash: "$XDG_DATA_HOME/Trash", else "$HOME/.local/share/Trash", as GIO places it.
+std::string homeTrashFolder();
+
 // Moves the file or folder (not following a final link) to the Trash of its own disk and finds
 // where it went, by its inode. Never throws.
 TrashMove moveToTrashOfItsDisk(const std::string& path);

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 
 #include <nlohmann/json.hpp>
@@ -80,7 +81,17 @@ TEST(AcrossVolumesTest, IdenticalTreeIsReportedOnceNotAgainAsItsSubfoldersOrFile
     test::writeRandomFile(disks.left + "/movie.mkv", 900000, 5);
     test::writeRandomFile(disks.right + "/movie.mkv", 900000, 5);
 
+    // A copy already in the home Trash is no copy to find again.
+    std::string data = disks.left + "/home/.local/share";
+    test::writeRandomFile(data + "/Trash/files/movie.mkv", 900000, 5);
+    std::string saved = std::getenv("XDG_DATA_HOME") ? std::getenv("XDG_DATA_HOME") : "";
+    ::setenv("XDG_DATA_HOME", data.c_str(), 1);
     auto result = search({disks.left, disks.right}, true);
+    if (saved.empty()) {
+        ::unsetenv("XDG_DATA_HOME");
+    } else {
+        ::setenv("XDG_DATA_HOME", saved.c_str(), 1);
+    }
     ASSERT_EQ(result.trees.size(), 1u);
     const auto& tree = result.trees.front();
     EXPECT_EQ(tree.folders, (std::vector<std::string>{disks.left + "/Photos", disks.right + "/Backup/Photos"}));

@@ -1,6 +1,7 @@
 #include "../trash.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
@@ -50,6 +51,13 @@ std::vector<std::string> trashFoldersFor(const std::string& path, dev_t device) 
 }
 
 }  // namespace
+
+std::string homeTrashFolder() {
+    const char* data = std::getenv("XDG_DATA_HOME");
+    if (data && *data == '/') return std::string(data) + "/Trash";
+    const char* home = std::getenv("HOME");
+    return std::string(home && *home ? home : "/") + "/.local/share/Trash";
+}
 
 TrashMove moveToTrashOfItsDisk(const std::string& path) {
     TrashMove result;
