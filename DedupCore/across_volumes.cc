@@ -4,6 +4,7 @@
 #include <atomic>
 #include <map>
 #include <set>
+#include <thread>
 #include <unordered_map>
 
 #include <nlohmann/json.hpp>
@@ -57,17 +58,15 @@ std::string childPath(const std::string& folder, const std::string& name) {
     return folder == "/" ? "/" + name : folder + "/" + name;
 }
 
-// One search: owns what the walk found, on the caller's thread.
+// One search: owns what the walk found. Runs on the caller's thread but for the readers of the
+// walk, one per disk, which work on what is their own until merged.
 class Search {
 public:
     Search(const AcrossOptions& options, const ProgressCallback& progress, const CancelCallback& isCancelled)
         : options_(options), progress_(progress), isCancelled_(isCancelled) {}
 
     AcrossResult run(const std::vector<std::string>& roots) {
-        for (const auto& root : roots) {
-            if (cancelled()) break;
-            walkRoot(root);
-        }
+        walkDisks(roots);
         if (options_.folders) shapeFolders();
         groupFiles();
         if (options_.folders) digestFolders();
@@ -92,45 +91,117 @@ private:
         return it->second;
     }
 
-    uint32_t fileIndex(const std::string& path, const FileStatus& status) {
-        auto [it, isNew] = inodes_.try_emplace(InodeKey{status.device, status.inode}, 0);
-        if (isNew) {
-            it->second = static_cast<uint32_t>(files_.size());
-            files_.push_back({path, status, std::nullopt});
-            fileVolumes_.push_back(volumeIndex(status.device, path));
+    // What one reader found on one disk; indices are its own until merged.
+    struct Partial {
+        std::vector<ScannedFile> files;
+        std::vector<Folder> folders;
+        std::vector<uint64_t> folderDevices;
+        std::unordered_map<InodeKey, uint32_t, InodeKeyHash> inodes;
+        std::vector<std::string> unreadable;
+
+        uint32_t fileIndex(const std::string& path, const FileStatus& status) {
+            auto [it, isNew] = inodes.try_emplace(InodeKey{status.device, status.inode}, 0);
+            if (isNew) {
+                it->second = static_cast<uint32_t>(files.size());
+                files.push_back({path, status, std::nullopt});
+            }
+            return it->second;
         }
-        return it->second;
+        uint32_t addFolder(const std::string& path, uint32_t parent, uint64_t device) {
+            Folder folder;
+            folder.path = path;
+            folder.parent = parent;
+            folders.push_back(std::move(folder));
+            folderDevices.push_back(device);
+            return static_cast<uint32_t>(folders.size() - 1);
+        }
+    };
+
+    // One reader per disk, all at once: a USB disk and the internal one are listed side by side.
+    // Roots on one device go to one reader, in the order given, so a file reachable from two of
+    // them is taken once.
+    void walkDisks(const std::vector<std::string>& roots) {
+        std::vector<uint64_t> devices;
+        std::vector<std::vector<std::string>> rootsByDisk;
+        for (const auto& root : roots) {
+            uint64_t device = UINT64_MAX;
+            try {
+                device = FileStatus::read(root).device;
+            } catch (const SystemError&) {
+            }
+            auto found = std::find(devices.begin(), devices.end(), device);
+            if (found == devices.end()) {
+                devices.push_back(device);
+                rootsByDisk.emplace_back();
+                found = devices.end() - 1;
+            }
+            rootsByDisk[static_cast<size_t>(found - devices.begin())].push_back(root);
+        }
+        std::vector<Partial> partials(rootsByDisk.size());
+        {
+            std::vector<std::jthread> readers;
+            for (size_t d = 0; d < rootsByDisk.size(); ++d) {
+                readers.emplace_back([this, &partials, &rootsByDisk, d] {
+                    for (const auto& root : rootsByDisk[d]) {
+                        if (cancelled()) break;
+                        walkRoot(root, partials[d]);
+                    }
+                });
+            }
+        }
+        for (auto& partial : partials) merge(partial);
     }
 
-    void walkRoot(const std::string& root) {
+    void merge(Partial& partial) {
+        auto fileBase = static_cast<uint32_t>(files_.size());
+        auto folderBase = static_cast<uint32_t>(folders_.size());
+        for (auto& file : partial.files) {
+            fileVolumes_.push_back(volumeIndex(file.status.device, file.path));
+            files_.push_back(std::move(file));
+        }
+        for (size_t i = 0; i < partial.folders.size(); ++i) {
+            Folder& folder = partial.folders[i];
+            folder.volume = volumeIndex(partial.folderDevices[i], folder.path);
+            if (folder.parent != none) folder.parent += folderBase;
+            for (auto& entry : folder.entries) {
+                if (entry.kind == TreeItem::Kind::file) entry.index += fileBase;
+                if (entry.kind == TreeItem::Kind::folder) entry.index += folderBase;
+            }
+            folders_.push_back(std::move(folder));
+        }
+        unreadable_.insert(unreadable_.end(), partial.unreadable.begin(), partial.unreadable.end());
+    }
+
+    // Runs on a reader thread: touches only `partial` and what never changes during the walk.
+    void walkRoot(const std::string& root, Partial& partial) {
         FileStatus status;
         try {
             status = FileStatus::read(root);
         } catch (const SystemError&) {
-            unreadable_.push_back(root);
+            partial.unreadable.push_back(root);
             return;
         }
         if (status.isRegularFile()) {
-            fileIndex(root, status);
+            partial.fileIndex(root, status);
             return;
         }
         if (!status.isDirectory()) return;
         FolderPrefetch prefetch(2, 32);
-        std::vector<uint32_t> stack{addFolder(root, none, status.device)};
+        std::vector<uint32_t> stack{partial.addFolder(root, none, status.device)};
         while (!stack.empty()) {
             if (cancelled()) return;
             uint32_t current = stack.back();
             stack.pop_back();
-            std::string path = folders_[current].path;
+            std::string path = partial.folders[current].path;
             if (progress_) {
-                progress_(ScanProgress{ScanProgress::Phase::walking, static_cast<int64_t>(files_.size()), 0, path});
+                progress_(ScanProgress{ScanProgress::Phase::walking, static_cast<int64_t>(partial.files.size()), 0, path});
             }
             std::vector<DirectoryEntry> listing;
             try {
                 listing = prefetch.take(path);
             } catch (const SystemError&) {
-                unreadable_.push_back(path);
-                folders_[current].complete = false;
+                partial.unreadable.push_back(path);
+                partial.folders[current].complete = false;
                 continue;
             }
             std::optional<bool> atVolumeRoot;
@@ -145,32 +216,23 @@ private:
                     if (child == homeTrash_) continue;
                     if (item.status.device != status.device) {
                         // Another disk mounted inside: this tree cannot be compared whole.
-                        folders_[current].complete = false;
+                        partial.folders[current].complete = false;
                         continue;
                     }
                     entry.kind = TreeItem::Kind::folder;
-                    entry.index = addFolder(child, current, status.device);
+                    entry.index = partial.addFolder(child, current, status.device);
                     prefetch.request(child);
                     stack.push_back(entry.index);
                 } else if (item.status.isRegularFile()) {
                     entry.kind = TreeItem::Kind::file;
-                    entry.index = fileIndex(child, item.status);
+                    entry.index = partial.fileIndex(child, item.status);
                 } else if (item.status.isSymbolicLink()) {
                     entry.kind = TreeItem::Kind::link;
                     entry.linkTarget = platform::readLink(child);
                 }
-                folders_[current].entries.push_back(std::move(entry));
+                partial.folders[current].entries.push_back(std::move(entry));
             }
         }
-    }
-
-    uint32_t addFolder(const std::string& path, uint32_t parent, uint64_t device) {
-        Folder folder;
-        folder.path = path;
-        folder.parent = parent;
-        folder.volume = volumeIndex(device, path);
-        folders_.push_back(std::move(folder));
-        return static_cast<uint32_t>(folders_.size() - 1);
     }
 
     // A folder's shape from names, kinds, sizes and link targets, bottom-up: a subfolder always
@@ -457,7 +519,6 @@ private:
     std::vector<ScannedFile> files_;
     std::vector<uint32_t> fileVolumes_;
     std::vector<std::string> digests_;
-    std::unordered_map<InodeKey, uint32_t, InodeKeyHash> inodes_;
     std::vector<Folder> folders_;
     std::set<uint32_t> inTree_;
     std::unordered_map<uint64_t, uint32_t> deviceVolumes_;
