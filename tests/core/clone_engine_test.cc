@@ -169,7 +169,7 @@ TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
     pid_t child = ::fork();
     if (child == 0) {
         int fd = ::open(copy().c_str(), O_RDONLY);
-        ::write(ready[1], "x", 1);
+        if (::write(ready[1], "x", 1) != 1) ::_exit(2);
         ::pause();
         ::_exit(fd >= 0 ? 0 : 1);
     }
