@@ -1,0 +1,111 @@
+// The dedup command run by a user who is not root, as most people run it: what it saves, it can
+// read back; files and folders it may not touch are named and left alone. The tests start as root
+// (to make the volumes) and run the command under a made-up user id.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include <nlohmann/json.hpp>
+
+#include "core/volumes.h"
+#include "support/test_files.h"
+
+namespace dedup {
+namespace {
+
+namespace fs = std::filesystem;
+using test::LoopVolume;
+
+constexpr uid_t user = 54321;
+
+class UnprivilegedUserTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        if (::geteuid() != 0) GTEST_SKIP() << "needs root to take on another user's id";
+        setpriv_ = test::findProgram("setpriv");
+        if (setpriv_.empty()) GTEST_SKIP() << "setpriv (util-linux) is missing";
+        DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::btrfs);
+        volume_ = LoopVolume::create(LoopVolume::Kind::btrfs);
+        // The user must reach the mount point and its own data folder.
+        ASSERT_EQ(::chmod(volume_->folder().c_str(), 0755), 0);
+        ASSERT_EQ(::chmod(data_.path().c_str(), 0755), 0);
+        home_ = volume_->path("home");
+        fs::create_directories(home_ + "/data");
+        ::setenv("DEDUP_DATA_DIR", (home_ + "/data").c_str(), 1);
+    }
+
+    // Runs dedup as `user`, with the usual umask of a desktop session.
+    test::CommandResult asUser(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), {setpriv_, "--reuid=" + std::to_string(user),
+                                             "--regid=" + std::to_string(user), "--clear-groups", DEDUP_BINARY});
+        mode_t old = ::umask(022);
+        auto result = test::runCommand(arguments);
+        ::umask(old);
+        return result;
+    }
+
+    // Makes everything under home_ the user's, as if the user had made it.
+    void handOver() {
+        ASSERT_EQ(::chown(home_.c_str(), user, user), 0);
+        for (const auto& entry : fs::recursive_directory_iterator(home_)) {
+            ASSERT_EQ(::lchown(entry.path().c_str(), user, user), 0) << entry.path();
+        }
+    }
+
+    static unsigned modeOf(const std::string& path) {
+        struct stat st {};
+        if (::stat(path.c_str(), &st) != 0) return 0;
+        return st.st_mode & 07777;
+    }
+
+    std::string setpriv_;
+    test::TempDir data_;
+    std::unique_ptr<LoopVolume> volume_;
+    std::string home_;
+};
+
+TEST_F(UnprivilegedUserTest, EverythingSavedIsReadBackAndExclusionsHold) {
+    const std::string photos = home_ + "/photos";
+    for (const char* name : {"a.jpg", "b.jpg", "kept-out/c.jpg"}) test::writeRandomFile(photos + "/" + name, 300000, 7);
+    handOver();
+
+    // The saved selection is the user's to read, and every reclaim honours it.
+    auto excluded = asUser({"exclude", photos + "/kept-out"});
+    ASSERT_EQ(excluded.exitCode, 0) << excluded.stderrText;
+    EXPECT_EQ(modeOf(home_ + "/data/selection.json"), 0644u);
+    EXPECT_NE(asUser({"exclusions"}).stdoutText.find(photos + "/kept-out"), std::string::npos);
+    auto reclaim = asUser({"reclaim", "--min-size", "1", photos});
+    EXPECT_EQ(reclaim.exitCode, 0) << reclaim.stdoutText << reclaim.stderrText;
+    EXPECT_NE(reclaim.stdoutText.find("1 files are clones now"), std::string::npos) << reclaim.stdoutText;
+    EXPECT_EQ(reclaim.stderrText, "");
+    auto journal = asUser({"journal", "--json"});
+    ASSERT_EQ(journal.exitCode, 0) << journal.stderrText;
+    for (const auto& entry : nlohmann::json::parse(journal.stdoutText)) {
+        EXPECT_EQ(entry["target"].get<std::string>().find("/kept-out/"), std::string::npos) << entry;
+    }
+
+    // A backup disk marked is listed.
+    auto add = asUser({"backup-disk", "add", home_});
+    ASSERT_EQ(add.exitCode, 0) << add.stderrText;
+    EXPECT_EQ(modeOf(home_ + "/data/backup-disks.json"), 0644u);
+    EXPECT_NE(asUser({"backup-disk", "list"}).stdoutText.find("1 backup disk."), std::string::npos);
+
+    // A saved scan and a CSV report open again; a file the user had made private stays private
+    // when saved over.
+    const std::string saved = home_ + "/data/scan.json";
+    const std::string csv = home_ + "/data/scan.csv";
+    auto scan = asUser({"scan", "--min-size", "1", "--save", saved, "--csv", csv, photos});
+    ASSERT_EQ(scan.exitCode, 0) << scan.stderrText;
+    EXPECT_EQ(modeOf(saved), 0644u);
+    EXPECT_EQ(modeOf(csv), 0644u);
+    auto show = asUser({"show", saved});
+    EXPECT_EQ(show.exitCode, 0) << show.stderrText;
+    ASSERT_EQ(::chmod(csv.c_str(), 0600), 0);
+    ASSERT_EQ(asUser({"scan", "--min-size", "1", "--csv", csv, photos}).exitCode, 0);
+    EXPECT_EQ(modeOf(csv), 0600u);
+}
+
+}  // namespace
+}  // namespace dedup
