@@ -291,7 +291,11 @@ private:
         };
         std::map<uint64_t, std::vector<Candidate*>> jobsByDevice;
         for (auto& candidate : candidates) {
-            if (needs(*candidate.bucket)) jobsByDevice[firstOf(candidate, 0).status.device].push_back(&candidate);
+            if (!needs(*candidate.bucket)) continue;
+            // The prefix digest proves nothing about the rest of the file: a unit the reading does
+            // not reach (a scan cancelled half-way) must match nothing, never its prefix's peers.
+            for (size_t u : candidate.units) candidate.bucket->units[u].digest.clear();
+            jobsByDevice[firstOf(candidate, 0).status.device].push_back(&candidate);
         }
         for (auto& [device, jobs] : jobsByDevice) {
             if (cancelled()) break;

@@ -206,6 +206,36 @@ TEST(FinderTest, FileThatVanishedAfterTheWalkDropsOut) {
     EXPECT_FALSE(grouping.cancelled);
 }
 
+TEST(FinderTest, ScanCancelledAtAnyPointGroupsOnlyIdenticalFiles) {
+    test::TempDir dir;
+    // One size and the same first 64 KiB: only the whole files tell these apart.
+    const std::string same = test::randomBytes(100000, 21);
+    for (int i = 0; i < 4; ++i) {
+        std::string bytes = same;
+        bytes.back() = static_cast<char>(bytes.back() ^ (i + 1));
+        test::writeFile(dir.path("differs" + std::to_string(i)), bytes);
+    }
+    test::writeFile(dir.path("same1"), same);
+    test::writeFile(dir.path("same2"), same);
+    // Stop at every point the scan asks, one after the other, until it is no longer stopped.
+    for (int stopAt = 0;; ++stopAt) {
+        ASSERT_LT(stopAt, 100000);
+        std::atomic<int> asked{0};
+        DuplicateFinder finder;
+        finder.options.minimumSize = 1;
+        auto result = finder.scan({dir.path()}, nullptr, [&] { return ++asked > stopAt; });
+        for (const auto& group : result.groups) {
+            for (const auto& file : group.files) {
+                EXPECT_EQ(test::readFile(file.path), same) << file.path << " stopped at " << stopAt;
+            }
+        }
+        if (!result.cancelled) {
+            ASSERT_EQ(result.groups.size(), 1u);
+            break;
+        }
+    }
+}
+
 TEST(HasherTest, DigestsOfKnownContentAndPrefixesAcrossChunks) {
     test::TempDir dir;
     test::writeFile(dir.path("abcdef"), "abcdef");
