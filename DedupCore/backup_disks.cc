@@ -1,13 +1,13 @@
 #include "backup_disks.h"
 
 #include <filesystem>
-#include <fstream>
 
 #include <nlohmann/json.hpp>
 
 #include "platform/file_io.h"
 #include "platform/process.h"
 #include "platform/system.h"
+#include "saved_choices.h"
 #include "serial_queue.h"
 
 namespace dedup {
@@ -20,13 +20,9 @@ std::optional<std::string> BackupDisks::uuid(const std::string& path) {
 }
 
 BackupDisks BackupDisks::load(const std::string& file) {
-    try {
-        std::ifstream in(file);
-        if (!in) return {};
-        return nlohmann::json::parse(in).get<BackupDisks>();
-    } catch (const std::exception&) {
-        return {};
-    }
+    auto text = readSavedChoices(file);
+    if (!text) return {};
+    return decodeSavedChoices<BackupDisks>(file, *text);
 }
 
 void BackupDisks::save(const std::string& file) const {

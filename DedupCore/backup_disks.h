@@ -28,7 +28,8 @@ struct BackupDisks {
 
     // The identifier of the volume holding `path`; absent when it has none.
     static std::optional<std::string> uuid(const std::string& path);
-    // A missing or unreadable file means no marked disks.
+    // A missing file means no marked disks; one that is there but cannot be read or decoded
+    // throws SavedChoicesError, so that a save never overwrites the marks it could not read.
     static BackupDisks load(const std::string& file);
     // Creates the folder, writes atomically. Throws on failure.
     void save(const std::string& file) const;

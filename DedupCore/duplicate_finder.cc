@@ -6,6 +6,7 @@
 
 #include "duplicate_grouper.h"
 #include "hash_cache.h"
+#include "path_text.h"
 #include "walk.h"
 
 namespace dedup {
@@ -62,16 +63,16 @@ void to_json(nlohmann::json& j, const ScanResult& r) {
     j = {{"groups", r.groups},
          {"filesSeen", r.filesSeen},
          {"bytesRead", r.bytesRead},
-         {"unreadableFolders", r.unreadableFolders},
-         {"leftovers", r.leftovers},
+         {"unreadableFolders", pathTexts(r.unreadableFolders)},
+         {"leftovers", pathTexts(r.leftovers)},
          {"cancelled", r.cancelled}};
 }
 void from_json(const nlohmann::json& j, ScanResult& r) {
     j.at("groups").get_to(r.groups);
     j.at("filesSeen").get_to(r.filesSeen);
     j.at("bytesRead").get_to(r.bytesRead);
-    j.at("unreadableFolders").get_to(r.unreadableFolders);
-    j.at("leftovers").get_to(r.leftovers);
+    r.unreadableFolders = pathsFromTexts(j.at("unreadableFolders").get<std::vector<std::string>>());
+    r.leftovers = pathsFromTexts(j.at("leftovers").get<std::vector<std::string>>());
     j.at("cancelled").get_to(r.cancelled);
 }
 

@@ -7,12 +7,13 @@
 
 #include "directory_reader.h"
 #include "file_records.h"
+#include "path_text.h"
 #include "platform/space.h"
 
 namespace dedup {
 
 void to_json(nlohmann::json& j, const FolderSize& f) {
-    j = {{"path", f.path},
+    j = {{"path", pathText(f.path)},
          {"logical", f.logical},
          {"allocated", f.allocated},
          {"freedIfDeleted", f.freedIfDeleted},
@@ -21,7 +22,7 @@ void to_json(nlohmann::json& j, const FolderSize& f) {
 }
 
 void from_json(const nlohmann::json& j, FolderSize& f) {
-    j.at("path").get_to(f.path);
+    f.path = pathFromText(j.at("path").get<std::string>());
     j.at("logical").get_to(f.logical);
     j.at("allocated").get_to(f.allocated);
     j.at("freedIfDeleted").get_to(f.freedIfDeleted);

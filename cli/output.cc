@@ -6,6 +6,7 @@
 
 #include "byte_format.h"
 #include "parallel.h"
+#include "path_text.h"
 #include "reclaim_plan.h"
 
 namespace dedup::cli {
@@ -35,7 +36,8 @@ void writeScanJson(std::ostream& out, const ScanResult& result) {
             out << "\n" << texts[k];
         }
     }
-    out << "],\"leftovers\":" << text(result.leftovers) << ",\"unreadableFolders\":" << text(result.unreadableFolders)
+    out << "],\"leftovers\":" << text(pathTexts(result.leftovers))
+        << ",\"unreadableFolders\":" << text(pathTexts(result.unreadableFolders))
         << "}\n";
 }
 

@@ -12,6 +12,9 @@
 #include "hash_cache.h"
 #include "journal.h"
 #include "output.h"
+#include "path_spellings.h"
+#include "path_text.h"
+#include "saved_choices.h"
 #include "platform/process.h"
 #include "progress_line.h"
 #include "reclaim_commands.h"
@@ -31,14 +34,19 @@ std::unique_ptr<Journal> openJournal() {
     }
 }
 
-Selection loadSelection() {
-    if (!fs::exists(Locations::selection())) return {};
+Selection savedSelection() {
     try {
-        return Selection::load(Locations::selection());
-    } catch (const std::exception& error) {
-        std::cerr << "dedup: the saved selection cannot be read (" << error.what() << "); nothing is left out\n";
-        return {};
+        return Selection::loadSaved(Locations::selection());
+    } catch (const SavedChoicesError& error) {
+        throw CommandError("the files left out of reclaiming are saved in " + error.file + ", which cannot be read: " +
+                           error.reason + ". Nothing was changed; repair or remove that file, then try again.");
     }
+}
+
+Selection loadSelection(const std::vector<std::string>& roots) {
+    Selection selection = savedSelection();
+    selection.excluded = spellingsBelow(selection.excluded, spelledRoots(roots));
+    return selection;
 }
 
 size_t recoverInterrupted(Journal& journal, std::ostream& out) {
@@ -85,6 +93,8 @@ void printSummary(std::ostream& out, const ReclaimSummary& summary) {
 
 int runReclaim(const ReclaimArguments& arguments) {
     auto roots = checkedRoots(arguments.scan.roots);
+    // Read before anything is scanned or changed: without it, nothing may be replaced.
+    Selection selection = loadSelection(arguments.scan.roots);
     auto journal = openJournal();
     platform::installInterruptHandlers();
     std::ostream& notes = arguments.scan.json ? std::cerr : std::cout;
@@ -111,7 +121,6 @@ int runReclaim(const ReclaimArguments& arguments) {
         return interruptedByUser;
     }
 
-    Selection selection = loadSelection();
     if (arguments.dryRun) {
         auto targets = Report::targets(scan.groups, selection);
         int64_t total = 0;
@@ -119,7 +128,7 @@ int runReclaim(const ReclaimArguments& arguments) {
         for (const auto& target : targets) {
             total += target.frees;
             if (arguments.scan.json) {
-                planned.push_back({{"path", target.file.path}, {"frees", target.frees}});
+                planned.push_back({{"path", pathText(target.file.path)}, {"frees", target.frees}});
             } else {
                 std::cout << fmt::format("  {:>10}  {}\n", formatBytes(target.frees), target.file.path);
             }
@@ -190,7 +199,7 @@ int runJournalVerify(bool json) {
     for (const auto& [entry, finding] : findings) {
         ++counts[finding];
         if (json) {
-            out.push_back({{"id", entry.id}, {"target", entry.target}, {"finding", std::string(label(finding))}});
+            out.push_back({{"id", entry.id}, {"target", pathText(entry.target)}, {"finding", std::string(label(finding))}});
         } else {
             std::cout << fmt::format("{:<17}  {}\n", label(finding), entry.target);
         }
@@ -220,14 +229,19 @@ std::string absolutePath(const std::string& path) {
     return result;
 }
 
+// A path is saved where it really is, links resolved, so that it names the same files however they
+// are reached later; taking one back removes it under either spelling.
 int editSelection(const std::vector<std::string>& paths, bool exclude) {
-    Selection selection = loadSelection();
-    for (const auto& path : paths) {
+    Selection selection = savedSelection();
+    for (const auto& given : paths) {
+        std::string path = absolutePath(given);
+        std::string real = realLocation(path);
         if (exclude) {
-            selection.excluded.insert(absolutePath(path));
-        } else {
-            selection.excluded.erase(absolutePath(path));
+            selection.excluded.insert(real);
+            continue;
         }
+        std::erase_if(selection.excluded,
+                      [&](const std::string& saved) { return saved == path || realLocation(saved) == real; });
     }
     fs::create_directories(fs::path(Locations::selection()).parent_path());
     selection.save(Locations::selection());
@@ -235,7 +249,7 @@ int editSelection(const std::vector<std::string>& paths, bool exclude) {
 }
 
 int listSelection(bool json) {
-    Selection selection = loadSelection();
+    Selection selection = savedSelection();
     if (json) {
         std::cout << jsonText(selection) << "\n";
     } else if (selection.excluded.empty()) {
