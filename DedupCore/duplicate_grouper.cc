@@ -70,6 +70,7 @@ public:
         digestPrefixes(candidates);
         candidates = splitByDigest(candidates, [](const Bucket&) { return true; });
         readCloneFacts(candidates);
+        candidates = withoutHoles(candidates);
         candidates = joinClones(candidates);
         // Up to 64 KiB the prefix digest already covers the whole file.
         auto needsWholeFile = [](const Bucket& b) { return b.size > ContentHash::partialLimit; };
@@ -188,6 +189,21 @@ private:
             }
         }
         return formed;
+    }
+
+    // A file made of holes alone reads as zeros like a written one, but holds no block to share: as
+    // a kept copy it would give others nothing, as a copy it frees nothing. It leaves its set.
+    std::vector<Candidate> withoutHoles(std::vector<Candidate>& candidates) {
+        std::vector<Candidate> result;
+        for (auto& candidate : candidates) {
+            std::erase_if(candidate.units, [&](size_t u) {
+                const auto& files = candidate.bucket->units[u].files;
+                return std::any_of(files.begin(), files.end(),
+                                   [&](size_t i) { return pool_[i].clones && pool_[i].clones->noBlocks; });
+            });
+            if (worthHashing(candidate)) result.push_back(std::move(candidate));
+        }
+        return result;
     }
 
     // With the extent maps read, files of a candidate that share all their blocks become one unit;

@@ -56,8 +56,10 @@ std::vector<Target> targets(const std::vector<DuplicateGroup>& groups, const Sel
         for (size_t i = 1; i < group.files.size(); ++i) {
             const ScannedFile& copy = group.files[i];
             if (selection.excludes(copy.path)) continue;
-            // Data kept inside the metadata cannot be shared: replacing such a copy frees nothing.
-            if ((copy.clones && copy.clones->inlineData) || (kept.clones && kept.clones->inlineData)) continue;
+            // Data kept inside the metadata, or no data block at all: nothing can be shared, and
+            // replacing such a copy frees nothing.
+            auto blockless = [](const ScannedFile& f) { return f.clones && (f.clones->inlineData || f.clones->noBlocks); };
+            if (blockless(copy) || blockless(kept)) continue;
             if (!copy.clones) {
                 result.push_back({copy, copy.status.size});
             } else if (copy.clones->privateSize != 0) {

@@ -191,6 +191,27 @@ TEST_P(FinderOnVolume, CancelledScanReportsSoAndLeavesTheCacheAlone) {
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, kept));
 }
 
+TEST_P(FinderOnVolume, FilesOfHolesAloneAreNeverGroupedOrCounted) {
+    // Four files that all read as a MiB of zeros: two never written, two written.
+    constexpr int64_t size = 1 << 20;
+    for (const char* name : {"holes1", "holes2"}) {
+        test::writeFile(at(name), "");
+        std::filesystem::resize_file(at(name), size);
+    }
+    test::writeFile(at("zeros1"), std::string(size, '\0'));
+    test::writeFile(at("zeros2"), std::string(size, '\0'));
+    auto result = scan(root_);
+    ASSERT_EQ(result.groups.size(), 1u);
+    EXPECT_EQ(pathsOf(result.groups[0]), (std::vector<std::string>{at("zeros1"), at("zeros2")}));
+    EXPECT_EQ(result.groups[0].reclaimableBytes, size);
+    EXPECT_TRUE(CloneInfo::read(at("holes1"))->noBlocks);
+    EXPECT_FALSE(CloneInfo::read(at("zeros1"))->noBlocks);
+
+    // Holes beside one written copy: nothing to share.
+    std::filesystem::remove(at("zeros2"));
+    EXPECT_TRUE(scan(root_).groups.empty());
+}
+
 TEST(FinderTest, FileThatVanishedAfterTheWalkDropsOut) {
     test::TempDir dir;
     test::writeRandomFile(dir.path("a"), 70000, 13);
