@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 
 #include "hash_cache.h"
 #include "hasher.h"
+#include "platform/system.h"
 #include "support/test_files.h"
 #include "volumes.h"
 
@@ -210,6 +212,45 @@ TEST_P(FinderOnVolume, FilesOfHolesAloneAreNeverGroupedOrCounted) {
     // Holes beside one written copy: nothing to share.
     std::filesystem::remove(at("zeros2"));
     EXPECT_TRUE(scan(root_).groups.empty());
+}
+
+// The identifier as a user who is not root sees it, asked in a child that takes on a made-up id.
+std::string volumeIdentifierAsUser(const std::string& path) {
+    int answer[2];
+    if (::pipe2(answer, O_CLOEXEC) != 0) return "pipe failed";
+    pid_t child = ::fork();
+    if (child == 0) {
+        if (::setresgid(54321, 54321, 54321) != 0 || ::setresuid(54321, 54321, 54321) != 0) ::_exit(1);
+        std::string text = platform::volumeIdentifier(path, true).value_or("none");
+        ::_exit(::write(answer[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1);
+    }
+    ::close(answer[1]);
+    std::string text;
+    char buffer[256];
+    for (ssize_t n; (n = ::read(answer[0], buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(n));
+    ::close(answer[0]);
+    ::waitpid(child, nullptr, 0);
+    return text;
+}
+
+TEST_P(FinderOnVolume, CacheKnowsTheDiskWhateverTheFirstFileAskedAbout) {
+    // The first file asked about went away after the listing: the disk is still known.
+    HashCache cache(database());
+    ScannedFile gone = file("gone");
+    std::filesystem::remove(at("gone"));
+    ScannedFile present = file("present");
+    EXPECT_FALSE(cache.digest(HashCache::Kind::full, gone));
+    cache.store("d", HashCache::Kind::full, present);
+    EXPECT_EQ(cache.digest(HashCache::Kind::full, present), "d");
+
+    // A file its user cannot open: the disk is known by its mount point, as for anyone else.
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to take on another user's id";
+    ASSERT_EQ(::chmod(volume_->folder().c_str(), 0755), 0);
+    ScannedFile closed = file("private");
+    ASSERT_EQ(::chmod(at("private").c_str(), 0600), 0);
+    auto expected = platform::volumeIdentifier(at("present"), true);
+    ASSERT_TRUE(expected);
+    EXPECT_EQ(volumeIdentifierAsUser(at("private")), *expected);
 }
 
 TEST(FinderTest, FileThatVanishedAfterTheWalkDropsOut) {
