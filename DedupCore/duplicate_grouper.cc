@@ -385,7 +385,14 @@ private:
                 group.files.back().clones = pool_[i].clones;
             }
         }
-        group.reclaimableBytes = Report::reclaimableBytes({group}, Selection{});
+        // Only what a reclaim can do counts: a copy that cannot be replaced (another user's, in a
+        // folder its user may not write) is shown, but frees nothing.
+        Selection leftAlone;
+        for (size_t u : candidate.units) {
+            if (units[u].replaceable) continue;
+            for (size_t i : units[u].files) leftAlone.excluded.insert(file(i).path);
+        }
+        group.reclaimableBytes = Report::reclaimableBytes({group}, leftAlone);
         return group;
     }
 

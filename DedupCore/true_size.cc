@@ -107,7 +107,15 @@ private:
                 // another device means a mount or a Btrfs subvolume: not part of this tree.
                 if (status.device != device) continue;
                 if (options_.progress) options_.progress(child, files_);
-                auto [childSize, childTally] = measure(child, device, DirectoryReader::read(child));
+                std::vector<DirectoryEntry> listing;
+                try {
+                    listing = DirectoryReader::read(child);
+                } catch (const SystemError& error) {
+                    if (!options_.unreadable) throw;
+                    options_.unreadable(error);
+                    continue;
+                }
+                auto [childSize, childTally] = measure(child, device, std::move(listing));
                 size.children.push_back(std::move(childSize));
                 tally.merge(childTally);
             } else if (status.isRegularFile()) {

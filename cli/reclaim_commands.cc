@@ -1,4 +1,6 @@
 // reclaim, journal and the saved selection (exclude, include, exclusions).
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <map>
@@ -19,6 +21,7 @@
 #include "progress_line.h"
 #include "reclaim_commands.h"
 #include "reclaimer.h"
+#include "replaceability.h"
 #include "scan_command.h"
 
 namespace dedup::cli {
@@ -85,10 +88,33 @@ void printSummary(std::ostream& out, const ReclaimSummary& summary) {
         out << fmt::format("  {:>6}  {}\n", groupedNumber(static_cast<int64_t>(paths.size())),
                            known ? std::string(phrase(*known)) : reason);
     }
-    if (!summary.failed.empty()) {
-        out << fmt::format("  {:>6}  {}\n", groupedNumber(static_cast<int64_t>(summary.failed.size())), "failed");
-        for (const auto& [path, error] : summary.failed) out << "          " << error << "\n";
+    if (summary.failed.empty()) return;
+    out << fmt::format("  {:>6}  {}\n", groupedNumber(static_cast<int64_t>(summary.failed.size())), "failed");
+    // The same cause (a full disk, a read-only one) fails every copy after it: one line per cause.
+    std::map<std::string, std::vector<std::string>> byCause;
+    for (const auto& [path, error] : summary.failed) {
+        auto at = error.rfind("): ");
+        byCause[at == std::string::npos ? error : error.substr(at + 3)].push_back(error);
     }
+    for (const auto& [cause, errors] : byCause) {
+        if (errors.size() == 1) {
+            out << "          " << errors.front() << "\n";
+            continue;
+        }
+        out << fmt::format("          {} copies: {}, for example {}\n", groupedNumber(std::ssize(errors)), cause,
+                           errors.front());
+        if (cause == std::strerror(ENOSPC)) {
+            out << "          The disk is full: free some space on it, then reclaim again.\n";
+        }
+    }
+}
+
+// Folders the scan could not read: their copies were neither compared nor replaced.
+void printUnreadable(std::ostream& out, const std::vector<std::string>& folders) {
+    if (folders.empty()) return;
+    out << (folders.size() == 1 ? std::string("1 folder") : groupedNumber(std::ssize(folders)) + " folders")
+        << " could not be read; nothing in " << (folders.size() == 1 ? "it" : "them") << " was looked at:\n";
+    for (const auto& folder : folders) out << "  " << folder << "\n";
 }
 
 int runReclaim(const ReclaimArguments& arguments) {
@@ -122,9 +148,23 @@ int runReclaim(const ReclaimArguments& arguments) {
     }
 
     if (arguments.dryRun) {
-        auto targets = Report::targets(scan.groups, selection);
-        int64_t total = 0;
+        std::vector<Target> targets;
         nlohmann::json planned = nlohmann::json::array();
+        nlohmann::json leftAlone = nlohmann::json::array();
+        // A copy the reclaim would have to leave alone frees nothing: it is named with the reason.
+        for (auto& target : Report::targets(scan.groups, selection)) {
+            auto reason = neverReplaceable(target.file.path, target.file.status);
+            if (!reason) {
+                targets.push_back(std::move(target));
+                continue;
+            }
+            if (arguments.scan.json) {
+                leftAlone.push_back({{"path", pathText(target.file.path)}, {"reason", rawValue(*reason)}});
+            } else {
+                std::cout << fmt::format("  {:>10}  {}  (left alone: {})\n", "0 bytes", target.file.path, phrase(*reason));
+            }
+        }
+        int64_t total = 0;
         for (const auto& target : targets) {
             total += target.frees;
             if (arguments.scan.json) {
@@ -134,7 +174,7 @@ int runReclaim(const ReclaimArguments& arguments) {
             }
         }
         if (arguments.scan.json) {
-            std::cout << jsonText({{"targets", planned}, {"reclaimableBytes", total}}) << "\n";
+            std::cout << jsonText({{"targets", planned}, {"leftAlone", leftAlone}, {"reclaimableBytes", total}}) << "\n";
         } else {
             std::cout << formatBytes(total) << " would be reclaimed by making "
                       << plural(static_cast<int64_t>(targets.size()), "file a clone.", "files clones.")
@@ -162,10 +202,13 @@ int runReclaim(const ReclaimArguments& arguments) {
     line.clear();
 
     if (arguments.scan.json) {
-        std::cout << jsonText(summary) << "\n";
+        nlohmann::json out = summary;
+        out["unreadableFolders"] = pathTexts(scan.unreadableFolders);
+        std::cout << jsonText(out) << "\n";
     } else {
         if (summary.cancelled) std::cout << "Cancelled: the replacements under way were finished first.\n";
         printSummary(std::cout, summary);
+        printUnreadable(std::cout, scan.unreadableFolders);
     }
     if (summary.cancelled) return interruptedByUser;
     return summary.skipped.empty() && summary.failed.empty() ? success : someSkipped;

@@ -89,6 +89,10 @@ TEST_F(ScanCommandTest, BadInputGetsAClearErrorAndItsExitCode) {
     EXPECT_EQ(dedup({"scan"}).exitCode, 2);
     EXPECT_EQ(dedup({}).exitCode, 2);
     EXPECT_EQ(dedup({"scan", "--ext", ".", tree_.path()}).exitCode, 2);
+    auto unknown = dedup({"frob", tree_.path()});
+    EXPECT_EQ(unknown.exitCode, 2);
+    EXPECT_NE(unknown.stderrText.find("unknown command \"frob\"; the commands are scan, reclaim,"), std::string::npos)
+        << unknown.stderrText;
 
     // A cache that cannot be opened costs time, never the scan.
     test::writeFile(data_.path("hashes.sqlite"), std::string(4096, 'x'));

@@ -107,5 +107,43 @@ TEST_F(UnprivilegedUserTest, EverythingSavedIsReadBackAndExclusionsHold) {
     EXPECT_EQ(modeOf(csv), 0600u);
 }
 
+TEST_F(UnprivilegedUserTest, WhatCannotBeReadOrReplacedIsNamedAndNotCounted) {
+    const std::string photos = home_ + "/photos";
+    for (const char* name : {"a.jpg", "b.jpg", "locked/c.jpg", "locked/d.jpg"}) {
+        test::writeRandomFile(photos + "/" + name, 300000, 8);
+    }
+    test::writeRandomFile(photos + "/private/e.jpg", 300000, 8);
+    handOver();
+    // A folder its user may not write (its copies cannot be replaced) and one of root's it may not read.
+    ASSERT_EQ(::chmod((photos + "/locked").c_str(), 0555), 0);
+    ASSERT_EQ(::chown((photos + "/private").c_str(), 0, 0), 0);
+    ASSERT_EQ(::chmod((photos + "/private").c_str(), 0700), 0);
+
+    // One locked copy is kept; the other is named with its reason and counted as nothing.
+    auto scan = asUser({"scan", "--min-size", "1", photos});
+    ASSERT_EQ(scan.exitCode, 0) << scan.stderrText;
+    EXPECT_NE(scan.stdoutText.find("600.0 kB can be reclaimed in 1 groups."), std::string::npos) << scan.stdoutText;
+    EXPECT_NE(scan.stdoutText.find(photos + "/locked/d.jpg  (left alone: "), std::string::npos) << scan.stdoutText;
+    auto dry = asUser({"reclaim", "--dry-run", "--min-size", "1", photos});
+    EXPECT_NE(dry.stdoutText.find("600.0 kB would be reclaimed by making 2 files clones."), std::string::npos)
+        << dry.stdoutText;
+
+    // The reclaim names the folder it could not read.
+    auto reclaim = asUser({"reclaim", "--min-size", "1", photos});
+    EXPECT_NE(reclaim.stdoutText.find("1 folder could not be read; nothing in it was looked at:\n  " + photos +
+                                      "/private\n"),
+              std::string::npos)
+        << reclaim.stdoutText;
+
+    // True size measures the rest and says what it left out.
+    auto size = asUser({"true-size", photos});
+    EXPECT_EQ(size.exitCode, 3) << size.stderrText;
+    EXPECT_NE(size.stdoutText.find("1 folder could not be read and is not counted:\n  " + photos +
+                                   "/private (permission denied)"),
+              std::string::npos)
+        << size.stdoutText;
+    EXPECT_NE(size.stdoutText.find("Deleting it frees at least "), std::string::npos) << size.stdoutText;
+}
+
 }  // namespace
 }  // namespace dedup
