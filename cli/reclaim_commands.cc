@@ -191,6 +191,9 @@ int runReclaim(const ReclaimArguments& arguments) {
     reclaimer.engine.strategy = arguments.strategy == "in-place" ? CloneEngine::Strategy::inPlace
                                 : arguments.strategy == "clone"  ? CloneEngine::Strategy::cloneAndSwap
                                                                  : CloneEngine::Strategy::automatic;
+    // With --trash, a copy exchanged for a clone goes to the Trash, where it keeps its blocks; the
+    // journal of this run tells those copies (they had a temporary name) from the ones shared in place.
+    const size_t journalledBefore = arguments.trash ? journal->entries().size() : 0;
     ProgressLine line;
     ReclaimSummary summary = reclaimer.reclaim(
         scan.groups, selection,
@@ -201,13 +204,26 @@ int runReclaim(const ReclaimArguments& arguments) {
         interrupted);
     line.clear();
 
+    int64_t inTrash = 0;
+    if (arguments.trash) {
+        auto entries = journal->entries();
+        for (size_t i = journalledBefore; i < entries.size(); ++i) {
+            const auto& entry = entries[i];
+            if (entry.event == JournalEntry::Event::replaced && entry.temporary) inTrash += entry.freedBytes.value_or(0);
+        }
+    }
     if (arguments.scan.json) {
         nlohmann::json out = summary;
         out["unreadableFolders"] = pathTexts(scan.unreadableFolders);
+        if (arguments.trash) out["freedWhenTrashIsEmptied"] = inTrash;
         std::cout << jsonText(out) << "\n";
     } else {
         if (summary.cancelled) std::cout << "Cancelled: the replacements under way were finished first.\n";
         printSummary(std::cout, summary);
+        if (inTrash > 0) {
+            std::cout << "Of that, " << formatBytes(inTrash)
+                      << " comes back only when the Trash is emptied: the old copies wait there.\n";
+        }
         printUnreadable(std::cout, scan.unreadableFolders);
     }
     if (summary.cancelled) return interruptedByUser;

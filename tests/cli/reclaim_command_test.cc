@@ -132,6 +132,25 @@ TEST_F(ReclaimCommandTest, SavedSelectionIsHonouredAndSkipsAreExplained) {
     EXPECT_EQ(dedupCommand({"exclusions"}).stdoutText, "Nothing is left out of reclaiming.\n");
 }
 
+TEST_F(ReclaimCommandTest, TrashSaysTheSpaceComesBackOnlyWhenItIsEmptied) {
+    DEDUP_USE_VOLUME(LoopVolume::Kind::btrfs);
+    makeTree(1, 200000);
+    // Exchanged copies wait in the Trash with their blocks.
+    auto swapped = dedupCommand({"reclaim", "--strategy", "clone", "--trash", "--min-size", "1", root_});
+    ASSERT_EQ(swapped.exitCode, 0) << swapped.stdoutText << swapped.stderrText;
+    EXPECT_NE(swapped.stdoutText.find("Of that, 400.0 kB comes back only when the Trash is emptied"),
+              std::string::npos)
+        << swapped.stdoutText;
+
+    // Shared in place, nothing goes to the Trash, so there is nothing to wait for.
+    root_ = test::freshFolder(test::sharedVolume(LoopVolume::Kind::btrfs), "reclaim-in-place");
+    makeTree(1, 200000);
+    auto inPlace = dedupCommand({"reclaim", "--strategy", "in-place", "--trash", "--min-size", "1", root_});
+    ASSERT_EQ(inPlace.exitCode, 0) << inPlace.stdoutText << inPlace.stderrText;
+    EXPECT_NE(inPlace.stdoutText.find("400.0 kB reclaimed"), std::string::npos) << inPlace.stdoutText;
+    EXPECT_EQ(inPlace.stdoutText.find("Trash"), std::string::npos) << inPlace.stdoutText;
+}
+
 struct Param {
     LoopVolume::Kind kind;
     const char* strategy;
