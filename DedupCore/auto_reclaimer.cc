@@ -1,6 +1,7 @@
 #include "auto_reclaimer.h"
 
 #include <algorithm>
+#include <cstring>
 #include <unordered_set>
 
 #include "clone_engine.h"
@@ -72,6 +73,9 @@ void AutoReclaimer::start() {
             if (onWarning) onWarning(std::string("Changes cannot be watched (") + error.what() + "); only the first pass runs.");
         }
         buildIndex();
+        // The index just read is as good as a new one: the first pass must not read it all again
+        // because some folder could not be watched.
+        lastFullPass_ = now();
         countIndex();
         if (watch_) queue_->setReader(watch_->descriptor(), [this] { readEvents(); });
         auto interval = std::chrono::duration_cast<Clock::duration>(tickInterval(quietPeriod_));
@@ -148,13 +152,34 @@ std::optional<uint64_t> AutoReclaimer::rootDevice(const std::string& path) const
     return std::nullopt;
 }
 
-void AutoReclaimer::watch(const std::string& folder) {
+void AutoReclaimer::watch(const std::string& folder) { watchPath(watchedSpelling(folder), folder); }
+
+void AutoReclaimer::watchPath(const std::string& kernelPath, const std::string& shown) {
     if (!watch_) return;
-    if (watch_->add(watchedSpelling(folder)) == platform::FolderWatch::Added::limitReached && !watchLimitReached_) {
-        watchLimitReached_ = true;
-        if (onWarning) {
-            onWarning("The system allows no more watched folders (fs.inotify.max_user_watches); changes in the "
-                      "folders beyond the limit are found by a full pass every 30 minutes.");
+    int error = 0;
+    switch (watch_->add(kernelPath, &error)) {
+        case platform::FolderWatch::Added::watched: unwatched_.erase(shown); break;
+        case platform::FolderWatch::Added::vanished: break;  // its parent's event tells what became of it
+        case platform::FolderWatch::Added::limitReached:
+            if (watchLimitReached_) break;
+            watchLimitReached_ = true;
+            if (onWarning) {
+                onWarning("The system allows no more watched folders (fs.inotify.max_user_watches); changes in the "
+                          "folders beyond the limit are found by a full pass every 30 minutes.");
+            }
+            break;
+        case platform::FolderWatch::Added::failed: {
+            if (!unwatched_.insert(shown).second || !onWarning) break;
+            // A tree of unreadable folders must not bury the log: the first few are named.
+            constexpr size_t namedAtMost = 10;
+            if (unwatchedWarnings_ < namedAtMost) {
+                onWarning(shown + " is not watched (inotify_add_watch: " + std::strerror(error) +
+                          "); changes there are found by a full pass every 30 minutes.");
+            } else if (unwatchedWarnings_ == namedAtMost) {
+                onWarning("More folders cannot be watched; changes there are found by a full pass every 30 minutes.");
+            }
+            ++unwatchedWarnings_;
+            break;
         }
     }
 }
@@ -167,6 +192,8 @@ void AutoReclaimer::buildIndex() {
     index_.clear();
     folders_.clear();
     rootDevices_.clear();
+    fileRoots_.clear();
+    fileRootFolders_.clear();
     for (const auto& root : roots_) {
         if (stopping_) return;
         FileStatus status;
@@ -177,6 +204,12 @@ void AutoReclaimer::buildIndex() {
         }
         rootDevices_[root] = status.device;
         if (status.isRegularFile()) {
+            // A file has no watch of its own that survives it being saved over by a rename: its
+            // folder is watched, and only events naming the file are taken.
+            fileRoots_.insert(root);
+            const std::string folder = parentOf(watchedSpelling(root));
+            fileRootFolders_.insert(folder);
+            watchPath(folder, parentOf(root));
             Walk walk(finder_.options);
             walk.visit(root);
             for (auto& file : walk.files) {
@@ -232,6 +265,15 @@ void AutoReclaimer::readEvents() {
         std::string path = ownPath(event.path);
         // The reclaimer's own temporary files must not wake it again.
         if (CloneEngine::isTemporary(path)) continue;
+        if (fileRoots_.contains(path)) {
+            changed_[path] = now();
+            continue;
+        }
+        // A folder watched only for the files given as roots in it says nothing about the others.
+        if (const std::string folder = parentOf(event.path);
+            fileRootFolders_.contains(folder) && !folders_.contains(ownPath(folder))) {
+            continue;
+        }
         bool isFolder = false;
         try {
             isFolder = FileStatus::read(watchedSpelling(path)).isDirectory();
@@ -244,6 +286,7 @@ void AutoReclaimer::readEvents() {
 void AutoReclaimer::forgetBelow(const std::string& folder) {
     for (auto it = folders_.lower_bound(folder); it != folders_.end() && below(*it, folder);) {
         unwatch(*it);
+        unwatched_.erase(*it);
         it = folders_.erase(it);
     }
     for (auto it = index_.lower_bound(folder); it != index_.end() && below(it->first, folder);) {
@@ -259,7 +302,21 @@ bool AutoReclaimer::admits(const std::string& folder) const {
     return !walk.isExcluded(folder) && walk.descends(folder, nameOf(folder), Walk::isVolumeRoot(parent));
 }
 
+std::set<SizeKey> AutoReclaimer::refreshFile(const std::string& root) {
+    std::set<SizeKey> keys;
+    auto previous = index_.extract(root);
+    Walk walk(finder_.options);
+    walk.visit(root);
+    for (auto& file : walk.files) {
+        if (previous.empty() || !previous.mapped().status.isSameVersion(file.status)) keys.insert(keyOf(file));
+        file.path.clear();
+        index_[root] = std::move(file);
+    }
+    return keys;
+}
+
 std::set<SizeKey> AutoReclaimer::refresh(const std::string& folder) {
+    if (fileRoots_.contains(folder)) return refreshFile(folder);
     std::set<SizeKey> keys;
     // The folder's own files are read again below; what was indexed is kept aside to tell which of
     // them are new or changed, and files no longer listed drop out.
@@ -307,7 +364,7 @@ void AutoReclaimer::tick() {
         ~Counted() { self->countIndex(); }
     } counted{this};
     const auto time = now();
-    if (watchLimitReached_ && time - lastFullPass_ >= fullPassWithoutWatches) {
+    if ((watchLimitReached_ || !unwatched_.empty()) && time - lastFullPass_ >= fullPassWithoutWatches) {
         needsFullPass_ = true;
         needsNewIndex_ = true;
     }

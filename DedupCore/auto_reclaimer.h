@@ -8,8 +8,10 @@
 // reclaimer and callbacks it was given; every piece of its state lives on that thread. Any thread
 // may call start(), stop() and the queries; each blocks until the thread has answered. A stopped
 // reclaimer is not started again: make a new one. Nothing here throws after construction: folders
-// that cannot be read or watched are left out, and failed replacements end in the summary and the
-// journal.
+// that cannot be read are left out, folders that cannot be watched are named through onWarning and
+// looked at by a full pass every 30 minutes, and failed replacements end in the summary and the
+// journal. A root that is a single file is watched through its folder, whose other files are not
+// taken in.
 #pragma once
 
 #include <atomic>
@@ -68,7 +70,7 @@ public:
 
     // Settings to make before start().
     // Told once when something keeps the watch from working as it should (the kernel's limit on
-    // watched folders, lost events); called on the reclaimer's thread.
+    // watched folders, a folder it will not watch); called on the reclaimer's thread.
     std::function<void(const std::string&)> onWarning;
     // The clock changes are timed by; a test may move time by hand.
     std::function<Clock::time_point()> now = [] { return Clock::now(); };
@@ -89,7 +91,9 @@ private:
     void indexFolderTree(const std::string& folder, uint64_t device, std::set<SizeKey>* keys = nullptr,
                          const std::map<std::string, ScannedFile>* previous = nullptr);
     void watch(const std::string& folder);
+    void watchPath(const std::string& kernelPath, const std::string& shown);
     void unwatch(const std::string& folder);
+    std::set<SizeKey> refreshFile(const std::string& root);
     void readEvents();
     void tick();
     std::set<SizeKey> refresh(const std::string& folder);
@@ -123,6 +127,14 @@ private:
     bool needsFullPass_ = true;
     bool needsNewIndex_ = false;  // events were lost: the index may miss files
     bool watchLimitReached_ = false;
+    // Folders the kernel would not watch for another reason than its limit (in the user's
+    // spelling); while there are any, a full pass every 30 minutes finds their changes.
+    std::set<std::string> unwatched_;
+    size_t unwatchedWarnings_ = 0;
+    // Roots that are single files (as given), and the folders holding them (as the kernel knows
+    // them), watched for those files only.
+    std::set<std::string> fileRoots_;
+    std::set<std::string> fileRootFolders_;
     Clock::time_point lastFullPass_{};
     std::map<std::string, uint64_t> rootDevices_;  // given root -> its device
     std::optional<std::vector<std::pair<std::string, std::string>>> canonicalRoots_;  // (canonical, given)

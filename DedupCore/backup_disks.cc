@@ -9,20 +9,39 @@
 #include "platform/system.h"
 #include "saved_choices.h"
 #include "serial_queue.h"
+#include "temporary_name.h"
 
 namespace dedup {
 
 void to_json(nlohmann::json& j, const BackupDisks& d) { j = {{"volumes", d.volumes}}; }
 void from_json(const nlohmann::json& j, BackupDisks& d) { j.at("volumes").get_to(d.volumes); }
 
+namespace {
+
+// "<fsid>:<subvolume id>" as earlier marks of Btrfs disks read; other identifiers as they are.
+std::string fileSystemPart(const std::string& mark) {
+    auto colon = mark.rfind(':');
+    if (colon == std::string::npos || colon + 1 == mark.size() || !isUUIDText(mark.substr(0, colon))) return mark;
+    for (size_t i = colon + 1; i < mark.size(); ++i) {
+        if (mark[i] < '0' || mark[i] > '9') return mark;
+    }
+    return mark.substr(0, colon);
+}
+
+}  // namespace
+
 std::optional<std::string> BackupDisks::uuid(const std::string& path) {
-    return platform::volumeIdentifier(path, true);
+    // Not the subvolume: the same disk may be mounted through another one next time.
+    return platform::volumeIdentifier(path, false);
 }
 
 BackupDisks BackupDisks::load(const std::string& file) {
     auto text = readSavedChoices(file);
     if (!text) return {};
-    return decodeSavedChoices<BackupDisks>(file, *text);
+    auto stored = decodeSavedChoices<BackupDisks>(file, *text);
+    BackupDisks disks;
+    for (const auto& mark : stored.volumes) disks.volumes.insert(fileSystemPart(mark));
+    return disks;
 }
 
 void BackupDisks::save(const std::string& file) const {

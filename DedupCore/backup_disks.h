@@ -20,16 +20,18 @@ namespace dedup {
 
 class SerialQueue;
 
-// The marked disks by volume identifier, the same identifiers the digest cache uses, so a disk is
-// recognised wherever it is mounted. A plain value; any thread.
+// The marked disks by the identifier of their file system, so a disk is recognised wherever it is
+// mounted, and on Btrfs through whichever subvolume. A plain value; any thread.
 struct BackupDisks {
     std::set<std::string> volumes;
     bool operator==(const BackupDisks&) const = default;
 
-    // The identifier of the volume holding `path`; absent when it has none.
+    // The identifier of the file system holding `path`; absent when it has none.
     static std::optional<std::string> uuid(const std::string& path);
     // A missing file means no marked disks; one that is there but cannot be read or decoded
-    // throws SavedChoicesError, so that a save never overwrites the marks it could not read.
+    // throws SavedChoicesError, so that a save never overwrites the marks it could not read. Marks
+    // written when a Btrfs disk was known by file system and subvolume ("<fsid>:<subvolume id>")
+    // are read as the file system's.
     static BackupDisks load(const std::string& file);
     // Creates the folder, writes atomically. Throws on failure.
     void save(const std::string& file) const;

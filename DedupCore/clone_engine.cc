@@ -1,6 +1,7 @@
 #include "clone_engine.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <set>
 
 #include "hasher.h"
@@ -289,6 +290,22 @@ void CloneEngine::finish(Swapped& s, const OpenFiles& open) {
 
 namespace {
 
+// A copy or kept file deleted or moved away since the scan is no failure: it changed since the
+// scan, and nothing of it is left to reclaim. Every step undoes its own work before it throws, so
+// a path that is gone was taken away by someone else.
+std::exception_ptr vanishedAsSkip(std::exception_ptr error, const CloneEngine::Replacement& r) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const SystemError& system) {
+        bool gone = system.code == ENOENT || system.code == ENOTDIR;
+        if (gone && (!platform::pathExists(r.target) || !platform::pathExists(r.source))) {
+            return std::make_exception_ptr(Skip(SkipReason::changedSinceScan));
+        }
+    } catch (...) {
+    }
+    return error;
+}
+
 void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
     if (!journal) return;
     try {
@@ -332,7 +349,7 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         try {
             swapped.push_back(swapIn(r, entry, open));
         } catch (...) {
-            auto error = std::current_exception();
+            auto error = vanishedAsSkip(std::current_exception(), r);
             close(journal, entry, error);
             done(r, {0, error});
         }

@@ -2,11 +2,16 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <sstream>
+#include <tuple>
 
 #include <nlohmann/json.hpp>
 
 #include "file_records.h"
+#include "path_names.h"
+#include "platform/clone_probe.h"
 #include "platform/file_io.h"
 #include "platform/system.h"
 
@@ -76,9 +81,57 @@ Profile::Profile(Kind kind_, const std::string& home, const std::vector<std::str
     options.homeFolder = home;
 }
 
+namespace {
+
+// The backup-disk watcher asks every 30 seconds: each mount is tried once. A mount is the same one
+// while its point, device, type and file system identifier stay; another disk plugged in where
+// one was gets tried anew.
+bool sharesBlocks(const platform::Mount& mount) {
+    using Key = std::tuple<std::string, uint64_t, std::string, std::string>;
+    static std::mutex mutex;
+    static std::map<Key, bool> known;
+    Key key{mount.mountPoint, mount.device, mount.fileSystem,
+            platform::volumeIdentifier(mount.mountPoint, false).value_or("")};
+    {
+        std::lock_guard lock(mutex);
+        if (auto it = known.find(key); it != known.end()) return it->second;
+    }
+    bool shares = cloneAbility(mount.mountPoint).canShare;
+    std::lock_guard lock(mutex);
+    known[key] = shares;
+    return shares;
+}
+
+}  // namespace
+
 bool canShareBlocks(const std::string& fileSystem) {
     static const std::set<std::string> cloning = {"btrfs", "xfs", "bcachefs", "ocfs2", "zfs"};
     return cloning.contains(fileSystem);
+}
+
+CloneAbility cloneAbility(const std::string& path) {
+    CloneAbility ability;
+    auto volume = VolumeInfo::of(path);
+    if (!volume) return ability;
+    ability.fileSystem = volume->fileSystem;
+    std::string folder = path;
+    try {
+        if (!FileStatus::read(path).isDirectory()) folder = parentOf(path);
+    } catch (const SystemError&) {
+        return ability;
+    }
+    for (const auto& place : {folder, volume->mountPoint}) {
+        // Only a place on the same volume says anything about it.
+        auto there = VolumeInfo::of(place);
+        if (!there || there->mountPoint != volume->mountPoint) continue;
+        if (auto works = platform::cloneWorksIn(place)) {
+            ability.canShare = *works;
+            ability.probed = true;
+            return ability;
+        }
+    }
+    ability.canShare = canShareBlocks(volume->fileSystem);
+    return ability;
 }
 
 std::vector<std::string> Profile::externalCloneVolumes() {
@@ -91,9 +144,10 @@ std::vector<std::string> Profile::externalCloneVolumes() {
     std::vector<std::string> result;
     std::set<std::pair<std::string, uint64_t>> seen;  // a volume mounted twice is offered once
     for (const auto& mount : mounts) {
-        if (mount.mountPoint == "/" || mount.readOnly || !canShareBlocks(mount.fileSystem)) continue;
+        if (mount.mountPoint == "/" || mount.readOnly) continue;
         if (!mount.source.starts_with("/dev/") || mount.source == rootSource) continue;  // local disks only
         if (!seen.insert({mount.source, mount.device}).second) continue;
+        if (!sharesBlocks(mount)) continue;
         result.push_back(mount.mountPoint);
     }
     return result;

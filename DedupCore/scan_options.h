@@ -45,15 +45,27 @@ struct Profile {
 
     Profile(Kind kind, const std::string& home, const std::vector<std::string>& volumes);
 
-    // Mounted, local, writable volumes other than the root file system whose file system can
-    // share blocks: where photo libraries on external disks live.
+    // Mounted, local, writable volumes other than the root file system that can share blocks, as
+    // cloneAbility() finds (once per mount while the process lives): where photo libraries on
+    // external disks live, and the disks that can be backup disks.
     static std::vector<std::string> externalCloneVolumes();
 };
 std::string toString(Profile::Kind kind);
 
-// Whether a file system of this kernel type name can share blocks between files at all (XFS only
-// when formatted with reflink, which the first clone attempt tells).
+// Whether a file system of this kernel type name is known to share blocks between files. Only a
+// guess (XFS formatted without reflink shares nothing; NFS 4.2 and SMB may): cloneAbility() tries.
 bool canShareBlocks(const std::string& fileSystem);
+
+// Whether the volume holding `path` can share blocks, found out by making two small files share
+// theirs, in `path` (a folder, or a file's folder) or else at the volume's mount point. Where
+// nothing there can be written, the file system's name answers and `probed` is false, for the
+// caller to say so. Never throws; a path that cannot be found cannot share.
+struct CloneAbility {
+    bool canShare = false;
+    bool probed = false;
+    std::string fileSystem;  // the kernel's type name, "" when unknown
+};
+CloneAbility cloneAbility(const std::string& path);
 std::optional<Profile::Kind> profileKind(const std::string& name);
 
 // A named, saved set of chosen folders with their options. On Linux a folder's bookmark is its

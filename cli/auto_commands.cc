@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "auto_lock.h"
 #include "auto_reclaimer.h"
 #include "backup_disks.h"
 #include "byte_format.h"
@@ -104,6 +105,12 @@ int runAuto(const AutoArguments& arguments) {
     // Saved choices that cannot be read stop the command before it watches anything.
     loadSelection(roots);
     if (arguments.backupDisks) loadBackupDisks();
+    // Taken before the journal's recovery: another automatic reclaimer's replacements under way
+    // must not be taken for interrupted ones.
+    auto lock = AutoLock::acquire(Locations::data(), "dedup auto");
+    if (auto* holder = std::get_if<AutoLock::Holder>(&lock)) {
+        throw CommandError("automatic reclaiming already runs in " + describe(*holder));
+    }
     auto journal = openJournal();
     Log log(arguments.scan.json);
     std::ostringstream recovered;
@@ -156,9 +163,20 @@ int runAuto(const AutoArguments& arguments) {
 
     // On a disk that cannot make clones every pass would only journal each copy as left alone
     // again; and as a pass reports only what it replaced, the log would stay silent about why.
+    // Whether a disk can share blocks is tried, not read from its file system's name: XFS without
+    // reflink cannot, NFS 4.2 and SMB servers may.
     std::erase_if(roots, [&](const std::string& root) {
         auto volume = VolumeInfo::of(root);
-        if (!volume || canShareBlocks(volume->fileSystem)) return false;
+        if (!volume) return false;
+        auto ability = cloneAbility(root);
+        if (!ability.probed) {
+            log.write("warning",
+                      fmt::format("Nothing in {} or at {} can be written to try whether its disk can make clones; "
+                                  "its file system ({}) is taken at its word.",
+                                  root, volume->mountPoint, volume->fileSystem),
+                      {{"root", pathText(root)}, {"fileSystem", volume->fileSystem}, {"probed", false}});
+        }
+        if (ability.canShare) return false;
         log.write("warning",
                   fmt::format("{} is on {} ({}), which cannot make clones: it is not watched, and duplicates there "
                               "are left alone.",
@@ -279,6 +297,11 @@ int runBackupDisk(const BackupArguments& arguments) {
     }
     std::string where = fs::exists(path) ? mountPointOf(path) : *id;
     if (arguments.action == "add") {
+        if (!cloneAbility(where).probed) {
+            std::cerr << "dedup: note: nothing at " << where
+                      << " can be written to try whether the disk can make clones; its file system is taken at "
+                         "its word\n";
+        }
         auto volumes = Profile::externalCloneVolumes();
         if (std::find(volumes.begin(), volumes.end(), where) == volumes.end()) {
             std::cerr << "dedup: note: " << where

@@ -20,10 +20,11 @@ public:
     // Throws SystemError("inotify_init1", ...) when the kernel gives no instance.
     FolderWatch();
 
-    enum class Added { watched, limitReached, failed };
+    enum class Added { watched, limitReached, vanished, failed };
     // Watches the folder itself, not below it; a final symbolic link is not followed. The kernel's
-    // limit on watches per user reads as `limitReached`.
-    Added add(const std::string& folder);
+    // limit on watches per user reads as `limitReached`; a folder no longer there (or no longer a
+    // folder) as `vanished`; any other refusal as `failed`, with errno in `*error` when asked.
+    Added add(const std::string& folder, int* error = nullptr);
     // Stops watching the folder, if it is still watched under this path.
     void remove(const std::string& folder);
     size_t count() const { return paths_.size(); }

@@ -19,8 +19,9 @@ std::optional<bool> thermalTripReached(const std::string& sysRoot = "/sys");
 
 // Whether the machine runs on its battery: UPower's OnBattery over the system bus.
 std::optional<bool> upowerOnBattery();
-// The same from class/power_supply: a mains supply online means no; a discharging battery with no
-// mains supply online means yes.
+// The same from class/power_supply: a mains or USB supply online means no; without a battery of
+// the machine's own (a peripheral's does not count) also no, whatever the other supplies say; a
+// discharging battery, or a battery with every listed supply offline, means yes.
 std::optional<bool> powerSupplyOnBattery(const std::string& sysRoot = "/sys");
 
 // Seconds since the user last touched the machine, from logind's IdleHint and IdleSinceHint of the

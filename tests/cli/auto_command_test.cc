@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "auto_lock.h"
 #include "core/volumes.h"
 #include "file_records.h"
 #include "support/test_files.h"
@@ -139,6 +140,37 @@ TEST(AutoCommandEdgeTest, DiskThatCannotCloneIsSaidAtTheStart) {
     EXPECT_EQ(warning["event"], "warning");
     EXPECT_EQ(warning["fileSystem"], "ext4");
     EXPECT_FALSE(std::getline(lines, line)) << json.stdoutText;
+}
+
+TEST(AutoCommandEdgeTest, SecondAutomaticReclaimerSaysWhoWorksAndDoesNotStart) {
+    test::TempDir data, root;
+    ::setenv("DEDUP_DATA_DIR", data.path().c_str(), 1);
+    auto lock = AutoLock::acquire(data.path(), "the desktop application");
+    ASSERT_TRUE(std::holds_alternative<AutoLock>(lock));
+    auto run = test::runCommand({"timeout", "-s", "KILL", "20", DEDUP_BINARY, "auto", "--anytime", root.path()});
+    EXPECT_EQ(run.exitCode, 1) << run.stdoutText;
+    EXPECT_EQ(run.stderrText, "dedup: automatic reclaiming already runs in the desktop application (process " +
+                                  std::to_string(::getpid()) + ")\n");
+    EXPECT_EQ(run.stdoutText, "");  // not even the journal's recovery ran
+}
+
+TEST(AutoCommandEdgeTest, XfsIsWatchedOnlyWhereItWasFormattedToShareBlocks) {
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::xfsWithoutReflink);
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::xfs);
+    test::TempDir data;
+    ::setenv("DEDUP_DATA_DIR", data.path().c_str(), 1);
+    auto plain = LoopVolume::create(LoopVolume::Kind::xfsWithoutReflink);
+    const std::string refusing = test::freshFolder(plain.get(), "auto-xfs");
+    const std::string sharing = test::freshFolder(test::sharedVolume(LoopVolume::Kind::xfs), "auto-xfs");
+
+    auto run = test::runCommand(
+        {"timeout", "--preserve-status", "-s", "TERM", "5", DEDUP_BINARY, "auto", "--anytime", refusing, sharing});
+    EXPECT_NE(run.stdoutText.find(refusing + " is on " + plain->mountPoint() + " (xfs), which cannot make clones"),
+              std::string::npos)
+        << run.stdoutText;
+    EXPECT_EQ(run.stdoutText.find(sharing + " is on "), std::string::npos) << run.stdoutText;
+    EXPECT_NE(run.stdoutText.find("Watching 1 folders"), std::string::npos) << run.stdoutText;
+    EXPECT_EQ(run.exitCode, 0) << run.stderrText;
 }
 
 }  // namespace

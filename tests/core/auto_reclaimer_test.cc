@@ -3,6 +3,9 @@
 #include "auto_reclaimer.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <filesystem>
@@ -162,6 +165,76 @@ TEST_F(AutoReclaimerTest, ChangesWaitForMayRunAndComeBackInTheUsersSpelling) {
     advance(20s);
     automatic->tickNow();
     EXPECT_EQ(automatic->indexedFiles(), 4u);
+}
+
+TEST_F(AutoReclaimerTest, SingleFileRootIsWatchedThroughItsFolderAndAloneThere) {
+    fs::create_directories(dir_ + "/single");
+    fs::create_directories(dir_ + "/album");
+    test::writeRandomFile(dir_ + "/single/photo.jpg", 120000, 7);
+    test::writeRandomFile(dir_ + "/single/other.jpg", 120000, 8);
+    test::writeRandomFile(dir_ + "/album/copy.jpg", 120000, 5);
+    test::writeRandomFile(dir_ + "/album/x.jpg", 120000, 6);
+    auto automatic = make({dir_ + "/single/photo.jpg", dir_ + "/album"}, 10);
+    automatic->start();
+    automatic->tickNow();
+    EXPECT_TRUE(summaries().empty());
+
+    // Saved over the way editors save: a new file renamed onto the old name.
+    test::writeRandomFile(dir_ + "/single/.photo.jpg.saving", 120000, 5);
+    fs::rename(dir_ + "/single/.photo.jpg.saving", dir_ + "/single/photo.jpg");
+    // Its neighbour is not a root: what happens to it is none of this reclaimer's business.
+    test::writeRandomFile(dir_ + "/single/other.jpg", 120000, 6);
+    EXPECT_EQ(automatic->pendingFolders(), std::vector<std::string>{dir_ + "/single/photo.jpg"});
+
+    advance(20s);
+    automatic->tickNow();
+    EXPECT_TRUE(shareBlocks(dir_ + "/single/photo.jpg", dir_ + "/album/copy.jpg"));
+    EXPECT_FALSE(shareBlocks(dir_ + "/single/other.jpg", dir_ + "/album/x.jpg"));
+    EXPECT_EQ(automatic->indexedFiles(), 3u);
+    EXPECT_TRUE(automatic->pendingFolders().empty());
+}
+
+TEST(AutoReclaimerWatchTest, FolderTheKernelWillNotWatchIsNamed) {
+    // Only a user other than root can be refused a watch: the reclaimer runs in a child that
+    // becomes nobody, over a tree that nobody owns, with one folder nobody may read.
+    constexpr uid_t nobody = 65534;
+    test::TempDir dir;
+    const std::string root = dir.path("root");
+    fs::create_directories(root + "/secret");
+    fs::create_directories(root + "/open");
+    for (const auto& path : {dir.path(), root, root + "/secret", root + "/open"}) {
+        ASSERT_EQ(::chown(path.c_str(), nobody, nobody), 0) << path;
+    }
+    ASSERT_EQ(::chmod((root + "/secret").c_str(), 0300), 0);
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::close(pipe[0]);
+        if (::setgid(nobody) != 0 || ::setuid(nobody) != 0) ::_exit(2);
+        std::string said;
+        {
+            AutoReclaimer automatic({root}, DuplicateFinder{}, Reclaimer{}, [] { return Selection{}; }, 10,
+                                    [] { return true; }, [](const ReclaimSummary&) {});
+            automatic.onWarning = [&](const std::string& warning) { said += warning + "\n"; };
+            automatic.start();
+            automatic.stop();
+        }
+        ssize_t written = ::write(pipe[1], said.data(), said.size());
+        ::_exit(written == static_cast<ssize_t>(said.size()) ? 0 : 1);
+    }
+    ::close(pipe[1]);
+    std::string said;
+    char buffer[4096];
+    for (ssize_t n; (n = ::read(pipe[0], buffer, sizeof buffer)) > 0;) said.append(buffer, static_cast<size_t>(n));
+    ::close(pipe[0]);
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ::chmod((root + "/secret").c_str(), 0700);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(said, root + "/secret is not watched (inotify_add_watch: Permission denied); changes there are found "
+                           "by a full pass every 30 minutes.\n");
 }
 
 }  // namespace

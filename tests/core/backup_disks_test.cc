@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <mutex>
+#include <set>
+#include <unistd.h>
 #include <thread>
 
 #include "journal.h"
@@ -91,6 +93,41 @@ TEST(BackupWatcherTest, MarkedDiskGetsAReclaimerWhileConnectedAndAFullPassEachTi
     }
     watcher.pollNow();
     EXPECT_TRUE(watcher.watching().empty());
+    watcher.stop();
+}
+
+TEST(BackupDisksTest, DiskIsKnownByItsFileSystemThroughAnySubvolumeAndOldMarksStillCount) {
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::btrfs);
+    LoopVolume* volume = test::sharedVolume(LoopVolume::Kind::btrfs);
+    const std::string name = "backup-subvolume-" + std::to_string(::getpid());
+    test::runCommandChecked({"btrfs", "-q", "subvolume", "create", volume->path(name)});
+    test::TempDir elsewhere;
+    // The same disk as it may come back next time: mounted through its subvolume only.
+    test::runCommandChecked({"mount", "-o", "subvol=" + name, volume->device(), elsewhere.path()});
+    struct Unmount {
+        std::string at;
+        ~Unmount() { test::runCommand({"umount", at}); }
+    } unmount{elsewhere.path()};
+
+    auto id = BackupDisks::uuid(volume->mountPoint());
+    ASSERT_TRUE(id);
+    EXPECT_EQ(BackupDisks::uuid(elsewhere.path()), id);
+
+    // Marked by an earlier release, which wrote the top-level subvolume's id after the fsid.
+    test::TempDir data;
+    test::writeFile(data.path("backup-disks.json"), R"({"volumes": [")" + *id + R"(:5", "not-a-uuid:5"]})");
+    EXPECT_EQ(BackupDisks::load(data.path("backup-disks.json")).volumes, (std::set<std::string>{*id, "not-a-uuid:5"}));
+
+    BackupWatcher watcher([&] { return BackupDisks::load(data.path("backup-disks.json")); },
+                          [&] { return std::vector<std::string>{elsewhere.path()}; }, 3600,
+                          [](const std::string& path) {
+                              return std::make_unique<AutoReclaimer>(
+                                  std::vector<std::string>{path}, DuplicateFinder{}, Reclaimer{},
+                                  [] { return Selection{}; }, 3600, [] { return false; }, [](const ReclaimSummary&) {});
+                          });
+    watcher.start();
+    watcher.pollNow();
+    EXPECT_EQ(watcher.watching(), std::vector<std::string>{elsewhere.path()});
     watcher.stop();
 }
 

@@ -287,5 +287,31 @@ TEST(CloneEngineTest, LeftoversArePutRight) {
     EXPECT_TRUE(std::filesystem::exists(dir.path(".dedup-" + uuid)));
 }
 
+TEST(CloneEngineTest, FileThatVanishedSinceTheScanIsSkippedNotFailed) {
+    test::TempDir dir, data;
+    Journal journal(data.path("journal.jsonl"));
+    CloneEngine engine;
+    engine.journal = &journal;
+    const std::string kept = dir.path("kept.jpg"), copy = dir.path("copy.jpg");
+    test::writeRandomFile(kept, 5000, 3);
+    test::writeRandomFile(copy, 5000, 3);
+    const FileStatus scanned = FileStatus::read(copy);
+    auto reasonOf = [&] {
+        try {
+            engine.replace(copy, kept, scanned, "digest");
+        } catch (const Skip& skip) {
+            return std::optional<SkipReason>(skip.reason);
+        }
+        return std::optional<SkipReason>();
+    };
+
+    std::filesystem::remove(copy);
+    EXPECT_EQ(reasonOf(), SkipReason::changedSinceScan);
+    test::writeRandomFile(copy, 5000, 3);
+    std::filesystem::remove(kept);  // the copy to keep went away instead
+    EXPECT_EQ(reasonOf(), SkipReason::changedSinceScan);
+    for (const auto& entry : journal.entries()) EXPECT_NE(entry.event, JournalEntry::Event::failed) << entry.detail.value_or("");
+}
+
 }  // namespace
 }  // namespace dedup

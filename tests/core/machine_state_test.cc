@@ -66,10 +66,16 @@ TEST(MachineStateTest, SysfsReadingsOfHeatAndPower) {
         for (const auto& [file, value] : values) test::writeFile(dir + "/" + file, value + "\n");
     };
     EXPECT_EQ(platform::powerSupplyOnBattery(sys.path()), std::nullopt);
+    // A desktop or server: supplies that read offline, and no battery of its own (a mouse's does
+    // not count). There is nothing to wait for.
     supply("hidpp_battery_0", {{"type", "Battery"}, {"scope", "Device"}, {"status", "Discharging"}});
-    EXPECT_EQ(platform::powerSupplyOnBattery(sys.path()), std::nullopt);  // a mouse's battery
-    supply("BAT0", {{"type", "Battery"}, {"status", "Discharging"}});
+    supply("ucsi-source-psy-USBC000:001", {{"type", "USB"}, {"online", "0"}});
     supply("AC", {{"type", "Mains"}, {"online", "0"}});
+    EXPECT_EQ(platform::powerSupplyOnBattery(sys.path()), false);
+
+    supply("BAT0", {{"type", "Battery"}, {"status", "Not charging"}});
+    EXPECT_EQ(platform::powerSupplyOnBattery(sys.path()), true);  // every listed supply offline
+    supply("BAT0", {{"type", "Battery"}, {"status", "Discharging"}});
     EXPECT_EQ(platform::powerSupplyOnBattery(sys.path()), true);
     supply("AC", {{"type", "Mains"}, {"online", "1"}});
     EXPECT_EQ(platform::powerSupplyOnBattery(sys.path()), false);

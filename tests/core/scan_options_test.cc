@@ -3,10 +3,12 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "byte_format.h"
 #include "support/test_files.h"
+#include "volumes.h"
 #include "temporary_name.h"
 
 namespace dedup {
@@ -63,6 +65,37 @@ TEST(TemporaryNameTest, OnlyTheEnginesOwnNames) {
     EXPECT_FALSE(isTemporaryName("photo.jpg.dedup-" + uuid));  // no leading dot
     EXPECT_FALSE(isTemporaryName(".photo.jpg.dedup-not-a-uuid"));
     EXPECT_FALSE(isTemporaryName(".photo.jpg.dedup-" + uuid + "x"));
+}
+
+TEST(CloneAbilityTest, TriedOnTheDiskNotTakenFromItsFileSystemName) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfsWithoutReflink);
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+    auto plain = test::LoopVolume::create(test::LoopVolume::Kind::xfsWithoutReflink);
+    const std::string refusing = test::freshFolder(plain.get(), "probe");
+    const std::string sharing = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::xfs), "probe");
+    test::writeFile(refusing + "/photo.jpg", "x");
+
+    auto no = cloneAbility(refusing + "/photo.jpg");
+    EXPECT_FALSE(no.canShare);
+    EXPECT_TRUE(no.probed);
+    EXPECT_EQ(no.fileSystem, "xfs");
+    auto yes = cloneAbility(sharing);
+    EXPECT_TRUE(yes.canShare);
+    EXPECT_TRUE(yes.probed);
+    // The trial leaves nothing behind.
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(refusing), {}), 1);
+    EXPECT_TRUE(std::filesystem::is_empty(sharing));
+
+    auto candidates = Profile::externalCloneVolumes();
+    EXPECT_EQ(std::count(candidates.begin(), candidates.end(), plain->mountPoint()), 0);
+    EXPECT_EQ(std::count(candidates.begin(), candidates.end(), test::sharedVolume(test::LoopVolume::Kind::xfs)->mountPoint()), 1);
+
+    // Where nothing can be written the name is all there is, and the answer says so.
+    test::runCommandChecked({"mount", "-o", "remount,ro", plain->mountPoint()});
+    auto guessed = cloneAbility(refusing);
+    test::runCommandChecked({"mount", "-o", "remount,rw", plain->mountPoint()});
+    EXPECT_FALSE(guessed.probed);
+    EXPECT_TRUE(guessed.canShare);
 }
 
 }  // namespace

@@ -43,6 +43,8 @@ Traits traitsOf(LoopVolume::Kind kind) {
         // Spelled out though recent mkfs.xfs defaults to it: an XFS volume here exists to share blocks.
         case LoopVolume::Kind::xfs: return {"xfs", "xfsprogs", {"mkfs.xfs", "-q", "-f", "-m", "reflink=1"}};
         case LoopVolume::Kind::ext4: return {"ext4", "e2fsprogs", {"mkfs.ext4", "-q", "-F"}};
+        case LoopVolume::Kind::xfsWithoutReflink:
+            return {"xfs", "xfsprogs", {"mkfs.xfs", "-q", "-f", "-m", "reflink=0"}};
     }
     throw std::invalid_argument("unknown LoopVolume::Kind");
 }

@@ -22,9 +22,10 @@ namespace dedup::test {
 
 class LoopVolume {
 public:
-    enum class Kind { btrfs, xfs, ext4 };
+    enum class Kind { btrfs, xfs, ext4, xfsWithoutReflink };
 
-    // XFS is formatted with reflink=1, so btrfs and xfs share blocks and ext4 answers EOPNOTSUPP.
+    // XFS is formatted with reflink=1, so btrfs and xfs share blocks and ext4 answers EOPNOTSUPP;
+    // xfsWithoutReflink is an XFS formatted with reflink=0, which cannot share blocks either.
     // Throws std::runtime_error naming what failed. Any thread may call it.
     static std::unique_ptr<LoopVolume> create(Kind kind);
     // Empty when create(kind) can work here, else why not, for GTEST_SKIP(): a machine that cannot

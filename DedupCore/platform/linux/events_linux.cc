@@ -28,9 +28,14 @@ FolderWatch::FolderWatch() : fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
     if (!fd_) throw SystemError("inotify_init1", "", errno);
 }
 
-FolderWatch::Added FolderWatch::add(const std::string& folder) {
+FolderWatch::Added FolderWatch::add(const std::string& folder, int* error) {
     int wd = ::inotify_add_watch(fd_.get(), folder.c_str(), watchedEvents);
-    if (wd < 0) return errno == ENOSPC ? Added::limitReached : Added::failed;
+    if (wd < 0) {
+        if (error) *error = errno;
+        if (errno == ENOSPC) return Added::limitReached;
+        if (errno == ENOENT || errno == ENOTDIR) return Added::vanished;
+        return Added::failed;
+    }
     // The kernel answers with the descriptor it already has when the folder was moved here from a
     // path watched before: the watch now belongs to the new path.
     auto known = paths_.find(wd);

@@ -140,22 +140,29 @@ std::optional<bool> powerSupplyOnBattery(const std::string& sysRoot) {
     std::error_code ec;
     fs::directory_iterator supplies(fs::path(sysRoot) / "class/power_supply", ec);
     if (ec) return std::nullopt;
-    bool mainsSeen = false, discharging = false;
+    bool supplySeen = false, mainsSeen = false, batterySeen = false, discharging = false;
     for (const auto& supply : supplies) {
         auto type = firstLine(supply.path() / "type");
         if (!type) continue;
+        supplySeen = true;
         if (*type == "Mains" || *type == "USB") {
             mainsSeen = true;
             if (number(supply.path() / "online").value_or(0) == 1) return false;
         } else if (*type == "Battery") {
             // A peripheral's battery (a mouse, a headset) does not power the machine.
             if (firstLine(supply.path() / "scope").value_or("System") == "Device") continue;
+            batterySeen = true;
             if (firstLine(supply.path() / "status").value_or("") == "Discharging") discharging = true;
         }
     }
+    // Desktops and servers list mains and USB-C supplies that read offline while the machine runs
+    // from a power supply the kernel does not list: without a battery of its own, the machine
+    // cannot be running on one.
+    if (!batterySeen) return supplySeen ? std::optional<bool>(false) : std::nullopt;
     if (discharging) return true;
-    if (mainsSeen) return true;  // mains supplies known, none online
-    return std::nullopt;
+    // A battery charging or full with no supply listed is fed by one the kernel does not name; with
+    // supplies listed and none online, the battery is what powers the machine.
+    return mainsSeen;
 }
 
 std::optional<double> secondsSinceUserInput() {
