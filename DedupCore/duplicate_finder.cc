@@ -40,6 +40,7 @@ ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const Pr
     result.filesSeen = static_cast<int64_t>(walk.files.size());
     result.bytesRead = grouping.bytesRead;
     result.unreadableFolders = std::move(walk.unreadable);
+    result.unreadableFiles = std::move(grouping.unreadableFiles);
     result.leftovers = std::move(walk.leftovers);
     result.cancelled = grouping.cancelled || stopped;
     if (cache) {
@@ -64,6 +65,7 @@ void to_json(nlohmann::json& j, const ScanResult& r) {
          {"filesSeen", r.filesSeen},
          {"bytesRead", r.bytesRead},
          {"unreadableFolders", pathTexts(r.unreadableFolders)},
+         {"unreadableFiles", pathTexts(r.unreadableFiles)},
          {"leftovers", pathTexts(r.leftovers)},
          {"cancelled", r.cancelled}};
 }
@@ -73,6 +75,8 @@ void from_json(const nlohmann::json& j, ScanResult& r) {
     j.at("bytesRead").get_to(r.bytesRead);
     r.unreadableFolders = pathsFromTexts(j.at("unreadableFolders").get<std::vector<std::string>>());
     r.leftovers = pathsFromTexts(j.at("leftovers").get<std::vector<std::string>>());
+    r.unreadableFiles.clear();
+    if (auto it = j.find("unreadableFiles"); it != j.end()) r.unreadableFiles = pathsFromTexts(it->get<std::vector<std::string>>());
     j.at("cancelled").get_to(r.cancelled);
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
+#include <mutex>
 #include <string_view>
 #include <unordered_map>
 
@@ -84,6 +85,8 @@ public:
         });
         result.bytesRead = bytesRead_.get();
         result.cancelled = cancelled();
+        result.unreadableFiles = std::move(unreadable_);
+        std::sort(result.unreadableFiles.begin(), result.unreadableFiles.end());
         return result;
     }
 
@@ -231,6 +234,13 @@ private:
         return result;
     }
 
+    // A file that gave no digest although the scan went on could not be read: the user is told.
+    void noteUnread(const std::string& path) {
+        if (cancelled()) return;
+        std::lock_guard lock(unreadableLock_);
+        unreadable_.push_back(path);
+    }
+
     bool isReplaceable(const ScannedFile& file) {
         const FileStatus& s = file.status;
         if (!s.isRegularFile() || s.links != 1) return false;
@@ -294,6 +304,7 @@ private:
                                            isCancelled_, finder_.threads);
             for (size_t i = 0; i < jobs.size(); ++i) {
                 jobs[i].unit->digest = digests[i] ? std::move(*digests[i]) : std::string();
+                if (!digests[i]) noteUnread(jobs[i].file->path);
             }
         }
     }
@@ -333,6 +344,7 @@ private:
                                                          spins ? spinningReadAhead : solidReadAhead);
                 for (size_t k = 0; k < files.size(); ++k) {
                     candidate.bucket->units[candidate.units[k]].digest = digests[k] ? std::move(*digests[k]) : "";
+                    if (!digests[k]) noteUnread(files[k]->path);
                 }
             });
         }
@@ -419,6 +431,8 @@ private:
     std::unordered_map<std::string, bool, NameHash, std::equal_to<>> writableFolders_;
     std::unordered_map<uint64_t, bool> rotational_;
     Locked<int64_t> bytesRead_{0};
+    std::mutex unreadableLock_;
+    std::vector<std::string> unreadable_;
     static constexpr uint32_t filesPerReport = 16;
     std::atomic<uint32_t> readingCount_{0};
 };

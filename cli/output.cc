@@ -41,6 +41,7 @@ void writeScanJson(std::ostream& out, const ScanResult& result) {
         }
     }
     out << "],\"leftovers\":" << text(pathTexts(result.leftovers))
+        << ",\"unreadableFiles\":" << text(pathTexts(result.unreadableFiles))
         << ",\"unreadableFolders\":" << text(pathTexts(result.unreadableFolders))
         << "}\n";
 }
@@ -99,6 +100,15 @@ void printScanText(std::ostream& out, const ScanResult& result) {
                                                           : groupedNumber(static_cast<int64_t>(
                                                                 result.unreadableFolders.size())) + " folders");
         for (const auto& path : result.unreadableFolders) out << "  " << path << "\n";
+        out << "\n";
+    }
+    if (!result.unreadableFiles.empty()) {
+        out << fmt::format("{} could not be read to compare {}:\n",
+                           result.unreadableFiles.size() == 1
+                               ? std::string("1 file")
+                               : groupedNumber(std::ssize(result.unreadableFiles)) + " files",
+                           result.unreadableFiles.size() == 1 ? "it" : "them");
+        for (const auto& path : result.unreadableFiles) out << "  " << path << "\n";
         out << "\n";
     }
     if (!result.leftovers.empty()) {

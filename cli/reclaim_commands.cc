@@ -109,12 +109,20 @@ void printSummary(std::ostream& out, const ReclaimSummary& summary) {
     }
 }
 
-// Folders the scan could not read: their copies were neither compared nor replaced.
-void printUnreadable(std::ostream& out, const std::vector<std::string>& folders) {
-    if (folders.empty()) return;
-    out << (folders.size() == 1 ? std::string("1 folder") : groupedNumber(std::ssize(folders)) + " folders")
-        << " could not be read; nothing in " << (folders.size() == 1 ? "it" : "them") << " was looked at:\n";
-    for (const auto& folder : folders) out << "  " << folder << "\n";
+// Folders and files the scan could not read: their copies were neither compared nor replaced.
+void printUnreadable(std::ostream& out, const ScanResult& scan) {
+    const auto& folders = scan.unreadableFolders;
+    if (!folders.empty()) {
+        out << (folders.size() == 1 ? std::string("1 folder") : groupedNumber(std::ssize(folders)) + " folders")
+            << " could not be read; nothing in " << (folders.size() == 1 ? "it" : "them") << " was looked at:\n";
+        for (const auto& folder : folders) out << "  " << folder << "\n";
+    }
+    const auto& files = scan.unreadableFiles;
+    if (!files.empty()) {
+        out << (files.size() == 1 ? std::string("1 file") : groupedNumber(std::ssize(files)) + " files")
+            << " could not be read to compare " << (files.size() == 1 ? "it" : "them") << ":\n";
+        for (const auto& file : files) out << "  " << file << "\n";
+    }
 }
 
 int runReclaim(const ReclaimArguments& arguments) {
@@ -215,6 +223,7 @@ int runReclaim(const ReclaimArguments& arguments) {
     if (arguments.scan.json) {
         nlohmann::json out = summary;
         out["unreadableFolders"] = pathTexts(scan.unreadableFolders);
+        out["unreadableFiles"] = pathTexts(scan.unreadableFiles);
         if (arguments.trash) out["freedWhenTrashIsEmptied"] = inTrash;
         std::cout << jsonText(out) << "\n";
     } else {
@@ -224,7 +233,7 @@ int runReclaim(const ReclaimArguments& arguments) {
             std::cout << "Of that, " << formatBytes(inTrash)
                       << " comes back only when the Trash is emptied: the old copies wait there.\n";
         }
-        printUnreadable(std::cout, scan.unreadableFolders);
+        printUnreadable(std::cout, scan);
     }
     if (summary.cancelled) return interruptedByUser;
     return summary.skipped.empty() && summary.failed.empty() ? success : someSkipped;

@@ -118,6 +118,9 @@ TEST_F(UnprivilegedUserTest, WhatCannotBeReadOrReplacedIsNamedAndNotCounted) {
     ASSERT_EQ(::chmod((photos + "/locked").c_str(), 0555), 0);
     ASSERT_EQ(::chown((photos + "/private").c_str(), 0, 0), 0);
     ASSERT_EQ(::chmod((photos + "/private").c_str(), 0700), 0);
+    // And a file of root's it may not read, beside the copies.
+    test::writeRandomFile(photos + "/secret.jpg", 300000, 8);
+    ASSERT_EQ(::chmod((photos + "/secret.jpg").c_str(), 0600), 0);
 
     // One locked copy is kept; the other is named with its reason and counted as nothing.
     auto scan = asUser({"scan", "--min-size", "1", photos});
@@ -128,10 +131,11 @@ TEST_F(UnprivilegedUserTest, WhatCannotBeReadOrReplacedIsNamedAndNotCounted) {
     EXPECT_NE(dry.stdoutText.find("600.0 kB would be reclaimed by making 2 files clones."), std::string::npos)
         << dry.stdoutText;
 
-    // The reclaim names the folder it could not read.
+    // The reclaim names the folder and the file it could not read.
     auto reclaim = asUser({"reclaim", "--min-size", "1", photos});
     EXPECT_NE(reclaim.stdoutText.find("1 folder could not be read; nothing in it was looked at:\n  " + photos +
-                                      "/private\n"),
+                                      "/private\n1 file could not be read to compare it:\n  " + photos +
+                                      "/secret.jpg\n"),
               std::string::npos)
         << reclaim.stdoutText;
 
