@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "background_command.h"
+#include "dedup_command.h"
 #include "core/volumes.h"
 #include "journal.h"
 #include "support/test_files.h"
@@ -18,10 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using test::LoopVolume;
 
-test::CommandResult dedupCommand(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), DEDUP_BINARY);
-    return test::runCommand(arguments);
-}
+using test::dedupCommand;
 
 class SavedChoicesTest : public ::testing::Test {
 protected:

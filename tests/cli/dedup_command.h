@@ -1,5 +1,4 @@
-// The dedup command running beside a test (dedup auto), its output going to a file; stopped with
-// SIGTERM and reaped when the object dies, so it never outlives the test.
+// The dedup command as the tests run it: to its end, or beside the test (dedup auto).
 #pragma once
 
 #include <fcntl.h>
@@ -16,6 +15,14 @@
 
 namespace dedup::test {
 
+// Runs the dedup binary under test with `arguments` and waits for it.
+inline CommandResult dedupCommand(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), DEDUP_BINARY);
+    return runCommand(arguments);
+}
+
+// The command running beside a test, its output going to a file; stopped with SIGTERM and reaped
+// when the object dies, so it never outlives the test.
 class BackgroundCommand {
 public:
     BackgroundCommand(std::vector<std::string> arguments, std::string log) : log_(std::move(log)) {
