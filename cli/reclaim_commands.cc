@@ -331,6 +331,8 @@ int listSelection(bool json) {
 
 }  // namespace
 
+void printReclaimSummary(std::ostream& out, const ReclaimSummary& summary) { printSummary(out, summary); }
+
 void addReclaimCommands(CLI::App& app, Commands& commands) {
     static ReclaimArguments reclaim;
     auto* reclaimCommand =

@@ -10,6 +10,7 @@
 
 #include "journal.h"
 #include "reclaim_plan.h"
+#include "reclaimer.h"
 
 namespace dedup::cli {
 
@@ -21,6 +22,9 @@ Selection savedSelection();
 // The same, ready to match files walked below `roots` (as the user gave them), by the rule of
 // path_spellings.h.
 Selection loadSelection(const std::vector<std::string>& roots);
+// What a reclaim did, for a person: the freed bytes, and every copy left alone by reason, failures
+// once per cause (a full disk fails every copy after it the same way).
+void printReclaimSummary(std::ostream& out, const ReclaimSummary& summary);
 // Announces and puts right what an interrupted run left; returns how many files there were.
 size_t recoverInterrupted(Journal& journal, std::ostream& out);
 

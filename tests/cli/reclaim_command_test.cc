@@ -9,12 +9,14 @@
 
 #include <filesystem>
 #include <map>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
 #include "core/volumes.h"
 #include "hasher.h"
 #include "journal.h"
+#include "reclaim_commands.h"
 #include "support/test_files.h"
 
 namespace dedup {
@@ -149,6 +151,25 @@ TEST_F(ReclaimCommandTest, TrashSaysTheSpaceComesBackOnlyWhenItIsEmptied) {
     ASSERT_EQ(inPlace.exitCode, 0) << inPlace.stdoutText << inPlace.stderrText;
     EXPECT_NE(inPlace.stdoutText.find("400.0 kB reclaimed"), std::string::npos) << inPlace.stdoutText;
     EXPECT_EQ(inPlace.stdoutText.find("Trash"), std::string::npos) << inPlace.stdoutText;
+}
+
+TEST(ReclaimSummaryTest, FailuresOfOneCauseAreSaidOnce) {
+    ReclaimSummary summary;
+    summary.replaced = 3;
+    summary.freedBytes = 600000;
+    for (int i = 0; i < 50; ++i) {
+        std::string path = "/photos/" + std::to_string(i) + ".jpg";
+        summary.failed[path] = "FICLONE(" + path + "): No space left on device";
+    }
+    summary.failed["/photos/odd.jpg"] = "open(/photos/odd.jpg): Input/output error";
+    std::ostringstream out;
+    cli::printReclaimSummary(out, summary);
+    const std::string text = out.str();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 6) << text;
+    EXPECT_NE(text.find("50 copies: No space left on device, for example FICLONE(/photos/0.jpg)"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("The disk is full: free some space on it, then reclaim again."), std::string::npos) << text;
+    EXPECT_NE(text.find("open(/photos/odd.jpg): Input/output error"), std::string::npos) << text;
 }
 
 struct Param {
