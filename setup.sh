@@ -9,6 +9,7 @@ packages=(
   libacl1-dev libblkid-dev libbtrfsutil-dev libglib2.0-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   btrfs-progs xfsprogs e2fsprogs util-linux attr acl
+  qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins dbus xvfb desktop-file-utils appstream
 )
 
 missing=()

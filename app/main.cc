@@ -1,0 +1,63 @@
+// VELMORA.dedup's desktop application: one copy per desktop session, a window over the model,
+// and a background life while automatic reclaiming runs.
+#include <memory>
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QMessageBox>
+
+#include "app_model.h"
+#include "desktop_session.h"
+#include "main_window.h"
+
+int main(int argc, char** argv) {
+    // The icon lives in a static library, whose resources the linker would otherwise drop.
+    Q_INIT_RESOURCE(app_resources);
+    QApplication application(argc, argv);
+    QApplication::setApplicationName("VELMORA.dedup");
+    QApplication::setOrganizationName("VELMORA");
+    QApplication::setDesktopFileName("org.velmora.dedup");
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription("Gives back the space that identical files take.");
+    parser.addHelpOption();
+    QCommandLineOption background("background", "Start without a window, as at login; ends at once unless "
+                                                "automatic reclaiming is on.");
+    parser.addOption(background);
+    parser.process(application);
+
+    dedup::app::quitOnTerminationSignals();
+    dedup::app::SingleInstance instance;
+    if (instance.claim() == dedup::app::SingleInstance::Claim::another) return 0;
+
+    std::unique_ptr<dedup::app::AppModel> model;
+    try {
+        model = std::make_unique<dedup::app::AppModel>();
+    } catch (const std::exception& error) {
+        QMessageBox::critical(nullptr, "VELMORA.dedup",
+                              QString("VELMORA.dedup cannot start.\n\n%1\n\nNothing was changed.")
+                                  .arg(QString::fromUtf8(error.what())));
+        return 1;
+    }
+
+    int code = 0;
+    {
+        dedup::app::MainWindow window(*model);
+        dedup::app::BackgroundMode life(*model, window);
+        QObject::connect(&instance, &dedup::app::SingleInstance::raiseRequested, &life,
+                         &dedup::app::BackgroundMode::showWindow);
+        QObject::connect(&life, &dedup::app::BackgroundMode::quitRequested, &application, &QApplication::quit);
+        bool run = true;
+        if (parser.isSet(background)) {
+            run = life.startHidden();  // nothing to do without automatic reclaiming
+        } else {
+            window.show();
+        }
+        if (run) code = application.exec();
+    }
+    // A reclaim under way finishes the replacement it is in, then stops; the process ends after.
+    model->cancelCurrent();
+    model.reset();
+    dedup::app::AppModel::waitForTasks();
+    return code;
+}

@@ -1,0 +1,52 @@
+// The application's window: a sidebar of screens (Scan & Reclaim, True Size, Across Disks,
+// Automatic, Journal) beside the screen chosen, a Settings window, and the menus and shortcuts
+// that reach them. Every screen talks only to the AppModel it is given; the window outlives none
+// of them and owns them all.
+#pragma once
+
+#include <QMainWindow>
+
+class QDialog;
+class QListWidget;
+class QStackedWidget;
+
+namespace dedup::app {
+
+class AppModel;
+class AutomaticView;
+class JournalView;
+class ScanView;
+class TrueSizeView;
+
+class MainWindow : public QMainWindow {
+    Q_OBJECT
+public:
+    enum Screen { scanScreen, trueSizeScreen, acrossScreen, automaticScreen, journalScreen, screenCount };
+
+    explicit MainWindow(AppModel& model, QWidget* parent = nullptr);
+
+    void showScreen(Screen screen);
+    Screen currentScreen() const;
+    QWidget* screen(Screen screen) const;
+    ScanView* scanView() const { return scan_; }
+    TrueSizeView* trueSizeView() const { return trueSize_; }
+    AutomaticView* automaticView() const { return automatic_; }
+    JournalView* journalView() const { return journal_; }
+    // Made on first use, kept afterwards.
+    QDialog* settingsWindow();
+
+public slots:
+    void showSettings();
+
+private:
+    AppModel& model_;
+    QListWidget* sidebar_;
+    QStackedWidget* screens_;
+    ScanView* scan_;
+    TrueSizeView* trueSize_;
+    AutomaticView* automatic_;
+    JournalView* journal_;
+    QDialog* settings_ = nullptr;
+};
+
+}  // namespace dedup::app
