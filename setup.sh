@@ -8,7 +8,7 @@ packages=(
   libsqlite3-dev libssl-dev nlohmann-json3-dev libcli11-dev libfmt-dev
   libacl1-dev libblkid-dev libbtrfsutil-dev libglib2.0-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  btrfs-progs xfsprogs e2fsprogs util-linux attr acl
+  btrfs-progs xfsprogs e2fsprogs util-linux attr acl libcap2-bin
   qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins dbus xvfb desktop-file-utils appstream
 )
 

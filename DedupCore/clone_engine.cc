@@ -2,12 +2,15 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <set>
 
+#include "clone_engine_internal.h"
 #include "hasher.h"
 #include "journal.h"
 #include "metadata.h"
 #include "path_names.h"
+#include "platform/anchored.h"
 #include "platform/clone.h"
 #include "platform/system.h"
 #include "replaceability.h"
@@ -25,6 +28,39 @@ std::string joined(const std::vector<std::string>& names) {
 
 }  // namespace
 
+namespace {
+
+// What a failed call meant for the replacement, in the words of someone who owns the file.
+std::string meaning(const SystemError& error) {
+    const std::string& call = error.call;
+    bool linkOnTheWay = error.code == ELOOP || error.code == ENOTDIR;
+    if (call == "both the clone and the original are open") {
+        return "both the clone and the replaced copy are open in other programs; neither was touched";
+    }
+    if (call == "openat2" && linkOnTheWay) return "a folder on the way to it is a symbolic link now; nothing was changed";
+    if (call == "openat" && linkOnTheWay) return "it is a symbolic link now; nothing was changed";
+    if (call == "openat" || call == "openat2" || call == "open") return "it could not be opened";
+    if (call == "read" || call == "fstat" || call == "statx") return "it could not be read";
+    if (call == "FIDEDUPERANGE") return "the disk refused to share its blocks with the kept copy";
+    if (call == "FICLONE") return "the disk refused to make a clone of the kept copy";
+    if (call == "linkat") return "the clone could not be given a name beside it";
+    if (call == "renameat2") return "it could not be exchanged with its clone";
+    if (call == "unlinkat" || call == "unlink") return "the replaced copy could not be removed";
+    if (call == "trash" || call == "mkdirat") return "the replaced copy could not be moved to the Trash";
+    if (call.find("xattr") != std::string::npos) return "its extended attributes could not be given to the clone";
+    if (call == "fchown" || call == "fchmod") return "its owner or permissions could not be given to the clone";
+    if (call.starts_with("FS_IOC_")) return "its attributes (chattr) could not be given to the clone";
+    if (call == "futimens") return "its dates could not be given to the clone";
+    if (call.starts_with("acl")) return "its access list could not be read";
+    return "it could not be replaced";
+}
+
+}  // namespace
+
+ReplaceError::ReplaceError(const SystemError& cause, const std::string& file) : SystemError(cause) {
+    text = file + ": " + meaning(cause) + " (" + call + ": " + std::strerror(code) + ")";
+}
+
 VerificationError::VerificationError(std::string path_, std::vector<std::string> differs_)
     : std::runtime_error(path_ + ": " + joined(differs_) + " changed"),
       path(std::move(path_)),
@@ -41,47 +77,100 @@ std::string_view rawValue(CloneEngine::Leftover leftover) {
     return names[static_cast<size_t>(leftover)];
 }
 
-// One replacement between its swap and its end.
+// One replacement between its swap and its end. Every file is reached through `folder`, the copy's
+// folder opened without following links, so a folder swapped for a link cannot redirect a change.
 struct CloneEngine::Swapped {
     JournalEntry entry;
     Replacement target;
     std::string temporary;  // empty when the blocks were shared in place: nothing waits for phase two
-    FileStatus original;
+    std::string temporaryName;
+    std::string name;  // the copy's own name in `folder`
+    FileStatus original;  // the copy, read on its descriptor at the start
+    FileStatus cloneStatus;
     std::optional<FileTimes> folderTimes;
     int64_t freed = 0;
+    platform::FileDescriptor folder;
     platform::FileDescriptor held;  // the copy, open for the lease while it is replaced
+    platform::FileDescriptor source;
+    platform::FileDescriptor clone;
     Snapshot before;
     Attributes attributes;
+    bool leases = true;  // the kernel answers whether the copy is open elsewhere
 };
 
 void CloneEngine::step(Step s, const std::string& temporary) const {
     if (fault) fault(s, temporary);
 }
 
-CloneEngine::Strategy CloneEngine::strategyFor(uint64_t device) const {
-    if (strategy != Strategy::automatic) return strategy;
-    std::lock_guard lock(volumes_->mutex);
-    auto it = volumes_->chosen.find(device);
-    return it == volumes_->chosen.end() ? Strategy::automatic : it->second;
+// Whether another program has the file open: asked of the kernel for this one file where it can
+// answer, else looked up in the list of every process's open files. A lease held for coordination
+// is itself the answer.
+bool CloneEngine::openElsewhere(Swapped& s, const platform::FileDescriptor& fd, const FileStatus& status,
+                                const OpenFiles& open) const {
+    if (coordinate && &fd == &s.held) return !platform::leaseHeld(s.held);
+    auto answer = platform::openElsewhere(fd);
+    if (answer) return *answer;
+    s.leases = false;
+    return open.contains(status);
 }
 
-void CloneEngine::remember(uint64_t device, Strategy chosen) const {
+// Whether the volume could make a clone of the kept copy beside this one: a nameless trial clone
+// that vanishes when closed, remembered per volume.
+bool CloneEngine::canClone(const Swapped& s) const {
+    {
+        std::lock_guard lock(volumes_->mutex);
+        auto it = volumes_->clones.find(s.original.device);
+        if (it != volumes_->clones.end()) return it->second;
+    }
+    bool answer = false;
+    try {
+        auto trial = platform::anonymousFileIn(s.folder, s.target.target);
+        answer = trial && platform::cloneInto(trial, s.source, s.target.target);
+    } catch (const SystemError&) {
+    }
     std::lock_guard lock(volumes_->mutex);
-    volumes_->chosen[device] = chosen;
+    volumes_->clones[s.original.device] = answer;
+    return answer;
 }
 
 namespace {
 
-// What a verified replacement must show: the clone's identity and the replaced copy's metadata.
-// Linux cannot set a birth time, so "created" is not asked of a clone.
-void verify(const std::string& target, const FileStatus& clone, const FileStatus& original, const FileTimes& times,
-            const Attributes& attributes, const std::optional<std::string>& acl) {
-    FileStatus now = FileStatus::read(target);
-    FileTimes nowTimes = FileTimes::read(target);
-    Attributes nowAttributes = XAttr::all(target);
-    auto nowAcl = ACL::text(target);
+// An undo that could not put the copy back: its journal entry stays open, so that the recovery at
+// the next start finds the replaced copy under its temporary name.
+struct LeftForRecovery : ReplaceError {
+    LeftForRecovery(std::string call, std::string path, int code)
+        : ReplaceError(SystemError(std::move(call), path, code), path) {
+        text = this->path + ": the copy could not be put back at its name; the journal's recovery puts it right (" +
+               this->call + ": " + std::strerror(this->code) + ")";
+    }
+};
+
+Snapshot snapshotOf(const platform::FileDescriptor& fd, const std::string& path) {
+    Snapshot snapshot;
+    snapshot.status = platform::statusOf(fd, path);
+    snapshot.times = platform::timesOf(fd, path);
+    snapshot.attributeNames = XAttr::names(fd, path);
+    std::sort(snapshot.attributeNames.begin(), snapshot.attributeNames.end());
+    snapshot.acl = ACL::text(fd, path);
+    return snapshot;
+}
+
+bool isFile(const std::optional<FileStatus>& status, const FileStatus& identity) {
+    return status && status->device == identity.device && status->inode == identity.inode;
+}
+
+// What a verified replacement must show: the path names the clone, which carries the replaced
+// copy's metadata. Linux cannot set a birth time, so "created" is not asked of a clone.
+void verify(const platform::FileDescriptor& folder, const std::string& name, const platform::FileDescriptor& clone,
+            const std::string& target, const FileStatus& cloneStatus, const FileStatus& original,
+            const FileTimes& times, const Attributes& attributes, const std::optional<std::string>& acl) {
+    auto atName = platform::statusIn(folder, name, target);
+    FileStatus now = platform::statusOf(clone, target);
+    FileTimes nowTimes = platform::timesOf(clone, target);
+    Attributes nowAttributes = XAttr::all(clone, target);
+    auto nowAcl = ACL::text(clone, target);
     std::vector<std::string> differs;
-    if (now.inode != clone.inode) differs.push_back("inode");
+    if (!isFile(atName, cloneStatus)) differs.push_back("inode");
     if ((now.mode & 07777) != (original.mode & 07777)) differs.push_back("mode");
     if (now.uid != original.uid || now.gid != original.gid) differs.push_back("owner");
     if ((now.flags & ~FileFlags::compressed) != (original.flags & ~FileFlags::compressed)) differs.push_back("flags");
@@ -89,33 +178,34 @@ void verify(const std::string& target, const FileStatus& clone, const FileStatus
     if (nowTimes.added != times.added) differs.push_back("added");
     if (nowAcl != acl) differs.push_back("acl");
     std::set<std::string> names;
-    for (const auto& [name, bytes] : attributes) names.insert(name);
-    for (const auto& [name, bytes] : nowAttributes) names.insert(name);
-    for (const auto& name : names) {
-        auto a = attributes.find(name);
-        auto b = nowAttributes.find(name);
+    for (const auto& [n, bytes] : attributes) names.insert(n);
+    for (const auto& [n, bytes] : nowAttributes) names.insert(n);
+    for (const auto& n : names) {
+        auto a = attributes.find(n);
+        auto b = nowAttributes.find(n);
         if (a == attributes.end() || b == nowAttributes.end() || a->second != b->second) {
-            differs.push_back("xattr " + name);
+            differs.push_back("xattr " + n);
         }
     }
     if (!differs.empty()) throw VerificationError(target, differs);
 }
 
-void restoreTimes(const std::string& folder, const std::optional<FileTimes>& times) {
-    if (!times) return;
-    try {
-        times->write(folder);
-    } catch (const std::exception&) {
-        // A folder date that could not be put back is not worth failing a replacement for.
-    }
-}
-
-// Puts the folder's dates back however the replacement ends.
+// Puts the folder's dates back however the replacement ends, through the folder's descriptor.
 struct FolderDates {
-    const std::string& folder;
+    const platform::FileDescriptor& folder;
+    const std::string& path;
     const std::optional<FileTimes>& times;
-    ~FolderDates() { restoreTimes(folder, times); }
+    ~FolderDates() {
+        if (!times || !folder) return;
+        try {
+            platform::setTimes(folder, *times, path);
+        } catch (const std::exception&) {
+            // A folder date that could not be put back is not worth failing a replacement for.
+        }
+    }
 };
+
+constexpr int noCopyOnWriteBit = 0x00800000;  // FS_NOCOW_FL
 
 int64_t privateBytes(const std::optional<CloneInfo>& info, const FileStatus& status) {
     return info ? info->privateSize : status.size;
@@ -123,43 +213,81 @@ int64_t privateBytes(const std::optional<CloneInfo>& info, const FileStatus& sta
 
 }  // namespace
 
+std::string keepBeside(const platform::FileDescriptor& folder, const std::string& folderPath,
+                       const std::string& temporaryName, const std::string& name) {
+    // "photo.jpg" -> "photo (other version).jpg", "photo (other version 2).jpg", ...
+    auto dot = name.find_last_of('.');
+    std::string stem = dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+    std::string extension = dot == std::string::npos || dot == 0 ? "" : name.substr(dot);
+    for (int n = 1; n < 1000; ++n) {
+        std::string candidate = stem + " (other version" + (n == 1 ? "" : " " + std::to_string(n)) + ")" + extension;
+        if (platform::tryRenameWithoutReplacing(folder, temporaryName, folder, candidate)) {
+            return folderPath + "/" + candidate;
+        }
+        if (errno != EEXIST) break;
+    }
+    throw SystemError("renameat2", folderPath + "/" + temporaryName, errno);
+}
+
 CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& entry, const OpenFiles& open) {
     FileStatus status = FileStatus::read(r.target);
-    std::string folder = parentOf(r.target);
-    checkReplaceable(r.target, status, folder, r.source, r.expected);
+    checkReplaceable(r.target, status, parentOf(r.target), r.source, r.expected);
 
     Swapped swapped;
     swapped.target = r;
-    swapped.original = status;
+    swapped.name = nameOf(r.target);
+    // Both files are opened from the root down without following a link: a folder swapped for a
+    // link since the scan fails here instead of leading the replacement elsewhere.
+    swapped.folder = platform::openFolderWithoutLinks(parentOf(r.target));
     // Every later read of the copy goes through this one descriptor: opening it again would break
     // our own lease.
-    swapped.held = platform::openCopy(r.target);
-    if (!platform::statusOf(swapped.held, r.target).isSameVersion(status)) throw Skip(SkipReason::changedSinceScan);
+    swapped.held = platform::openFileIn(swapped.folder, swapped.name, r.target);
+    swapped.original = platform::statusOf(swapped.held, r.target);
+    if (!swapped.original.isSameVersion(r.expected)) throw Skip(SkipReason::changedSinceScan);
     if (coordinate && !platform::takeWriteLease(swapped.held, r.target)) throw Skip(SkipReason::inUse);
+
+    auto sourceFolder = platform::openFolderWithoutLinks(parentOf(r.source));
+    swapped.source = platform::openFileIn(sourceFolder, nameOf(r.source), r.source);
+    FileStatus sourceStatus = platform::statusOf(swapped.source, r.source);
+    if (!sourceStatus.isRegularFile()) throw Skip(SkipReason::notARegularFile);
+    if (sourceStatus.device != swapped.original.device) throw Skip(SkipReason::differentVolume);
+    if (r.keptExpected && !sourceStatus.isSameVersion(*r.keptExpected)) throw Skip(SkipReason::changedSinceScan);
+    if (sourceStatus.size != swapped.original.size) throw Skip(SkipReason::contentDiffers);
 
     auto targetClones = platform::cloneInfoOf(swapped.held, r.target);
     if (targetClones) {
-        auto sourceClones = CloneInfo::read(r.source);
+        auto sourceClones = platform::cloneInfoOf(swapped.source, r.source);
         if (sourceClones && sourceClones->cloneID == targetClones->cloneID) throw Skip(SkipReason::alreadyShared);
     }
-    if (open.contains(status)) throw Skip(SkipReason::inUse);
+    // Only clone and swap puts another file at the copy's path; shared in place, a program that has
+    // the copy open keeps the very same file and bytes.
+    if (strategy == Strategy::cloneAndSwap && openElsewhere(swapped, swapped.held, status, open)) {
+        throw Skip(SkipReason::inUse);
+    }
+    // Btrfs refuses to share blocks between a no-copy-on-write file and any other ("Invalid
+    // argument"): say why instead of failing at the kernel.
+    if ((platform::attributeBitsOf(swapped.held, r.target) | platform::attributeBitsOf(swapped.source, r.source)) &
+        noCopyOnWriteBit) {
+        throw Skip(SkipReason::noCopyOnWrite);
+    }
     swapped.freed = privateBytes(targetClones, status);
 
-    swapped.before = Snapshot::take(r.target);
+    swapped.before = snapshotOf(swapped.held, r.target);
     entry.before = swapped.before;
 
-    Strategy chosen = strategyFor(status.device);
-    if (chosen != Strategy::cloneAndSwap) {
-        if (shareInPlace(swapped, entry, r)) {
-            if (chosen == Strategy::automatic) remember(status.device, Strategy::inPlace);
-            swapped.entry = entry;
-            return swapped;
-        }
-        if (chosen == Strategy::inPlace) throw Skip(SkipReason::volumeCannotClone);
-        // The volume clones but cannot share in place: remember, and fall back for this copy too.
+    if (strategy == Strategy::cloneAndSwap) {
+        swapByClone(swapped, entry, r);
+    } else if (!shareInPlace(swapped, entry, r)) {
+        // Clone and swap puts another file at the copy's path: a program that holds the copy open
+        // keeps writing to the one that is removed, and the birth time and inode change. It is
+        // therefore never chosen for the user, only done when asked for; here the copy is left
+        // alone, saying which of the two is the case.
+        throw Skip(canClone(swapped) ? SkipReason::cloneAndSwapNotAsked : SkipReason::volumeCannotClone);
     }
-    swapByClone(swapped, entry, r);
-    if (chosen == Strategy::automatic) remember(status.device, Strategy::cloneAndSwap);
+    // A lease makes every other program that opens the file wait (up to the kernel's lease-break
+    // time): it is held only while this copy is being changed, not while the rest of the batch is.
+    // Finishing takes it again before the replaced copy is removed.
+    if (coordinate) platform::releaseLease(swapped.held);
     swapped.entry = entry;
     return swapped;
 }
@@ -167,14 +295,12 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
 bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacement& r) {
     step(Step::checked, "");
     if (journal) journal->append(entry);
-    platform::FileDescriptor source = platform::openCopy(r.source);
-    FileStatus sourceStatus = platform::statusOf(source, r.source);
     // Identity is checked again on the open descriptors right before the kernel is asked to act.
     if (!platform::statusOf(s.held, r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
-    if (sourceStatus.size != s.original.size) throw Skip(SkipReason::contentDiffers);
+    if (platform::statusOf(s.source, r.source).size != s.original.size) throw Skip(SkipReason::contentDiffers);
     if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
 
-    switch (platform::shareInPlace(source, s.held, s.original.size, r.target)) {
+    switch (platform::shareInPlace(s.source, s.held, s.original.size, r.target)) {
         case platform::ShareOutcome::notSupported: return false;
         case platform::ShareOutcome::differs: throw Skip(SkipReason::contentDiffers);
         case platform::ShareOutcome::shared: break;
@@ -182,12 +308,12 @@ bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacemen
     step(Step::cloned, "");
 
     // The kernel reports the length asked for, not what it shared: the extent map says the truth.
-    auto sourceClones = platform::cloneInfoOf(source, r.source);
+    auto sourceClones = platform::cloneInfoOf(s.source, r.source);
     auto targetClones = platform::cloneInfoOf(s.held, r.target);
     if (!sourceClones || !targetClones || sourceClones->cloneID != targetClones->cloneID) {
         throw std::runtime_error(r.target + ": the disk did not share its blocks");
     }
-    Snapshot after = Snapshot::take(r.target);
+    Snapshot after = snapshotOf(s.held, r.target);
     std::vector<std::string> differs;
     if (after.status != s.before.status) differs.push_back("status");
     if (after.times.modified != s.before.times.modified) differs.push_back("modified");
@@ -201,90 +327,156 @@ bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacemen
 
 void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement& r) {
     const std::string folder = parentOf(r.target);
-    s.attributes = XAttr::all(r.target);
-    if (restoreFolderDates) s.folderTimes = FileTimes::read(folder);
-    FolderDates dates{folder, s.folderTimes};
+    s.attributes = XAttr::all(s.held, r.target);
+    if (restoreFolderDates) s.folderTimes = platform::timesOf(s.folder, folder);
+    FolderDates dates{s.folder, folder, s.folderTimes};
     step(Step::checked, "");
 
-    s.temporary = folder + "/." + nameOf(r.target) + std::string(temporaryMarker) + makeUUID();
+    s.temporaryName = "." + s.name + std::string(temporaryMarker) + makeUUID();
+    s.temporary = folder + "/" + s.temporaryName;
     entry.temporary = s.temporary;
-    // Announced before anything exists on disk, so a crash from here on leaves a journalled leftover.
-    if (journal) journal->append(entry);
-    if (!platform::cloneFile(r.source, s.temporary)) throw Skip(SkipReason::volumeCannotClone);
+    // The clone is built without a name where the file system allows it: nobody can open it, and a
+    // crash leaves nothing behind. Only once its bytes and metadata are right does it get its
+    // temporary name, announced in the journal together with its identity first.
+    s.clone = platform::anonymousFileIn(s.folder, s.temporary);
+    bool named = !s.clone;
+    if (named) {
+        // Announced before anything exists on disk, so a crash from here on leaves a journalled leftover.
+        if (journal) journal->append(entry);
+        s.clone = platform::createFileIn(s.folder, s.temporaryName, s.temporary);
+    }
+    bool linked = named;
+    auto removeClone = [&] {
+        if (linked && isFile(platform::statusIn(s.folder, s.temporaryName, s.temporary), s.cloneStatus)) {
+            platform::tryRemoveIn(s.folder, s.temporaryName);
+        }
+    };
+    s.cloneStatus = platform::statusOf(s.clone, s.temporary);
 
-    FileStatus cloneStatus;
     try {
+        if (!platform::cloneInto(s.clone, s.source, s.temporary)) throw Skip(SkipReason::volumeCannotClone);
         step(Step::cloned, s.temporary);
-        copyMetadata(s.temporary, s.original, s.attributes);
+        prepareClone(s.clone, s.temporary, s.attributes);
         step(Step::metadataCopied, s.temporary);
-        platform::FileDescriptor clone = platform::openCopy(s.temporary);
-        if (!platform::sameContent(clone, s.temporary, s.held, r.target)) throw Skip(SkipReason::contentDiffers);
-        if (!FileStatus::read(r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
+        if (!platform::sameContent(s.clone, s.temporary, s.held, r.target)) throw Skip(SkipReason::contentDiffers);
+        if (!platform::statusOf(s.held, r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
+        // Only now, its bytes proven equal, does the clone take the copy's owner, mode and flags.
+        handOverClone(s.clone, s.temporary, s.original, s.attributes, platform::attributeBitsOf(s.held, r.target));
         // Dates go on after the comparison, which reads the clone and would move its access time.
-        s.before.times.write(s.temporary);
-        cloneStatus = FileStatus::read(s.temporary);
+        platform::setTimes(s.clone, s.before.times, s.temporary);
+        s.cloneStatus = platform::statusOf(s.clone, s.temporary);
+        if (!named) {
+            Snapshot clone = snapshotOf(s.clone, s.temporary);
+            entry.after = clone;
+            if (journal) journal->append(entry);
+            platform::linkInto(s.clone, s.folder, s.temporaryName, s.temporary);
+            linked = true;
+            s.cloneStatus = platform::statusOf(s.clone, s.temporary);
+        }
+        // Opened by a program since the first look: it would keep writing to the replaced copy.
+        if (!coordinate && platform::openElsewhere(s.held) == true) throw Skip(SkipReason::inUse);
         step(Step::compared, s.temporary);
         if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
+        // The copy's name must still name the copy that was compared: a program may have saved a
+        // new file over it meanwhile, and that one is not ours to move.
+        if (!isFile(platform::statusIn(s.folder, s.name, r.target), s.original)) throw Skip(SkipReason::changedSinceScan);
     } catch (...) {
-        platform::tryRemoveFile(s.temporary);
+        removeClone();
         throw;
     }
 
-    try {
-        platform::exchange(s.temporary, r.target);
-    } catch (...) {
-        platform::tryRemoveFile(s.temporary);
-        throw;
+    if (!platform::exchangeIn(s.folder, s.temporaryName, s.name)) {
+        int code = errno;
+        removeClone();
+        throw SystemError("renameat2", r.target, code);
     }
 
     try {
+        // Whatever a program renamed over the copy's name in the last instant is what went to the
+        // temporary name; it is undone below, never removed.
+        if (!isFile(platform::statusIn(s.folder, s.temporaryName, s.temporary), s.original)) {
+            throw Skip(SkipReason::changedDuringReplace);
+        }
         // Some attributes only stick once the file has its final name.
-        applyAttributes(s.attributes, r.target);
+        applyAttributes(s.attributes, s.clone, r.target);
         step(Step::swapped, s.temporary);
-        verify(r.target, cloneStatus, s.original, s.before.times, s.attributes, s.before.acl);
+        verify(s.folder, s.name, s.clone, r.target, s.cloneStatus, s.original, s.before.times, s.attributes,
+               s.before.acl);
         step(Step::verified, s.temporary);
     } catch (...) {
-        // The temporary name holds the untouched copy again after this exchange.
-        platform::tryExchange(s.temporary, r.target);
-        platform::tryRemoveFile(s.temporary);
+        undoSwap(s);
         throw;
+    }
+}
+
+// Puts the replaced copy back at its name after a failure past the exchange. Removes only what is
+// proven to be this replacement's clone; whatever else turns up under the temporary name (a file a
+// program saved over the copy's name) stays, beside the copy under a clear name.
+void CloneEngine::undoSwap(Swapped& s) {
+    const std::string folder = parentOf(s.target.target);
+    auto atName = platform::statusIn(s.folder, s.name, s.target.target);
+    auto atTemporary = platform::statusIn(s.folder, s.temporaryName, s.temporary);
+    if (isFile(atName, s.cloneStatus)) {
+        if (!platform::exchangeIn(s.folder, s.temporaryName, s.name)) {
+            throw LeftForRecovery("renameat2", s.target.target, errno);
+        }
+        atTemporary = platform::statusIn(s.folder, s.temporaryName, s.temporary);
+    }
+    if (isFile(atTemporary, s.cloneStatus)) {
+        platform::tryRemoveIn(s.folder, s.temporaryName);
+    } else if (atTemporary) {
+        keepBeside(s.folder, folder, s.temporaryName, s.name);
     }
 }
 
 void CloneEngine::finish(Swapped& s, const OpenFiles& open) {
     if (s.temporary.empty()) return;
     const std::string folder = parentOf(s.target.target);
-    FolderDates dates{folder, s.folderTimes};
-    FileStatus replaced = FileStatus::read(s.temporary);
-    if (replaced.size == s.original.size && replaced.modified == s.original.modified && !open.contains(replaced)) {
+    FolderDates dates{s.folder, folder, s.folderTimes};
+    auto replaced = platform::statusIn(s.folder, s.temporaryName, s.temporary);
+    if (!replaced) throw SystemError("statx", s.temporary, ENOENT);
+    bool untouched = isFile(replaced, s.original) && replaced->size == s.original.size &&
+                     replaced->modified == s.original.modified;
+    // The lease can be had again only while no other descriptor, in any process, has the replaced
+    // copy open: the last check before it goes. It ends with this replacement.
+    bool unopened = coordinate ? platform::takeWriteLease(s.held, s.temporary)
+                               : !openElsewhere(s, s.held, *replaced, open);
+    struct Release {
+        const platform::FileDescriptor& fd;
+        bool held;
+        ~Release() {
+            if (held) platform::releaseLease(fd);
+        }
+    } release{s.held, coordinate && unopened};
+    if (untouched && unopened) {
         if (!moveReplacedToTrash) {
-            platform::removeFile(s.temporary);
+            platform::removeIn(s.folder, s.temporaryName, s.temporary);
             return;
         }
         // Through a private folder, so the Trash shows the copy under its own name.
-        std::string privateFolder = folder + "/" + std::string(temporaryMarker) + "trash-" + makeUUID();
-        platform::makePrivateFolder(privateFolder);
-        std::string item = privateFolder + "/" + nameOf(s.target.target);
+        std::string privateName = std::string(temporaryMarker) + "trash-" + makeUUID();
+        platform::makeFolderIn(s.folder, privateName, folder + "/" + privateName);
+        auto privateFolder = platform::openSubfolder(s.folder, privateName, folder + "/" + privateName);
+        std::string item = folder + "/" + privateName + "/" + s.name;
         try {
-            platform::renamePath(s.temporary, item);
+            platform::renameWithoutReplacing(s.folder, s.temporaryName, privateFolder, s.name, item);
             platform::moveToTrash(item);
         } catch (...) {
             // A copy that could not reach the Trash goes back under its temporary name, where the
             // journal's recovery finds it.
-            platform::tryRename(item, s.temporary);
-            platform::tryRemoveFolder(privateFolder);
+            platform::tryRenameWithoutReplacing(privateFolder, s.name, s.folder, s.temporaryName);
+            platform::tryRemoveFolderIn(s.folder, privateName);
             throw;
         }
-        platform::tryRemoveFolder(privateFolder);
+        platform::tryRemoveFolderIn(s.folder, privateName);
         return;
     }
     // The replaced copy was written to or is open: it is the one that counts, so it goes back.
-    FileStatus clone = FileStatus::read(s.target.target);
-    if (open.contains(clone)) throw SystemError("both the clone and the original are open", s.target.target, EBUSY);
-    if (!platform::tryExchange(s.temporary, s.target.target)) {
-        throw SystemError("renamex_np", s.target.target, errno);
+    auto atName = platform::statusIn(s.folder, s.name, s.target.target);
+    if (isFile(atName, s.cloneStatus) && openElsewhere(s, s.clone, *atName, open)) {
+        throw SystemError("both the clone and the original are open", s.target.target, EBUSY);
     }
-    platform::tryRemoveFile(s.temporary);
+    undoSwap(s);
     throw Skip(SkipReason::changedDuringReplace);
 }
 
@@ -296,6 +488,8 @@ namespace {
 std::exception_ptr vanishedAsSkip(std::exception_ptr error, const CloneEngine::Replacement& r) {
     try {
         std::rethrow_exception(error);
+    } catch (const LeftForRecovery&) {
+        // Its journal entry must stay open for the recovery, whatever became of the paths.
     } catch (const SystemError& system) {
         bool gone = system.code == ENOENT || system.code == ENOTDIR;
         if (gone && (!platform::pathExists(r.target) || !platform::pathExists(r.source))) {
@@ -306,10 +500,25 @@ std::exception_ptr vanishedAsSkip(std::exception_ptr error, const CloneEngine::R
     return error;
 }
 
+// Every failed call reaches the journal and the caller in a user's words.
+std::exception_ptr explained(std::exception_ptr error, const std::string& file) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const ReplaceError&) {
+        return error;
+    } catch (const SystemError& failure) {
+        return std::make_exception_ptr(ReplaceError(failure, file));
+    } catch (...) {
+        return error;
+    }
+}
+
 void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
     if (!journal) return;
     try {
         std::rethrow_exception(error);
+    } catch (const LeftForRecovery&) {
+        return;
     } catch (const Skip& skip) {
         entry.event = JournalEntry::Event::skipped;
         entry.detail = std::string(rawValue(skip.reason));
@@ -333,12 +542,16 @@ void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
 void CloneEngine::replace(const std::vector<Replacement>& batch,
                           const std::function<bool(const Replacement&)>& willStart,
                           const std::function<void(const Replacement&, const Outcome&)>& done) {
+    // Only clone and swap needs the list of every process's open files, and only as a fallback
+    // where the kernel cannot answer for one file.
     OpenFiles open;
-    try {
-        open = OpenFiles::now();
-    } catch (...) {
-        for (const auto& r : batch) done(r, {0, std::current_exception()});
-        return;
+    if (strategy == Strategy::cloneAndSwap) {
+        try {
+            open = OpenFiles::now();
+        } catch (...) {
+            for (const auto& r : batch) done(r, {0, std::current_exception()});
+            return;
+        }
     }
     std::vector<Swapped> swapped;
     for (const auto& r : batch) {
@@ -349,14 +562,15 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         try {
             swapped.push_back(swapIn(r, entry, open));
         } catch (...) {
-            auto error = vanishedAsSkip(std::current_exception(), r);
+            auto error = explained(vanishedAsSkip(std::current_exception(), r), r.target);
             close(journal, entry, error);
             done(r, {0, error});
         }
     }
     OpenFiles again;
+    bool listNeeded = std::any_of(swapped.begin(), swapped.end(), [](const Swapped& s) { return !s.leases; });
     try {
-        again = OpenFiles::now();
+        if (listNeeded) again = OpenFiles::now();
     } catch (...) {
         for (auto& s : swapped) done(s.target, {0, std::current_exception()});
         return;
@@ -365,12 +579,11 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         try {
             finish(s, again);
         } catch (...) {
-            auto error = std::current_exception();
+            auto error = explained(std::current_exception(), s.target.target);
             close(journal, s.entry, error);
             done(s.target, {0, error});
             continue;
         }
-        if (coordinate) platform::releaseLease(s.held);
         s.held.reset();
         JournalEntry entry = s.entry;
         entry.event = JournalEntry::Event::replaced;
@@ -393,34 +606,12 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
 int64_t CloneEngine::replace(const std::string& target, const std::string& source, const FileStatus& expected,
                              const std::optional<std::string>& digest) {
     Outcome outcome;
-    replace({Replacement{target, source, expected, digest}}, nullptr,
+    replace({Replacement{target, source, expected, digest, std::nullopt}}, nullptr,
             [&](const Replacement&, const Outcome& o) { outcome = o; });
     if (outcome.error) std::rethrow_exception(outcome.error);
     return outcome.freed;
 }
 
 bool CloneEngine::isTemporary(const std::string& path) { return isTemporaryName(nameOf(path)); }
-
-CloneEngine::Leftover CloneEngine::recoverLeftover(const std::string& path) {
-    if (!isTemporary(path)) return Leftover::kept;
-    std::string name = nameOf(path);
-    std::string own = parentOf(path) + "/" + name.substr(1, name.rfind(temporaryMarker) - 1);
-    if (!platform::pathExists(own)) {
-        platform::renamePath(path, own);
-        return Leftover::restored;
-    }
-    // The kernel fills a clone in one call, after creating it empty: an empty temporary beside a
-    // copy with data is a clone that never got its blocks, and the copy was never touched. (Empty
-    // copies are never replaced, so the temporary cannot be the user's own file swapped out.)
-    if (FileStatus::read(path).size == 0 && FileStatus::read(own).size > 0) {
-        platform::removeFile(path);
-        return Leftover::removed;
-    }
-    if (sameContent(path, own)) {
-        platform::removeFile(path);
-        return Leftover::removed;
-    }
-    return Leftover::kept;
-}
 
 }  // namespace dedup

@@ -8,7 +8,9 @@
 // - clone and swap: a clone of the kept file is made beside the copy under a temporary name, given
 //   the copy's metadata, compared byte for byte, and exchanged with the copy in one atomic rename;
 //   the replaced copy is removed (or moved to the Trash) only after the whole batch is swapped in.
-// Which one a volume takes is found out on its first replacement, unless the caller chooses.
+// In place is the default. Clone and swap is done only when the caller asks for it: it puts another
+// file at the copy's path (new inode and birth time), and a program that held the copy open keeps
+// writing to the replaced one. A copy that could be shared only that way is left alone, saying so.
 //
 // A CloneEngine is a plain value configured from the user's settings; one thread runs a batch at a
 // time. It does not own the journal. Expected refusals are thrown as Skip, unexpected failures as
@@ -27,6 +29,7 @@
 #include <vector>
 
 #include "file_records.h"
+#include "platform/file_io.h"
 #include "skip_reason.h"
 
 namespace dedup {
@@ -42,8 +45,18 @@ struct VerificationError : std::runtime_error {
     std::vector<std::string> differs;  // names of the failed checks: "mode", "xattr user.tag", ...
 };
 
+// A system call failed during a replacement. The text says first, in a user's words, what could not
+// be done, then which Linux call failed and why:
+// "/x/a.jpg: the copy could not be exchanged with its clone (renameat2: Invalid argument)".
+struct ReplaceError : SystemError {
+    // `file` is the copy being replaced, which the text names first; the call's own path stays in `path`.
+    ReplaceError(const SystemError& cause, const std::string& file);
+    const char* what() const noexcept override { return text.c_str(); }
+    std::string text;
+};
+
 struct CloneEngine {
-    enum class Strategy { automatic, inPlace, cloneAndSwap };
+    enum class Strategy { automatic, inPlace, cloneAndSwap };  // automatic is in place
     enum class Step { checked, cloned, metadataCopied, compared, swapped, verified };
     enum class Leftover { removed, restored, kept };
 
@@ -52,6 +65,9 @@ struct CloneEngine {
         std::string source;  // the copy that is kept
         FileStatus expected;  // the target as the scan saw it
         std::optional<std::string> digest;
+        // The kept file as the scan saw it; when present, the file opened as the source must be
+        // that very version.
+        std::optional<FileStatus> keptExpected;
         bool operator==(const Replacement&) const = default;
     };
 
@@ -79,25 +95,42 @@ struct CloneEngine {
     void replace(const std::vector<Replacement>& batch, const std::function<bool(const Replacement&)>& willStart,
                  const std::function<void(const Replacement&, const Outcome&)>& done);
 
+    // What the recovery of one leftover did. `keptBeside` names where the other of two versions
+    // was put when neither could be proven older: both stay, side by side.
+    struct Recovered {
+        Leftover outcome = Leftover::kept;
+        std::optional<std::string> keptBeside;
+        // The journal's detail: the outcome's name, and where the other version is when both stay.
+        std::string detail() const;
+    };
+
     // Puts right a temporary file left by an interrupted run: renamed back when the copy is gone,
     // removed when the copy is there and identical, kept otherwise.
     static Leftover recoverLeftover(const std::string& path);
+    // The same with what the journal knows of the replacement (the copy's identity before it, the
+    // clone's once it was made), so that whichever file a program wrote to last is the one left
+    // at the copy's path. Nothing is removed unless it is proven to be the engine's own clone or
+    // the untouched replaced copy; in doubt both stay, the other beside under a clear name.
+    static Recovered recoverLeftover(const JournalEntry& entry);
     static bool isTemporary(const std::string& path);
 
 private:
     struct Swapped;
-    // The strategy each volume took on its first replacement; shared by copies of the engine.
+    // Whether each volume can clone, found out on its first copy that cannot be shared in place;
+    // shared by copies of the engine.
     struct Volumes {
         std::mutex mutex;
-        std::map<uint64_t, Strategy> chosen;
+        std::map<uint64_t, bool> clones;
     };
     Swapped swapIn(const Replacement& replacement, JournalEntry& entry, const OpenFiles& open);
+    void undoSwap(Swapped& swapped);
     bool shareInPlace(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
     void swapByClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
     void finish(Swapped& swapped, const OpenFiles& open);
     void step(Step step, const std::string& temporary) const;
-    Strategy strategyFor(uint64_t device) const;
-    void remember(uint64_t device, Strategy chosen) const;
+    bool canClone(const Swapped& swapped) const;
+    bool openElsewhere(Swapped& swapped, const platform::FileDescriptor& fd, const FileStatus& status,
+                       const OpenFiles& open) const;
 
     std::shared_ptr<Volumes> volumes_ = std::make_shared<Volumes>();
 };

@@ -63,3 +63,54 @@ void copyMetadata(const std::string& clone, const FileStatus& targetStatus, cons
 }
 
 }  // namespace dedup
+
+namespace dedup {
+
+void XAttr::replaceAll(const platform::FileDescriptor& fd, const std::string& path, const Attributes& wanted) {
+    Attributes present = all(fd, path);
+    for (const auto& [name, bytes] : present) {
+        if (!wanted.contains(name)) remove(fd, path, name);
+    }
+    for (const auto& [name, bytes] : wanted) {
+        auto it = present.find(name);
+        if (it == present.end() || it->second != bytes) set(fd, path, name, bytes);
+    }
+}
+
+void applyAttributes(const Attributes& attributes, const platform::FileDescriptor& fd, const std::string& path) {
+    try {
+        XAttr::replaceAll(fd, path, attributes);
+    } catch (const SystemError& error) {
+        if (error.code != EPERM) throw;
+        if (XAttr::all(fd, path) != attributes) throw Skip(SkipReason::quarantineCannotBeKept);
+        throw;
+    }
+}
+
+void prepareClone(const platform::FileDescriptor& clone, const std::string& path, const Attributes& attributes) {
+    // A clone of an immutable or append-only kept copy inherits those flags and could not be
+    // changed at all.
+    platform::setFileFlags(clone, path, 0);
+    // Private until its bytes are proven equal: the kept file's mode and ACL may open it to others.
+    platform::changeMode(clone, path, 0600);
+    applyAttributes(attributes, clone, path);
+}
+
+void handOverClone(const platform::FileDescriptor& clone, const std::string& path, const FileStatus& targetStatus,
+                   const Attributes& attributes, int targetAttributeBits) {
+    try {
+        platform::changeOwner(clone, path, targetStatus.uid, targetStatus.gid);
+    } catch (const SystemError&) {
+        throw Skip(SkipReason::notOwned);
+    }
+    // After the owner (chown clears set-id bits) and after the ACL (chmod sets its mask from the
+    // group bits, as the target's own mask was).
+    platform::changeMode(clone, path, targetStatus.mode & 07777);
+    // A change of owner drops file capabilities (security.capability): they go on again here, and
+    // anything else already equal is left alone.
+    applyAttributes(attributes, clone, path);
+    // Flags go last: an immutable or append-only bit set earlier would block the steps after it.
+    platform::setFileFlags(clone, path, targetStatus.flags, carriedAttributeBits, targetAttributeBits);
+}
+
+}  // namespace dedup

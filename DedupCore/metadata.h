@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "file_records.h"
+#include "platform/file_io.h"
 
 namespace dedup {
 
@@ -27,12 +28,21 @@ void remove(const std::string& path, const std::string& name);                  
 // Makes the attributes exactly `wanted`: removes the others, writes what differs, leaves alone
 // what is already equal.
 void replaceAll(const std::string& path, const Attributes& wanted);
+
+// The same through an open descriptor, for a file reached without a path that links could
+// redirect; `path` only names it in errors.
+std::vector<std::string> names(const platform::FileDescriptor& fd, const std::string& path);
+Attributes all(const platform::FileDescriptor& fd, const std::string& path);
+void set(const platform::FileDescriptor& fd, const std::string& path, const std::string& name, const std::string& bytes);
+void remove(const platform::FileDescriptor& fd, const std::string& path, const std::string& name);
+void replaceAll(const platform::FileDescriptor& fd, const std::string& path, const Attributes& wanted);
 }  // namespace XAttr
 
 namespace ACL {
 // The access ACL in its long text form; absent when the file has only its mode bits.
 // Throws SystemError("acl_to_text").
 std::optional<std::string> text(const std::string& path);
+std::optional<std::string> text(const platform::FileDescriptor& fd, const std::string& path);
 }  // namespace ACL
 
 // Writes `attributes` onto `path`. An attribute the process may not set (EPERM, a security.* label)
@@ -43,5 +53,20 @@ void applyAttributes(const Attributes& attributes, const std::string& path);
 // inherited flags, open the mode to the owner, attributes, owner (Skip(notOwned) when refused),
 // mode, then the flags last.
 void copyMetadata(const std::string& clone, const FileStatus& targetStatus, const Attributes& attributes);
+
+void applyAttributes(const Attributes& attributes, const platform::FileDescriptor& fd, const std::string& path);
+
+// The Linux attributes a clone carries over from the copy it replaces besides immutable,
+// append-only and no-dump: no access time (A), synchronous writes (S), no copy-on-write (C) and
+// compression (c).
+inline constexpr int carriedAttributeBits = 0x00000080 | 0x00000008 | 0x00800000 | 0x00000004;
+
+// The two halves of giving a nameless clone the replaced copy's metadata. The first leaves it
+// private (mode 0600, this process's owner) while its bytes are still to be compared; the second,
+// once they are proven equal, gives it the copy's owner, mode, Linux attributes and, last, its
+// flags. File capabilities, which the kernel drops on a change of owner, are written again after it.
+void prepareClone(const platform::FileDescriptor& clone, const std::string& path, const Attributes& attributes);
+void handOverClone(const platform::FileDescriptor& clone, const std::string& path, const FileStatus& targetStatus,
+                   const Attributes& attributes, int targetAttributeBits);
 
 }  // namespace dedup

@@ -24,9 +24,9 @@ std::vector<CloneEngine::Replacement> Reclaimer::replacements(const std::vector<
     std::vector<CloneEngine::Replacement> result;
     for (const auto& group : groups) {
         if (group.files.empty()) continue;
-        const std::string& kept = group.files.front().path;
+        const auto& kept = group.files.front();
         for (const auto& target : Report::targets({group}, selection)) {
-            result.push_back({target.file.path, kept, target.file.status, group.digest});
+            result.push_back({target.file.path, kept.path, target.file.status, group.digest, kept.status});
         }
     }
     return result;

@@ -6,7 +6,7 @@
 namespace dedup {
 
 namespace {
-constexpr std::array<std::pair<std::string_view, std::string_view>, 18> table = {{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 20> table = {{
     {"notARegularFile", "not a regular file"},
     {"differentVolume", "on another disk"},
     {"unreadable", "could not be read"},
@@ -26,6 +26,10 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 18> table = 
     {"volumeCannotClone", "the disk cannot make clones"},
     // Linux has no download mark; what the process cannot set is a security label.
     {"quarantineCannotBeKept", "the system would give it another security label"},
+    // chattr +C: Btrfs never lets such a file share blocks with another.
+    {"noCopyOnWrite", "marked never to share its blocks (chattr +C)"},
+    // The disk clones but cannot share blocks in place; exchanging files is done only when asked for.
+    {"cloneAndSwapNotAsked", "the disk can share blocks only by exchanging files, which must be asked for"},
 }};
 }  // namespace
 

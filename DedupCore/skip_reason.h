@@ -29,6 +29,8 @@ enum class SkipReason {
     coordinationTimedOut,
     volumeCannotClone,
     quarantineCannotBeKept,
+    noCopyOnWrite,
+    cloneAndSwapNotAsked,
 };
 
 // The case name ("inUse"): what the journal stores.

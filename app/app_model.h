@@ -230,6 +230,8 @@ public:
     bool automaticRunning() const;
     // The process that does the automatic work for this user instead of us; empty when none does.
     QString automaticHolder() const { return automaticHolder_; }
+    // The chosen folders automatic mode leaves unwatched because their disk cannot make clones.
+    QStringList automaticUnwatched() const { return automaticUnwatched_; }
     // Why the automatic reclaimer waits now ("on battery", "user active", ...); empty when it may
     // work or does not run.
     QString automaticWaitingFor() const { return automaticWaitingFor_; }
@@ -366,6 +368,7 @@ private:
     QTimer* waitingTimer_ = nullptr;
     QString automaticWaitingFor_;
     QString automaticHolder_;
+    QStringList automaticUnwatched_;
     QString lastAutomatic_;
 };
 

@@ -81,6 +81,7 @@ struct AppModel::AutomaticRecipe {
 
 void AppModel::applyAutomatic() {
     stopAutomatic();
+    automaticUnwatched_.clear();
     QString holder;
     if (automatic_ && (!sources_.empty() || !backupDisks_.volumes.empty())) {
         auto run = std::make_shared<AutomaticRun>();
@@ -106,8 +107,20 @@ void AppModel::startAutomatic(const std::shared_ptr<AutomaticRun>& run) {
     run->journal = journal_;
     const AutomaticRecipe recipe{file("selection.json"), places_.cache + "/hashes.sqlite", anytime_,
                                  reclaimingByHand_, engine(), weak_};
-    if (!sources_.empty()) {
-        run->reclaimer = recipe.make(sources_, options_);
+    // On a disk that cannot make clones every pass would only journal each copy as left alone
+    // again: such folders are named on the Automatic screen instead of watched. The trial is made
+    // once per disk while the process lives.
+    std::vector<std::string> roots;
+    automaticUnwatched_.clear();
+    for (const std::string& source : sources_) {
+        if (cloneAbility(source).canShare) {
+            roots.push_back(source);
+        } else {
+            automaticUnwatched_.push_back(QFile::decodeName(QByteArray::fromStdString(source)));
+        }
+    }
+    if (!roots.empty()) {
+        run->reclaimer = recipe.make(std::move(roots), options_);
         tasks::run([run] {
             run->reclaimer->start();
             std::lock_guard guard(run->startLock);
@@ -203,7 +216,7 @@ std::vector<BackupDiskState> AppModel::backupDiskStates() const {
         for (auto& state : states) {
             if (state.volume != *uuid || state.mountPoint) continue;
             state.mountPoint = root;
-            state.canClone = canShareBlocks(storage.fileSystemType().toStdString()) && !storage.isReadOnly();
+            state.canClone = !storage.isReadOnly() && cloneAbility(root).canShare;
             state.watched = run_ && run_->watcher && state.canClone;
         }
     }

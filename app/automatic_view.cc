@@ -141,10 +141,19 @@ void AutomaticView::showState() {
                     .arg(model_.automaticHolder());
     } else if (model_.sources().empty() && model_.backupDisks().volumes.empty()) {
         state = tr("Nothing to watch: add folders in Scan & Reclaim or mark a backup disk.");
+    } else if (model_.automaticUnwatched().size() == static_cast<qsizetype>(model_.sources().size()) &&
+               model_.backupDisks().volumes.empty()) {
+        state = tr("None of these folders is on a disk that can make clones: there is nothing to keep reclaimed.");
     } else if (QString waiting = model_.automaticWaitingFor(); !waiting.isEmpty()) {
         state = tr("Waiting: %1.").arg(waiting);
     } else {
         state = model_.automaticRunning() ? tr("Watching; new copies are reclaimed as they settle.") : tr("Starting…");
+    }
+    const bool noneWatched = model_.automaticUnwatched().size() == static_cast<qsizetype>(model_.sources().size());
+    if (model_.automatic() && model_.automaticHolder().isEmpty() && !noneWatched) {
+        for (const QString& folder : model_.automaticUnwatched()) {
+            state += "\n" + tr("%1 is not watched: its disk cannot make clones.").arg(folder);
+        }
     }
     state_->setText(state);
     last_->setText(model_.lastAutomatic().isEmpty() ? tr("No automatic reclaim yet in this session.")

@@ -56,8 +56,22 @@ size_t recoverInterrupted(Journal& journal, std::ostream& out) {
     auto interrupted = journal.interrupted();
     if (interrupted.empty()) return 0;
     out << interrupted.size() << " files are left from an interrupted reclaim; the Journal puts them right.\n";
-    journal.recoverInterrupted(
-        [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); });
+    // The recovery is told everything the journal knows of the replacement, not only the leftover's
+    // path: the identities in it say which file a program wrote to last.
+    std::map<std::string, const JournalEntry*> byTemporary;
+    for (const auto& entry : interrupted) {
+        if (entry.temporary) byTemporary[*entry.temporary] = &entry;
+    }
+    journal.recoverInterrupted([&](const std::string& path) {
+        auto it = byTemporary.find(path);
+        if (it == byTemporary.end()) return std::string(rawValue(CloneEngine::recoverLeftover(path)));
+        auto recovered = CloneEngine::recoverLeftover(*it->second);
+        if (recovered.keptBeside) {
+            out << it->second->target << " and " << *recovered.keptBeside
+                << " both stay: the reclaim was interrupted and either may hold the newer version.\n";
+        }
+        return recovered.detail();
+    });
     return interrupted.size();
 }
 

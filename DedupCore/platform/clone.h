@@ -21,25 +21,11 @@ enum class ShareOutcome { shared, differs, notSupported };
 ShareOutcome shareInPlace(const FileDescriptor& source, const FileDescriptor& target, int64_t length,
                           const std::string& targetPath);
 
-// Creates `destination` (which must not exist) as a clone of `source`. False when the file system
-// cannot clone or the two lie on different file systems; throws SystemError("clonefile") otherwise.
-bool cloneFile(const std::string& source, const std::string& destination);
-
-// renameat2(RENAME_EXCHANGE). Throws SystemError("renamex_np", b, errno).
-void exchange(const std::string& a, const std::string& b);
-bool tryExchange(const std::string& a, const std::string& b);
-
 void removeFile(const std::string& path);                                  // SystemError("unlink")
-bool tryRemoveFile(const std::string& path);
-void makePrivateFolder(const std::string& path);                           // SystemError("mkdir")
 void renamePath(const std::string& from, const std::string& to);           // SystemError("rename")
-bool tryRename(const std::string& from, const std::string& to);
-bool tryRemoveFolder(const std::string& path);
 // Moves the item to the freedesktop.org Trash of its volume. Throws SystemError("trash", path, code).
 void moveToTrash(const std::string& path);
 
-// Opens a copy that is about to be replaced: read-only, never following a final link.
-FileDescriptor openCopy(const std::string& path);
 // The status of what the descriptor names, to re-check identity right before a change.
 FileStatus statusOf(const FileDescriptor& fd, const std::string& path);
 // Extent facts read through an open descriptor, so a held write lease is not broken by re-opening.
@@ -53,5 +39,11 @@ bool takeWriteLease(const FileDescriptor& fd, const std::string& path);
 // True while no other process has asked for the file since the lease was taken.
 bool leaseHeld(const FileDescriptor& fd);
 void releaseLease(const FileDescriptor& fd);
+
+// Whether another descriptor (in another process, or another of this one's) has the file open or
+// mapped, asked of the kernel for this one file: a write lease is granted only when nobody else
+// has it open, and is given back at once. Absent where the file system grants no leases; the
+// caller then falls back to the list of every process's open files.
+std::optional<bool> openElsewhere(const FileDescriptor& fd);
 
 }  // namespace dedup::platform

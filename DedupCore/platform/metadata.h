@@ -11,20 +11,28 @@
 #include <string>
 #include <string_view>
 
+#include "file_io.h"
+
 namespace dedup::platform {
 
-// lchown(2). Throws SystemError("lchown").
+// fchownat(AT_SYMLINK_NOFOLLOW). Throws SystemError("fchownat").
 void changeOwner(const std::string& path, uint32_t uid, uint32_t gid);
 
 // The permission bits (07777) of the file itself. A symbolic link has none to change and fails
-// with EOPNOTSUPP. Throws SystemError("lchmod").
+// with EOPNOTSUPP. Throws SystemError("fchmodat").
 void changeMode(const std::string& path, uint32_t mode);
 
 // Makes the immutable, append-only and no-dump attributes those in `flags` (FileFlags bits; the
 // user and system variants both mean the one Linux attribute) and leaves every other attribute,
 // compression among them, as it is. Writes nothing when nothing changes, so a file system without
-// these attributes accepts a request for none of them. Throws SystemError("lchflags").
+// these attributes accepts a request for none of them. Throws SystemError("FS_IOC_SETFLAGS").
 void setFileFlags(const std::string& path, uint32_t flags);
+
+// The same through an open descriptor; `path` names the file in errors.
+void changeOwner(const FileDescriptor& fd, const std::string& path, uint32_t uid, uint32_t gid);
+void changeMode(const FileDescriptor& fd, const std::string& path, uint32_t mode);
+// Also sets, among the Linux attribute bits in `carried`, exactly those in `bits`.
+void setFileFlags(const FileDescriptor& fd, const std::string& path, uint32_t flags, int carried = 0, int bits = 0);
 
 // Fills `bytes` from the kernel's random source. Throws SystemError("getrandom").
 void randomBytes(std::span<std::byte> bytes);

@@ -10,7 +10,9 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <cstring>
 #include <functional>
+#include <map>
 
 #include "journal.h"
 #include "metadata.h"
@@ -20,6 +22,7 @@
 namespace dedup {
 namespace {
 
+namespace fs = std::filesystem;
 using test::LoopVolume;
 using Strategy = CloneEngine::Strategy;
 
@@ -161,7 +164,8 @@ TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
     EXPECT_EQ(FileStatus::read(copy()).inode, before.status.inode);
     EXPECT_FALSE(anyTemporaryIn(dir_));
 
-    // Open in another process: the snapshot of open files sees it.
+    // Open in another process. Clone and swap would leave it writing to the replaced file, so the
+    // copy is left alone; shared in place, the process keeps the very same file and bytes.
     content[150000] ^= 1;
     test::writeFile(copy(), content);
     int ready[2];
@@ -173,11 +177,15 @@ TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
         ::pause();
         ::_exit(fd >= 0 ? 0 : 1);
     }
+    ::close(ready[1]);
     char byte;
     ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    EXPECT_EQ(reasonOf(FileStatus::read(copy())), SkipReason::inUse);
+    bool inPlace = GetParam().strategy == Strategy::inPlace;
+    EXPECT_EQ(reasonOf(FileStatus::read(copy())), inPlace ? std::nullopt : std::optional(SkipReason::inUse));
+    EXPECT_EQ(FileStatus::read(copy()).inode, before.status.inode);
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
+    test::writeFile(copy(), content);  // its own blocks again
 
     // With coordination the write lease refuses a copy this very process holds open.
     engine_.coordinate = true;
@@ -186,6 +194,31 @@ TEST_P(CloneEngineOnVolume, ChecksRefuseWhatMustNotBeTouched) {
     ::close(fd);
     EXPECT_EQ(reasonOf(FileStatus::read(copy())), std::nullopt);
     EXPECT_TRUE(journal_->interrupted().empty());
+}
+
+TEST_P(CloneEngineOnVolume, OnlyLinksOfRootOrOfTheRunningUserAreFollowedOnTheWay) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs a link owned by another user";
+    makePair(200000);
+    // Another user's link in place of a folder: refused, saying so in a user's words.
+    fs::create_directory_symlink(dir_, dir_ + "-theirs");
+    ASSERT_EQ(::lchown((dir_ + "-theirs").c_str(), 4321, 4321), 0);
+    std::string through = dir_ + "-theirs/copy.jpg";
+    const std::string refusal = through + ": a folder on the way to it is a symbolic link now; nothing was "
+                                          "changed (openat2: Too many levels of symbolic links)";
+    try {
+        engine_.replace(through, kept(), FileStatus::read(through));
+        ADD_FAILURE() << "replaced through another user's link";
+    } catch (const ReplaceError& error) {
+        EXPECT_EQ(std::string(error.what()), refusal);
+    }
+    EXPECT_EQ(journal_->entries().back().detail, refusal);
+
+    // The system's own links, and the running user's, name folders as the user knows them.
+    fs::create_directory_symlink(dir_, dir_ + "-mine");
+    std::string mine = dir_ + "-mine/copy.jpg";
+    EXPECT_EQ(engine_.replace(mine, kept(), FileStatus::read(mine)), 200000);
+    fs::remove(dir_ + "-theirs");
+    fs::remove(dir_ + "-mine");
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, CloneEngineOnVolume,
@@ -240,6 +273,18 @@ TEST_P(CloneAndSwapTest, WritesBeforeAndAfterTheSwapWin) {
     EXPECT_EQ(skipOf([&] { replace(); }), SkipReason::changedSinceScan);
     EXPECT_FALSE(anyTemporaryIn(dir_));
 
+    // Opened by a program after the first look and still open at the exchange: it would go on
+    // writing to the replaced file, so the copy is left alone.
+    int held = -1;
+    engine_.fault = [&](CloneEngine::Step step, const std::string&) {
+        if (step == CloneEngine::Step::metadataCopied) held = ::open(copy().c_str(), O_RDONLY);
+    };
+    uint64_t inode = FileStatus::read(copy()).inode;
+    EXPECT_EQ(skipOf([&] { replace(); }), SkipReason::inUse);
+    EXPECT_EQ(FileStatus::read(copy()).inode, inode);
+    ::close(held);
+    EXPECT_FALSE(anyTemporaryIn(dir_));
+
     // Written after the swap, to the replaced copy under its temporary name: it is swapped back.
     std::string written;
     engine_.fault = [&](CloneEngine::Step step, const std::string& temporary) {
@@ -252,6 +297,69 @@ TEST_P(CloneAndSwapTest, WritesBeforeAndAfterTheSwapWin) {
     EXPECT_EQ(skipOf([&] { replace(); }), SkipReason::changedDuringReplace);
     EXPECT_EQ(test::readFile(copy()), written);
     EXPECT_FALSE(anyTemporaryIn(dir_));
+}
+
+TEST_P(CloneAndSwapTest, ALeaseCoversOnlyItsOwnReplacementAndIsTakenAgainBeforeTheRemoval) {
+    // Two copies in one batch; while the second is replaced, the first's replaced copy waits under
+    // its temporary name. Another open of it must not wait for the whole batch to end.
+    makePair(300000);
+    test::writeRandomFile(dir_ + "/second.jpg", 300000, 41);
+    engine_.coordinate = true;
+    std::string firstTemporary;
+    engine_.fault = [&](CloneEngine::Step step, const std::string& temporary) {
+        if (step == CloneEngine::Step::verified && firstTemporary.empty()) firstTemporary = temporary;
+    };
+    int opened = -1;
+    std::map<std::string, std::optional<SkipReason>> outcomes;
+    std::vector<CloneEngine::Replacement> batch = {{copy(), kept(), FileStatus::read(copy()), "d", std::nullopt},
+                                                   {dir_ + "/second.jpg", kept(), FileStatus::read(dir_ + "/second.jpg"),
+                                                    "d", std::nullopt}};
+    std::string before = test::readFile(copy());
+    engine_.replace(
+        batch,
+        [&](const CloneEngine::Replacement& r) {
+            if (r.target != copy()) opened = ::open(firstTemporary.c_str(), O_RDONLY | O_NONBLOCK);
+            return true;
+        },
+        [&](const CloneEngine::Replacement& r, const CloneEngine::Outcome& outcome) {
+            outcomes[r.target] = skipOf([&] {
+                if (outcome.error) std::rethrow_exception(outcome.error);
+            });
+        });
+    EXPECT_GE(opened, 0) << "the first copy's lease was still held: " << std::strerror(errno);
+    // Open when it would have been removed: it goes back to its name instead.
+    EXPECT_EQ(outcomes[copy()], SkipReason::changedDuringReplace);
+    EXPECT_EQ(test::readFile(copy()), before);
+    EXPECT_EQ(outcomes[dir_ + "/second.jpg"], std::nullopt);
+    if (opened >= 0) ::close(opened);
+    EXPECT_FALSE(anyTemporaryIn(dir_));
+}
+
+TEST_P(CloneAndSwapTest, LinuxAttributesAndCapabilitiesComeAlongOrTheCopyIsLeftAlone) {
+    if (::geteuid() != 0) GTEST_SKIP() << "capabilities and the no-copy-on-write bit need root";
+    makePair(300000);
+    test::runCommandChecked({"chattr", "+A", "+S", copy()});
+    test::runCommandChecked({"setcap", "cap_net_raw+ep", copy()});
+    std::string capability = test::runCommandChecked({"getcap", copy()}).stdoutText;
+    ASSERT_NE(capability.find("cap_net_raw"), std::string::npos);
+    replace();
+    std::string attributes = test::runCommandChecked({"lsattr", copy()}).stdoutText;
+    EXPECT_NE(attributes.substr(0, attributes.find(' ')).find('A'), std::string::npos) << attributes;
+    EXPECT_NE(attributes.substr(0, attributes.find(' ')).find('S'), std::string::npos) << attributes;
+    EXPECT_EQ(test::runCommandChecked({"getcap", copy()}).stdoutText, capability);
+
+    if (GetParam().kind != LoopVolume::Kind::btrfs) return;
+    // No copy-on-write (set while empty, as Btrfs requires): the kernel refuses to share such a
+    // file's blocks, in place or by clone, and the copy is left alone saying why.
+    std::string nocow = dir_ + "/nocow.jpg";
+    test::writeFile(nocow, "");
+    test::runCommandChecked({"chattr", "+C", nocow});
+    test::writeFile(nocow, test::readFile(kept()));
+    for (Strategy strategy : {Strategy::inPlace, Strategy::cloneAndSwap}) {
+        engine_.strategy = strategy;
+        EXPECT_EQ(skipOf([&] { engine_.replace(nocow, kept(), FileStatus::read(nocow)); }),
+                  SkipReason::noCopyOnWrite);
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, CloneAndSwapTest,

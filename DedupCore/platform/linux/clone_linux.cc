@@ -1,4 +1,4 @@
-// Sharing blocks (FIDEDUPERANGE, FICLONE), exchanging names (renameat2) and write leases.
+// Sharing blocks in place (FIDEDUPERANGE), comparing open files, the Trash and write leases.
 #include "../clone.h"
 
 #include <fcntl.h>
@@ -68,46 +68,13 @@ ShareOutcome shareInPlace(const FileDescriptor& source, const FileDescriptor& ta
     return ShareOutcome::shared;
 }
 
-bool cloneFile(const std::string& source, const std::string& destination) {
-    int from = ::open(source.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-    if (from < 0) throw SystemError("clonefile", source, errno);
-    FileDescriptor in(from);
-    int to = ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-    if (to < 0) throw SystemError("clonefile", destination, errno);
-    FileDescriptor out(to);
-    if (::ioctl(out.get(), FICLONE, in.get()) == 0) return true;
-    int code = errno;
-    out.reset();
-    ::unlink(destination.c_str());
-    if (code == EOPNOTSUPP || code == ENOTTY || code == EXDEV || code == EINVAL) return false;
-    throw SystemError("clonefile", destination, code);
-}
-
-bool tryExchange(const std::string& a, const std::string& b) {
-    return ::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE) == 0;
-}
-
-void exchange(const std::string& a, const std::string& b) {
-    if (!tryExchange(a, b)) throw SystemError("renamex_np", b, errno);
-}
-
 void removeFile(const std::string& path) {
     if (::unlink(path.c_str()) != 0) throw SystemError("unlink", path, errno);
-}
-
-bool tryRemoveFile(const std::string& path) { return ::unlink(path.c_str()) == 0; }
-
-void makePrivateFolder(const std::string& path) {
-    if (::mkdir(path.c_str(), 0700) != 0) throw SystemError("mkdir", path, errno);
 }
 
 void renamePath(const std::string& from, const std::string& to) {
     if (::rename(from.c_str(), to.c_str()) != 0) throw SystemError("rename", to, errno);
 }
-
-bool tryRename(const std::string& from, const std::string& to) { return ::rename(from.c_str(), to.c_str()) == 0; }
-
-bool tryRemoveFolder(const std::string& path) { return ::rmdir(path.c_str()) == 0; }
 
 void moveToTrash(const std::string& path) {
     std::unique_ptr<GFile, decltype(&g_object_unref)> file(g_file_new_for_path(path.c_str()), g_object_unref);
@@ -118,16 +85,6 @@ void moveToTrash(const std::string& path) {
     if (error) g_error_free(error);
     (void)message;
     throw SystemError("trash", path, code);
-}
-
-FileDescriptor openCopy(const std::string& path) {
-    int fd;
-    do {
-        fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOATIME);
-    } while (fd < 0 && errno == EINTR);
-    if (fd < 0 && errno == EPERM) fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
-    if (fd < 0) throw SystemError("open", path, errno);
-    return FileDescriptor(fd);
 }
 
 FileStatus statusOf(const FileDescriptor& fd, const std::string& path) {
@@ -189,5 +146,15 @@ bool takeWriteLease(const FileDescriptor& fd, const std::string& path) {
 bool leaseHeld(const FileDescriptor& fd) { return ::fcntl(fd.get(), F_GETLEASE) == F_WRLCK; }
 
 void releaseLease(const FileDescriptor& fd) { ::fcntl(fd.get(), F_SETLEASE, F_UNLCK); }
+
+std::optional<bool> openElsewhere(const FileDescriptor& fd) {
+    installLeaseSignal();
+    if (::fcntl(fd.get(), F_SETLEASE, F_WRLCK) == 0) {
+        ::fcntl(fd.get(), F_SETLEASE, F_UNLCK);
+        return false;
+    }
+    if (errno == EAGAIN || errno == EBUSY) return true;
+    return std::nullopt;
+}
 
 }  // namespace dedup::platform

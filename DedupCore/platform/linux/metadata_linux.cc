@@ -21,6 +21,8 @@
 #include "../file_io.h"
 #include "../metadata.h"
 
+using dedup::platform::FileDescriptor;
+
 namespace dedup {
 
 namespace {
@@ -43,26 +45,26 @@ struct ACLFree {
     void operator()(void* object) const { ::acl_free(object); }
 };
 
-}  // namespace
-
-std::vector<std::string> XAttr::names(const std::string& path) {
+// The names a list call answers, split at their NUL bytes, the ACL mirrors left out. `list` is
+// llistxattr or flistxattr bound to one file.
+std::vector<std::string> listedNames(auto&& list, const char* call, const std::string& path) {
     std::vector<char> buffer;
     for (;;) {
-        ssize_t size = ::llistxattr(path.c_str(), nullptr, 0);
+        ssize_t size = list(nullptr, 0);
         if (size < 0) {
             // A file system without extended attributes holds none.
             if (errno == ENOTSUP) return {};
-            throw SystemError("llistxattr", path, errno);
+            throw SystemError(call, path, errno);
         }
         if (size == 0) return {};
         buffer.assign(static_cast<size_t>(size), '\0');
-        ssize_t got = ::llistxattr(path.c_str(), buffer.data(), buffer.size());
+        ssize_t got = list(buffer.data(), buffer.size());
         if (got >= 0) {
             buffer.resize(static_cast<size_t>(got));
             break;
         }
         // ERANGE: an attribute was added between the two calls; ask for the size again.
-        if (errno != ERANGE) throw SystemError("llistxattr", path, errno);
+        if (errno != ERANGE) throw SystemError(call, path, errno);
     }
     std::vector<std::string> names;
     size_t start = 0;
@@ -76,19 +78,32 @@ std::vector<std::string> XAttr::names(const std::string& path) {
     return names;
 }
 
-std::string XAttr::get(const std::string& path, const std::string& name) {
+// One attribute's bytes; `get` is lgetxattr or fgetxattr bound to one file and name.
+std::string valueOf(auto&& get, const char* call, const std::string& path) {
     for (;;) {
-        ssize_t size = ::lgetxattr(path.c_str(), name.c_str(), nullptr, 0);
-        if (size < 0) throw SystemError("lgetxattr", path, errno);
+        ssize_t size = get(nullptr, 0);
+        if (size < 0) throw SystemError(call, path, errno);
         std::string bytes(static_cast<size_t>(size), '\0');
         if (size == 0) return bytes;
-        ssize_t got = ::lgetxattr(path.c_str(), name.c_str(), bytes.data(), bytes.size());
+        ssize_t got = get(bytes.data(), bytes.size());
         if (got >= 0) {
             bytes.resize(static_cast<size_t>(got));
             return bytes;
         }
-        if (errno != ERANGE) throw SystemError("lgetxattr", path, errno);
+        if (errno != ERANGE) throw SystemError(call, path, errno);
     }
+}
+
+}  // namespace
+
+std::vector<std::string> XAttr::names(const std::string& path) {
+    return listedNames([&](char* buffer, size_t size) { return ::llistxattr(path.c_str(), buffer, size); },
+                       "llistxattr", path);
+}
+
+std::string XAttr::get(const std::string& path, const std::string& name) {
+    return valueOf([&](char* buffer, size_t size) { return ::lgetxattr(path.c_str(), name.c_str(), buffer, size); },
+                   "lgetxattr", path);
 }
 
 void XAttr::set(const std::string& path, const std::string& name, const std::string& bytes) {
@@ -120,43 +135,98 @@ std::optional<std::string> ACL::text(const std::string& path) {
     return std::string(text.get(), static_cast<size_t>(length));
 }
 
+std::vector<std::string> XAttr::names(const FileDescriptor& fd, const std::string& path) {
+    return listedNames([&](char* buffer, size_t size) { return ::flistxattr(fd.get(), buffer, size); }, "flistxattr",
+                       path);
+}
+
+Attributes XAttr::all(const FileDescriptor& fd, const std::string& path) {
+    Attributes attributes;
+    for (auto& name : names(fd, path)) {
+        std::string bytes = valueOf(
+            [&](char* buffer, size_t size) { return ::fgetxattr(fd.get(), name.c_str(), buffer, size); }, "fgetxattr",
+            path);
+        attributes.emplace(std::move(name), std::move(bytes));
+    }
+    return attributes;
+}
+
+void XAttr::set(const FileDescriptor& fd, const std::string& path, const std::string& name, const std::string& bytes) {
+    if (::fsetxattr(fd.get(), name.c_str(), bytes.data(), bytes.size(), 0) != 0) {
+        throw SystemError("fsetxattr", path, errno);
+    }
+}
+
+void XAttr::remove(const FileDescriptor& fd, const std::string& path, const std::string& name) {
+    if (::fremovexattr(fd.get(), name.c_str()) != 0) throw SystemError("fremovexattr", path, errno);
+}
+
+std::optional<std::string> ACL::text(const FileDescriptor& fd, const std::string& path) {
+    std::unique_ptr<void, ACLFree> acl(::acl_get_fd(fd.get()));
+    if (!acl) {
+        if (errno == ENOTSUP) return std::nullopt;
+        throw SystemError("acl_get_fd", path, errno);
+    }
+    if (::acl_equiv_mode(static_cast<acl_t>(acl.get()), nullptr) == 0) return std::nullopt;
+    ssize_t length = 0;
+    std::unique_ptr<char, ACLFree> text(::acl_to_text(static_cast<acl_t>(acl.get()), &length));
+    if (!text) throw SystemError("acl_to_text", path, errno);
+    return std::string(text.get(), static_cast<size_t>(length));
+}
+
 namespace platform {
 
 void changeOwner(const std::string& path, uint32_t uid, uint32_t gid) {
     if (::fchownat(AT_FDCWD, path.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW) != 0) {
-        throw SystemError("lchown", path, errno);
+        throw SystemError("fchownat", path, errno);
     }
 }
 
 void changeMode(const std::string& path, uint32_t mode) {
     // glibc answers EOPNOTSUPP for a link instead of changing what it points to.
     if (::fchmodat(AT_FDCWD, path.c_str(), mode & 07777, AT_SYMLINK_NOFOLLOW) != 0) {
-        throw SystemError("lchmod", path, errno);
+        throw SystemError("fchmodat", path, errno);
     }
 }
 
 void setFileFlags(const std::string& path, uint32_t flags) {
     // The attribute ioctls need a descriptor; O_NOFOLLOW keeps them off a link's target.
     int fd = openRetrying(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
-    if (fd < 0) throw SystemError("lchflags", path, errno);
+    if (fd < 0) throw SystemError("open", path, errno);
     FileDescriptor file(fd);
+    setFileFlags(file, path, flags);
+}
 
-    int wanted = 0;
+void setFileFlags(const FileDescriptor& file, const std::string& path, uint32_t flags, int carried, int bits) {
+    int wanted = bits & carried;
     if (flags & FileFlags::anyImmutable) wanted |= FS_IMMUTABLE_FL;
     if (flags & FileFlags::anyAppend) wanted |= FS_APPEND_FL;
     if (flags & FileFlags::nodump) wanted |= FS_NODUMP_FL;
-    constexpr int managed = FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL;
+    const int managed = FS_IMMUTABLE_FL | FS_APPEND_FL | FS_NODUMP_FL | carried;
 
     // The kernel reads and writes an int whatever the ioctl's declared type says.
     int current = 0;
-    if (::ioctl(fd, FS_IOC_GETFLAGS, &current) != 0) {
+    if (::ioctl(file.get(), FS_IOC_GETFLAGS, &current) != 0) {
         bool unsupported = errno == ENOTTY || errno == EOPNOTSUPP;
         if (unsupported && wanted == 0) return;
-        throw SystemError("lchflags", path, errno);
+        throw SystemError("FS_IOC_SETFLAGS", path, errno);
     }
     int next = (current & ~managed) | wanted;
     if (next == current) return;
-    if (::ioctl(fd, FS_IOC_SETFLAGS, &next) != 0) throw SystemError("lchflags", path, errno);
+    if (::ioctl(file.get(), FS_IOC_SETFLAGS, &next) != 0) throw SystemError("FS_IOC_SETFLAGS", path, errno);
+    // Some file systems take a bit without complaint and keep it off (no copy-on-write on a file
+    // that already has data, on Btrfs): what was asked must be what the file now has.
+    int now = 0;
+    if (::ioctl(file.get(), FS_IOC_GETFLAGS, &now) != 0) throw SystemError("FS_IOC_GETFLAGS", path, errno);
+    if ((now & managed) != wanted) throw SystemError("FS_IOC_SETFLAGS", path, EOPNOTSUPP);
+}
+
+void changeOwner(const FileDescriptor& fd, const std::string& path, uint32_t uid, uint32_t gid) {
+    if (::fchown(fd.get(), uid, gid) != 0) throw SystemError("fchown", path, errno);
+}
+
+void changeMode(const FileDescriptor& fd, const std::string& path, uint32_t mode) {
+    if (::fchmod(fd.get(), mode & 07777) != 0) throw SystemError("fchmod", path, errno);
 }
 
 void randomBytes(std::span<std::byte> bytes) {
