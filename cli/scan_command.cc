@@ -15,6 +15,8 @@
 #include "exit_codes.h"
 #include "hash_cache.h"
 #include "output.h"
+#include "path_spellings.h"
+#include "reclaim_commands.h"
 #include "platform/file_io.h"
 #include "platform/process.h"
 #include "platform/system.h"
@@ -89,6 +91,12 @@ std::vector<std::string> checkedRoots(const std::vector<std::string>& roots, boo
     return result;
 }
 
+std::vector<std::string> spelledRoots(const std::vector<std::string>& roots) {
+    std::vector<std::string> result;
+    for (const auto& root : roots) result.push_back(withoutTrailingSlash(absolute(root)));
+    return result;
+}
+
 ScanOptions scanOptions(const ScanArguments& arguments) {
     ScanOptions options;
     options.minimumSize = arguments.minimumSize;
@@ -103,7 +111,9 @@ ScanOptions scanOptions(const ScanArguments& arguments) {
         }
         options.allowedExtensions = std::move(extensions);
     }
-    for (const auto& path : arguments.excluded) options.excludedPaths.push_back(withoutTrailingSlash(absolute(path)));
+    std::set<std::string> excluded;
+    for (const auto& path : arguments.excluded) excluded.insert(withoutTrailingSlash(absolute(path)));
+    for (const auto& path : spellingsBelow(excluded, spelledRoots(arguments.roots))) options.excludedPaths.push_back(path);
     options.includeLibrary = arguments.includeLibrary;
     return options;
 }
@@ -127,23 +137,16 @@ void writeReport(const std::string& path, const std::function<std::string()>& te
     }
 }
 
-void writeReports(const ScanResult& result, const ReportFiles& files) {
-    writeReport(files.csv, [&] {
-        // The CSV shows what a reclaim would do, so it honours the copies the user has left out.
-        Selection selection;
-        if (platform::pathExists(Locations::selection())) {
-            try {
-                selection = Selection::load(Locations::selection());
-            } catch (const std::exception&) {
-            }
-        }
-        return Report::csv(result.groups, selection);
-    });
+void writeReports(const ScanResult& result, const ReportFiles& files, const Selection& selection) {
+    // The CSV shows what a reclaim would do, so it honours the copies the user has left out.
+    writeReport(files.csv, [&] { return Report::csv(result.groups, selection); });
     writeReport(files.save, [&] { return Report::json(result) + "\n"; });
 }
 
 int scanAndReport(const ScanArguments& arguments, std::ostream& out, const ReportFiles& reports) {
     auto roots = checkedRoots(arguments.roots);
+    // Read first: a list that cannot be read stops the scan before any work is done.
+    Selection selection = reports.csv.empty() ? Selection{} : loadSelection(arguments.roots);
     DuplicateFinder finder;
     finder.options = scanOptions(arguments);
     finder.threads = arguments.threads;
@@ -162,7 +165,7 @@ int scanAndReport(const ScanArguments& arguments, std::ostream& out, const Repor
         printScanText(out, result);
     }
     out.flush();
-    writeReports(result, reports);
+    writeReports(result, reports, selection);
     return result.cancelled ? interruptedByUser : success;
 }
 
