@@ -1,13 +1,13 @@
 #include "backup_disks.h"
 
 #include <filesystem>
-#include <fstream>
 
 #include <nlohmann/json.hpp>
 
 #include "platform/file_io.h"
 #include "platform/process.h"
 #include "platform/system.h"
+#include "saved_choices.h"
 #include "serial_queue.h"
 #include "temporary_name.h"
 
@@ -36,16 +36,12 @@ std::optional<std::string> BackupDisks::uuid(const std::string& path) {
 }
 
 BackupDisks BackupDisks::load(const std::string& file) {
-    try {
-        std::ifstream in(file);
-        if (!in) return {};
-        auto stored = nlohmann::json::parse(in).get<BackupDisks>();
-        BackupDisks disks;
-        for (const auto& mark : stored.volumes) disks.volumes.insert(fileSystemPart(mark));
-        return disks;
-    } catch (const std::exception&) {
-        return {};
-    }
+    auto text = readSavedChoices(file);
+    if (!text) return {};
+    auto stored = decodeSavedChoices<BackupDisks>(file, *text);
+    BackupDisks disks;
+    for (const auto& mark : stored.volumes) disks.volumes.insert(fileSystemPart(mark));
+    return disks;
 }
 
 void BackupDisks::save(const std::string& file) const {

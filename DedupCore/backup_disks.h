@@ -28,8 +28,10 @@ struct BackupDisks {
 
     // The identifier of the file system holding `path`; absent when it has none.
     static std::optional<std::string> uuid(const std::string& path);
-    // A missing or unreadable file means no marked disks. Marks written when a Btrfs disk was known
-    // by file system and subvolume ("<fsid>:<subvolume id>") are read as the file system's.
+    // A missing file means no marked disks; one that is there but cannot be read or decoded
+    // throws SavedChoicesError, so that a save never overwrites the marks it could not read. Marks
+    // written when a Btrfs disk was known by file system and subvolume ("<fsid>:<subvolume id>")
+    // are read as the file system's.
     static BackupDisks load(const std::string& file);
     // Creates the folder, writes atomically. Throws on failure.
     void save(const std::string& file) const;

@@ -6,6 +6,7 @@
 
 #include "duplicate_grouper.h"
 #include "hash_cache.h"
+#include "path_text.h"
 #include "walk.h"
 
 namespace dedup {
@@ -39,6 +40,7 @@ ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const Pr
     result.filesSeen = static_cast<int64_t>(walk.files.size());
     result.bytesRead = grouping.bytesRead;
     result.unreadableFolders = std::move(walk.unreadable);
+    result.unreadableFiles = std::move(grouping.unreadableFiles);
     result.leftovers = std::move(walk.leftovers);
     result.cancelled = grouping.cancelled || stopped;
     if (cache) {
@@ -62,16 +64,19 @@ void to_json(nlohmann::json& j, const ScanResult& r) {
     j = {{"groups", r.groups},
          {"filesSeen", r.filesSeen},
          {"bytesRead", r.bytesRead},
-         {"unreadableFolders", r.unreadableFolders},
-         {"leftovers", r.leftovers},
+         {"unreadableFolders", pathTexts(r.unreadableFolders)},
+         {"unreadableFiles", pathTexts(r.unreadableFiles)},
+         {"leftovers", pathTexts(r.leftovers)},
          {"cancelled", r.cancelled}};
 }
 void from_json(const nlohmann::json& j, ScanResult& r) {
     j.at("groups").get_to(r.groups);
     j.at("filesSeen").get_to(r.filesSeen);
     j.at("bytesRead").get_to(r.bytesRead);
-    j.at("unreadableFolders").get_to(r.unreadableFolders);
-    j.at("leftovers").get_to(r.leftovers);
+    r.unreadableFolders = pathsFromTexts(j.at("unreadableFolders").get<std::vector<std::string>>());
+    r.leftovers = pathsFromTexts(j.at("leftovers").get<std::vector<std::string>>());
+    r.unreadableFiles.clear();
+    if (auto it = j.find("unreadableFiles"); it != j.end()) r.unreadableFiles = pathsFromTexts(it->get<std::vector<std::string>>());
     j.at("cancelled").get_to(r.cancelled);
 }
 

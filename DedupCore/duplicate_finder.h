@@ -34,6 +34,9 @@ struct ScanResult {
     int64_t filesSeen = 0;
     int64_t bytesRead = 0;  // bytes read for digests; cache hits read nothing
     std::vector<std::string> unreadableFolders;
+    // Candidates that could not be read to compare them (no permission, gone since the listing);
+    // saved scans from before this field read it as empty.
+    std::vector<std::string> unreadableFiles;
     std::vector<std::string> leftovers;  // temporary files of an interrupted reclaim
     bool cancelled = false;
     bool operator==(const ScanResult&) const = default;
@@ -56,6 +59,7 @@ struct DuplicateFinder {
         std::vector<DuplicateGroup> groups;
         int64_t bytesRead = 0;
         bool cancelled = false;
+        std::vector<std::string> unreadableFiles;  // sorted
     };
 
     ScanResult scan(const std::vector<std::string>& roots, const ProgressCallback& progress,

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
+#include <mutex>
 #include <string_view>
 #include <unordered_map>
 
@@ -70,6 +71,7 @@ public:
         digestPrefixes(candidates);
         candidates = splitByDigest(candidates, [](const Bucket&) { return true; });
         readCloneFacts(candidates);
+        candidates = withoutHoles(candidates);
         candidates = joinClones(candidates);
         // Up to 64 KiB the prefix digest already covers the whole file.
         auto needsWholeFile = [](const Bucket& b) { return b.size > ContentHash::partialLimit; };
@@ -83,6 +85,8 @@ public:
         });
         result.bytesRead = bytesRead_.get();
         result.cancelled = cancelled();
+        result.unreadableFiles = std::move(unreadable_);
+        std::sort(result.unreadableFiles.begin(), result.unreadableFiles.end());
         return result;
     }
 
@@ -190,6 +194,21 @@ private:
         return formed;
     }
 
+    // A file made of holes alone reads as zeros like a written one, but holds no block to share: as
+    // a kept copy it would give others nothing, as a copy it frees nothing. It leaves its set.
+    std::vector<Candidate> withoutHoles(std::vector<Candidate>& candidates) {
+        std::vector<Candidate> result;
+        for (auto& candidate : candidates) {
+            std::erase_if(candidate.units, [&](size_t u) {
+                const auto& files = candidate.bucket->units[u].files;
+                return std::any_of(files.begin(), files.end(),
+                                   [&](size_t i) { return pool_[i].clones && pool_[i].clones->noBlocks; });
+            });
+            if (worthHashing(candidate)) result.push_back(std::move(candidate));
+        }
+        return result;
+    }
+
     // With the extent maps read, files of a candidate that share all their blocks become one unit;
     // a candidate left with one unit (or none that could be replaced) is no longer worth reading.
     std::vector<Candidate> joinClones(std::vector<Candidate>& candidates) {
@@ -213,6 +232,13 @@ private:
             if (worthHashing(joined)) result.push_back(std::move(joined));
         }
         return result;
+    }
+
+    // A file that gave no digest although the scan went on could not be read: the user is told.
+    void noteUnread(const std::string& path) {
+        if (cancelled()) return;
+        std::lock_guard lock(unreadableLock_);
+        unreadable_.push_back(path);
     }
 
     bool isReplaceable(const ScannedFile& file) {
@@ -278,6 +304,7 @@ private:
                                            isCancelled_, finder_.threads);
             for (size_t i = 0; i < jobs.size(); ++i) {
                 jobs[i].unit->digest = digests[i] ? std::move(*digests[i]) : std::string();
+                if (!digests[i]) noteUnread(jobs[i].file->path);
             }
         }
     }
@@ -291,7 +318,11 @@ private:
         };
         std::map<uint64_t, std::vector<Candidate*>> jobsByDevice;
         for (auto& candidate : candidates) {
-            if (needs(*candidate.bucket)) jobsByDevice[firstOf(candidate, 0).status.device].push_back(&candidate);
+            if (!needs(*candidate.bucket)) continue;
+            // The prefix digest proves nothing about the rest of the file: a unit the reading does
+            // not reach (a scan cancelled half-way) must match nothing, never its prefix's peers.
+            for (size_t u : candidate.units) candidate.bucket->units[u].digest.clear();
+            jobsByDevice[firstOf(candidate, 0).status.device].push_back(&candidate);
         }
         for (auto& [device, jobs] : jobsByDevice) {
             if (cancelled()) break;
@@ -313,6 +344,7 @@ private:
                                                          spins ? spinningReadAhead : solidReadAhead);
                 for (size_t k = 0; k < files.size(); ++k) {
                     candidate.bucket->units[candidate.units[k]].digest = digests[k] ? std::move(*digests[k]) : "";
+                    if (!digests[k]) noteUnread(files[k]->path);
                 }
             });
         }
@@ -365,7 +397,14 @@ private:
                 group.files.back().clones = pool_[i].clones;
             }
         }
-        group.reclaimableBytes = Report::reclaimableBytes({group}, Selection{});
+        // Only what a reclaim can do counts: a copy that cannot be replaced (another user's, in a
+        // folder its user may not write) is shown, but frees nothing.
+        Selection leftAlone;
+        for (size_t u : candidate.units) {
+            if (units[u].replaceable) continue;
+            for (size_t i : units[u].files) leftAlone.excluded.insert(file(i).path);
+        }
+        group.reclaimableBytes = Report::reclaimableBytes({group}, leftAlone);
         return group;
     }
 
@@ -392,6 +431,8 @@ private:
     std::unordered_map<std::string, bool, NameHash, std::equal_to<>> writableFolders_;
     std::unordered_map<uint64_t, bool> rotational_;
     Locked<int64_t> bytesRead_{0};
+    std::mutex unreadableLock_;
+    std::vector<std::string> unreadable_;
     static constexpr uint32_t filesPerReport = 16;
     std::atomic<uint32_t> readingCount_{0};
 };

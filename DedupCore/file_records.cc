@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "path_text.h"
+
 namespace dedup {
 
 bool FileStatus::isRegularFile() const { return (mode & S_IFMT) == S_IFREG; }
@@ -71,11 +73,11 @@ void from_json(const nlohmann::json& j, CloneInfo& c) {
 }
 
 void to_json(nlohmann::json& j, const ScannedFile& f) {
-    j = {{"path", f.path}, {"status", f.status}};
+    j = {{"path", pathText(f.path)}, {"status", f.status}};
     if (f.clones) j["clones"] = *f.clones;
 }
 void from_json(const nlohmann::json& j, ScannedFile& f) {
-    j.at("path").get_to(f.path);
+    f.path = pathFromText(j.at("path").get<std::string>());
     j.at("status").get_to(f.status);
     f.clones.reset();
     if (auto it = j.find("clones"); it != j.end() && !it->is_null()) f.clones = it->get<CloneInfo>();

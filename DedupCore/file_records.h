@@ -86,10 +86,13 @@ struct CloneInfo {
     // The data lives inside the file system's metadata (small files on Btrfs): there is no block
     // to share, so such a file is never a clone and replacing it frees nothing. Not in the JSON form.
     bool inlineData = false;
+    // Every byte is a hole (a sparse file never written): there is no block to share or to free,
+    // so such a file is never planned and never counted. Not in the JSON form.
+    bool noBlocks = false;
 
     bool operator==(const CloneInfo&) const = default;
 
-    // Reads the extent map. Throws SystemError("open"/"fiemap", path, errno) when the file cannot
+    // Reads the extent map; a file of holes alone gets `noBlocks`. Throws SystemError("open"/"fiemap", path, errno) when the file cannot
     // be opened or the call fails for a reason other than "not supported".
     static std::optional<CloneInfo> read(const std::string& path);
 };

@@ -91,7 +91,9 @@ std::optional<std::string> HashCache::volumeOf(uint64_t device, const std::strin
     // volume without an identifier would cost more than the scan.
     if (auto it = volumes_.find(device); it != volumes_.end()) return it->second;
     auto volume = platform::volumeIdentifier(path, true);
-    volumes_[device] = volume;
+    // A file that went away since it was listed says nothing about its disk: the next file asks
+    // again, or the cache would be off for the whole disk.
+    if (volume || platform::pathExists(path)) volumes_[device] = volume;
     return volume;
 }
 

@@ -17,6 +17,7 @@
 #include "path_names.h"
 #include "platform/file_io.h"
 #include "platform/lock.h"
+#include "path_text.h"
 #include "platform/metadata.h"
 #include "platform/system.h"
 #include "skip_reason.h"
@@ -65,6 +66,17 @@ void readOptional(const nlohmann::json& j, const char* key, std::optional<T>& fi
 template <typename T>
 void writeOptional(nlohmann::json& j, const char* key, const std::optional<T>& field) {
     if (field) j[key] = *field;
+}
+
+// Paths, attribute names and error texts (which name paths) are bytes that need not be UTF-8;
+// they are written in the form of path_text.h, so every name comes back exactly.
+void writeText(nlohmann::json& j, const char* key, const std::optional<std::string>& field) {
+    if (field) j[key] = pathText(*field);
+}
+
+void readText(const nlohmann::json& j, const char* key, std::optional<std::string>& field) {
+    readOptional(j, key, field);
+    if (field) field = pathFromText(*field);
 }
 
 }  // namespace
@@ -164,26 +176,26 @@ std::optional<std::time_t> parseIsoDate(const std::string& text) {
 }
 
 void to_json(nlohmann::json& j, const Snapshot& s) {
-    j = {{"status", s.status}, {"times", s.times}, {"attributeNames", s.attributeNames}};
-    writeOptional(j, "acl", s.acl);
+    j = {{"status", s.status}, {"times", s.times}, {"attributeNames", pathTexts(s.attributeNames)}};
+    writeText(j, "acl", s.acl);
 }
 
 void from_json(const nlohmann::json& j, Snapshot& s) {
     j.at("status").get_to(s.status);
     j.at("times").get_to(s.times);
-    j.at("attributeNames").get_to(s.attributeNames);
-    readOptional(j, "acl", s.acl);
+    s.attributeNames = pathsFromTexts(j.at("attributeNames").get<std::vector<std::string>>());
+    readText(j, "acl", s.acl);
 }
 
 void to_json(nlohmann::json& j, const JournalEntry& e) {
-    j = {{"id", e.id}, {"time", isoDate(e.time)}, {"event", rawValue(e.event)}, {"target", e.target}};
-    writeOptional(j, "source", e.source);
-    writeOptional(j, "temporary", e.temporary);
+    j = {{"id", e.id}, {"time", isoDate(e.time)}, {"event", rawValue(e.event)}, {"target", pathText(e.target)}};
+    writeText(j, "source", e.source);
+    writeText(j, "temporary", e.temporary);
     writeOptional(j, "digest", e.digest);
     writeOptional(j, "before", e.before);
     writeOptional(j, "after", e.after);
     writeOptional(j, "freedBytes", e.freedBytes);
-    writeOptional(j, "detail", e.detail);
+    writeText(j, "detail", e.detail);
     writeOptional(j, "owner", e.owner);
 }
 
@@ -201,14 +213,14 @@ void from_json(const nlohmann::json& j, JournalEntry& e) {
     e.id = *id;
     e.time = *time;
     e.event = *event;
-    j.at("target").get_to(e.target);
-    readOptional(j, "source", e.source);
-    readOptional(j, "temporary", e.temporary);
+    e.target = pathFromText(j.at("target").get<std::string>());
+    readText(j, "source", e.source);
+    readText(j, "temporary", e.temporary);
     readOptional(j, "digest", e.digest);
     readOptional(j, "before", e.before);
     readOptional(j, "after", e.after);
     readOptional(j, "freedBytes", e.freedBytes);
-    readOptional(j, "detail", e.detail);
+    readText(j, "detail", e.detail);
     readOptional(j, "owner", e.owner);
 }
 

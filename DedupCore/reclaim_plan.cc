@@ -1,12 +1,14 @@
 #include "reclaim_plan.h"
 
-#include <fstream>
 #include <utility>
 
 #include <nlohmann/json.hpp>
 
 #include "duplicate_finder.h"
+#include "path_text.h"
 #include "platform/file_io.h"
+#include "platform/metadata.h"
+#include "saved_choices.h"
 
 namespace dedup {
 
@@ -23,17 +25,24 @@ bool Selection::excludes(const std::string& path) const {
     }
 }
 
-void to_json(nlohmann::json& j, const Selection& s) { j = {{"excluded", s.excluded}}; }
-void from_json(const nlohmann::json& j, Selection& s) { j.at("excluded").get_to(s.excluded); }
+void to_json(nlohmann::json& j, const Selection& s) { j = {{"excluded", pathTexts(s.excluded)}}; }
+void from_json(const nlohmann::json& j, Selection& s) {
+    s.excluded.clear();
+    for (const auto& text : j.at("excluded").get<std::vector<std::string>>()) s.excluded.insert(pathFromText(text));
+}
 
 void Selection::save(const std::string& path) const {
     platform::writeFileAtomically(path, nlohmann::json(*this).dump(2) + "\n");
 }
 
 Selection Selection::load(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) throw SystemError("open", path, errno);
-    return nlohmann::json::parse(in).get<Selection>();
+    return nlohmann::json::parse(platform::readWholeFile(path)).get<Selection>();
+}
+
+Selection Selection::loadSaved(const std::string& path) {
+    auto text = readSavedChoices(path);
+    if (!text) return {};
+    return decodeSavedChoices<Selection>(path, *text);
 }
 
 namespace Report {
@@ -47,8 +56,10 @@ std::vector<Target> targets(const std::vector<DuplicateGroup>& groups, const Sel
         for (size_t i = 1; i < group.files.size(); ++i) {
             const ScannedFile& copy = group.files[i];
             if (selection.excludes(copy.path)) continue;
-            // Data kept inside the metadata cannot be shared: replacing such a copy frees nothing.
-            if ((copy.clones && copy.clones->inlineData) || (kept.clones && kept.clones->inlineData)) continue;
+            // Data kept inside the metadata, or no data block at all: nothing can be shared, and
+            // replacing such a copy frees nothing.
+            auto blockless = [](const ScannedFile& f) { return f.clones && (f.clones->inlineData || f.clones->noBlocks); };
+            if (blockless(copy) || blockless(kept)) continue;
             if (!copy.clones) {
                 result.push_back({copy, copy.status.size});
             } else if (copy.clones->privateSize != 0) {

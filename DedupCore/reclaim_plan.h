@@ -27,6 +27,10 @@ struct Selection {
     // Atomic write; throws SystemError or nlohmann's error.
     void save(const std::string& path) const;
     static Selection load(const std::string& path);
+    // The user's saved selection: none when the file is missing; a file that is there but cannot
+    // be read or decoded throws SavedChoicesError, so nothing the user left out is ever replaced
+    // for want of reading the list.
+    static Selection loadSaved(const std::string& path);
 };
 void to_json(nlohmann::json& j, const Selection& s);
 void from_json(const nlohmann::json& j, Selection& s);

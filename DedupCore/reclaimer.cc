@@ -2,13 +2,20 @@
 
 #include <nlohmann/json.hpp>
 
+#include "path_text.h"
+
 namespace dedup {
 
 void to_json(nlohmann::json& j, const ReclaimSummary& s) {
+    nlohmann::json skipped = nlohmann::json::object();
+    for (const auto& [reason, paths] : s.skipped) skipped[reason] = pathTexts(paths);
+    // An error's text names its path, so it is written the way paths are.
+    nlohmann::json failed = nlohmann::json::object();
+    for (const auto& [path, error] : s.failed) failed[pathText(path)] = pathText(error);
     j = {{"freedBytes", s.freedBytes},
          {"replaced", s.replaced},
-         {"skipped", s.skipped},
-         {"failed", s.failed},
+         {"skipped", skipped},
+         {"failed", failed},
          {"cancelled", s.cancelled}};
 }
 

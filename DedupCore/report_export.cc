@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "path_text.h"
+
 namespace dedup::Report {
 
 namespace {
@@ -40,7 +42,7 @@ std::string csv(const std::vector<DuplicateGroup>& groups, const Selection& sele
             text += ',';
             text += role;
             text += ',';
-            text += csvField(file.path);
+            text += csvField(pathText(file.path));
             text += '\n';
         }
     }

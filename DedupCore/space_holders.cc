@@ -7,6 +7,7 @@
 
 #include "directory_reader.h"
 #include "file_records.h"
+#include "path_text.h"
 #include "platform/space.h"
 #include "platform/system.h"
 #include "true_size.h"
@@ -14,11 +15,11 @@
 namespace dedup {
 
 void to_json(nlohmann::json& j, const SpaceHolders& h) {
-    j = {{"snapshots", h.snapshots}, {"trashBytes", h.trashBytes}};
+    j = {{"snapshots", pathTexts(h.snapshots)}, {"trashBytes", h.trashBytes}};
 }
 
 void from_json(const nlohmann::json& j, SpaceHolders& h) {
-    j.at("snapshots").get_to(h.snapshots);
+    h.snapshots = pathsFromTexts(j.at("snapshots").get<std::vector<std::string>>());
     j.at("trashBytes").get_to(h.trashBytes);
 }
 

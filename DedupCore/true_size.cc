@@ -7,12 +7,13 @@
 
 #include "directory_reader.h"
 #include "file_records.h"
+#include "path_text.h"
 #include "platform/space.h"
 
 namespace dedup {
 
 void to_json(nlohmann::json& j, const FolderSize& f) {
-    j = {{"path", f.path},
+    j = {{"path", pathText(f.path)},
          {"logical", f.logical},
          {"allocated", f.allocated},
          {"freedIfDeleted", f.freedIfDeleted},
@@ -21,7 +22,7 @@ void to_json(nlohmann::json& j, const FolderSize& f) {
 }
 
 void from_json(const nlohmann::json& j, FolderSize& f) {
-    j.at("path").get_to(f.path);
+    f.path = pathFromText(j.at("path").get<std::string>());
     j.at("logical").get_to(f.logical);
     j.at("allocated").get_to(f.allocated);
     j.at("freedIfDeleted").get_to(f.freedIfDeleted);
@@ -106,7 +107,15 @@ private:
                 // another device means a mount or a Btrfs subvolume: not part of this tree.
                 if (status.device != device) continue;
                 if (options_.progress) options_.progress(child, files_);
-                auto [childSize, childTally] = measure(child, device, DirectoryReader::read(child));
+                std::vector<DirectoryEntry> listing;
+                try {
+                    listing = DirectoryReader::read(child);
+                } catch (const SystemError& error) {
+                    if (!options_.unreadable) throw;
+                    options_.unreadable(error);
+                    continue;
+                }
+                auto [childSize, childTally] = measure(child, device, std::move(listing));
                 size.children.push_back(std::move(childSize));
                 tally.merge(childTally);
             } else if (status.isRegularFile()) {

@@ -20,6 +20,8 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "file_records.h"
+
 namespace dedup {
 
 struct FolderSize {
@@ -90,6 +92,10 @@ struct Options {
     // Ask the file system who uses each shared extent where this process may (Btrfs, as root).
     bool resolveSharing = true;
     Progress progress;
+    // When set, a subfolder that cannot be read is handed here and left out, and the rest is
+    // measured: what the tree frees is then at least the figure given. Unset, it fails the whole
+    // measurement.
+    std::function<void(const SystemError&)> unreadable;
 };
 
 // Throws the directory reader's SystemError for the folder or for any subfolder that cannot be

@@ -21,6 +21,7 @@
 #include "backup_disks.h"
 #include "clone_engine.h"
 #include "report_export.h"
+#include "saved_choices.h"
 
 namespace dedup::app {
 
@@ -82,7 +83,14 @@ AppModel::AppModel(AppPlaces places, QObject* parent)
         settings_ = std::make_unique<QSettings>(places_.settingsFile, QSettings::IniFormat);
     }
 
-    backupDisks_ = BackupDisks::load(file("backup-disks.json"));
+    try {
+        backupDisks_ = BackupDisks::load(file("backup-disks.json"));
+    } catch (const SavedChoicesError& error) {
+        // No disk is kept reclaimed, and the file is never saved over, until it can be read.
+        setError(QString("Your backup disks (saved in %1) cannot be read: %2. No backup disk is kept reclaimed "
+                         "until that file is repaired or removed.")
+                     .arg(fromPath(error.file), QString::fromStdString(error.reason)));
+    }
 
     // Nothing runs without the journal: a reclaim that cannot be written down cannot be put right
     // after a crash, and the user could not see what was done to their files.

@@ -15,6 +15,7 @@
 #include "auto_reclaimer.h"
 #include "backup_disks.h"
 #include "byte_format.h"
+#include "saved_choices.h"
 #include "desktop_session.h"
 #include "hash_cache.h"
 #include "machine_state.h"
@@ -130,7 +131,14 @@ void AppModel::startAutomatic(const std::shared_ptr<AutomaticRun>& run) {
     if (!backupDisks_.volumes.empty()) {
         const std::string disksFile = file("backup-disks.json");
         run->watcher = std::make_unique<BackupWatcher>(
-            [disksFile] { return BackupDisks::load(disksFile); }, [] { return Profile::externalCloneVolumes(); },
+            [disksFile] {
+                try {
+                    return BackupDisks::load(disksFile);
+                } catch (const SavedChoicesError&) {
+                    return BackupDisks{};  // unreadable marks: no disk is worked on until they read again
+                }
+            },
+            [] { return Profile::externalCloneVolumes(); },
             backupPollInterval,
             [recipe](const std::string& volume) { return recipe.make({volume}, BackupDisks::options()); });
         run->watcher->start();
@@ -227,6 +235,14 @@ void AppModel::setBackupDisk(const QString& path, bool on) {
     }
     if (!uuid) {
         setError(QString("The disk that holds %1 cannot be told apart from others, so it cannot be marked.").arg(path));
+        return;
+    }
+    try {
+        (void)BackupDisks::load(file("backup-disks.json"));
+    } catch (const SavedChoicesError& error) {
+        setError(QString("Your backup disks (saved in %1) cannot be read: %2. Repair or remove that file first; "
+                         "it is not saved over.")
+                     .arg(QFile::decodeName(QByteArray::fromStdString(error.file)), QString::fromStdString(error.reason)));
         return;
     }
     BackupDisks next = backupDisks_;

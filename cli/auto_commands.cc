@@ -19,9 +19,11 @@
 #include "hash_cache.h"
 #include "machine_state.h"
 #include "output.h"
+#include "path_text.h"
 #include "platform/process.h"
 #include "platform/system.h"
 #include "reclaim_commands.h"
+#include "saved_choices.h"
 #include "scan_command.h"
 
 namespace dedup::cli {
@@ -62,6 +64,17 @@ private:
     std::mutex mutex_;
 };
 
+// The marked disks; throws CommandError naming the file when it is there but cannot be read, so
+// that nothing is overwritten or left unreclaimed without a word.
+BackupDisks loadBackupDisks() {
+    try {
+        return BackupDisks::load(Locations::backupDisks());
+    } catch (const SavedChoicesError& error) {
+        throw CommandError("the backup disks are saved in " + error.file + ", which cannot be read: " + error.reason +
+                           ". Nothing was changed; repair or remove that file, then try again.");
+    }
+}
+
 std::unique_ptr<HashCache> openCache(bool wanted) {
     if (!wanted) return nullptr;
     try {
@@ -78,7 +91,7 @@ void logReclaim(Log& log, const std::string& where, const ReclaimSummary& summar
                                        formatBytes(summary.freedBytes));
     if (left > 0) sentence += fmt::format(" ({} left alone; \"dedup journal\" has the details)", left);
     log.write("reclaimed", sentence,
-              {{"where", where}, {"replaced", summary.replaced}, {"freedBytes", summary.freedBytes},
+              {{"where", pathText(where)}, {"replaced", summary.replaced}, {"freedBytes", summary.freedBytes},
                {"leftAlone", left}});
 }
 
@@ -89,6 +102,9 @@ int runAuto(const AutoArguments& arguments) {
     // Kept as the user spelled them, links included: the log and the journal name files the way the
     // user knows them.
     auto roots = checkedRoots(arguments.scan.roots, false);
+    // Saved choices that cannot be read stop the command before it watches anything.
+    loadSelection(roots);
+    if (arguments.backupDisks) loadBackupDisks();
     // Taken before the journal's recovery: another automatic reclaimer's replacements under way
     // must not be taken for interrupted ones.
     auto lock = AutoLock::acquire(Locations::data(), "dedup auto");
@@ -126,8 +142,18 @@ int runAuto(const AutoArguments& arguments) {
         Reclaimer reclaimer;
         reclaimer.engine.journal = journal.get();
         reclaimer.engine.coordinate = arguments.coordinate;
+        // A list of exclusions that becomes unreadable while the command runs leaves everything
+        // out until it can be read again: a pass must never replace what the user left out.
+        auto selection = [&log, watched] {
+            try {
+                return loadSelection(watched);
+            } catch (const CommandError& error) {
+                log.write("warning", std::string(error.what()) + " Nothing is reclaimed until then.");
+                return Selection{{"/"}};
+            }
+        };
         auto automatic = std::make_unique<AutoReclaimer>(
-            std::move(watched), std::move(finder), std::move(reclaimer), [] { return loadSelection(); },
+            std::move(watched), std::move(finder), std::move(reclaimer), selection,
             arguments.quietPeriod, mayRun,
             [&log, where](const ReclaimSummary& summary) { logReclaim(log, where, summary); });
         automatic->cache = openCache(!arguments.scan.noCache);
@@ -148,14 +174,14 @@ int runAuto(const AutoArguments& arguments) {
                       fmt::format("Nothing in {} or at {} can be written to try whether its disk can make clones; "
                                   "its file system ({}) is taken at its word.",
                                   root, volume->mountPoint, volume->fileSystem),
-                      {{"root", root}, {"fileSystem", volume->fileSystem}, {"probed", false}});
+                      {{"root", pathText(root)}, {"fileSystem", volume->fileSystem}, {"probed", false}});
         }
         if (ability.canShare) return false;
         log.write("warning",
                   fmt::format("{} is on {} ({}), which cannot make clones: it is not watched, and duplicates there "
                               "are left alone.",
                               root, volume->mountPoint, volume->fileSystem),
-                  {{"root", root}, {"fileSystem", volume->fileSystem}});
+                  {{"root", pathText(root)}, {"fileSystem", volume->fileSystem}});
         return true;
     });
     if (roots.empty() && !arguments.backupDisks) {
@@ -176,19 +202,28 @@ int runAuto(const AutoArguments& arguments) {
                       fmt::format("Watching {} folders with {} files; a folder is handled {} seconds after its last change.",
                                   groupedNumber(static_cast<int64_t>(folders->watchedFolders())),
                                   groupedNumber(static_cast<int64_t>(folders->indexedFiles())), arguments.quietPeriod),
-                      {{"roots", roots}, {"quietPeriod", arguments.quietPeriod}});
+                      {{"roots", pathTexts(roots)}, {"quietPeriod", arguments.quietPeriod}});
         });
     }
     std::unique_ptr<BackupWatcher> backups;
     if (arguments.backupDisks) {
         backups = std::make_unique<BackupWatcher>(
-            [] { return BackupDisks::load(Locations::backupDisks()); }, nullptr, 30.0,
+            [&log] {
+                // Unreadable marks stop the work on every backup disk until they can be read again.
+                try {
+                    return loadBackupDisks();
+                } catch (const CommandError& error) {
+                    log.write("warning", error.what());
+                    return BackupDisks{};
+                }
+            },
+            nullptr, 30.0,
             [&](const std::string& volume) {
-                log.write("backupDisk", "Backup disk connected: " + volume, {{"volume", volume}});
+                log.write("backupDisk", "Backup disk connected: " + volume, {{"volume", pathText(volume)}});
                 return makeReclaimer({volume}, BackupDisks::options(), volume);
             });
         backups->start();
-        if (BackupDisks::load(Locations::backupDisks()).volumes.empty()) {
+        if (loadBackupDisks().volumes.empty()) {
             log.write("warning", "No disk is marked as a backup disk yet: \"dedup backup-disk add PATH\" marks one.");
         }
     }
@@ -222,7 +257,7 @@ struct BackupArguments {
 
 int runBackupDisk(const BackupArguments& arguments) {
     const std::string file = Locations::backupDisks();
-    BackupDisks disks = BackupDisks::load(file);
+    BackupDisks disks = loadBackupDisks();
     if (arguments.action == "list") {
         // Where each marked disk is mounted now, if it is.
         std::map<std::string, std::string> connected;
@@ -236,7 +271,7 @@ int runBackupDisk(const BackupArguments& arguments) {
             for (const auto& id : disks.volumes) {
                 auto where = connected.find(id);
                 out.push_back({{"volume", id},
-                               {"mountPoint", where == connected.end() ? nlohmann::json() : nlohmann::json(where->second)}});
+                               {"mountPoint", where == connected.end() ? nlohmann::json() : nlohmann::json(pathText(where->second))}});
             }
             std::cout << jsonText(out) << "\n";
             return success;

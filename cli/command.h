@@ -19,5 +19,7 @@ void addScanCommands(CLI::App& app, Commands& commands);   // scan
 void addSpaceCommands(CLI::App& app, Commands& commands);  // true-size, holders, show
 void addReclaimCommands(CLI::App& app, Commands& commands);  // reclaim, journal, exclude, include, exclusions
 void addAutoCommands(CLI::App& app, Commands& commands);     // auto, backup-disk
+// across, trash, journal restore; after addReclaimCommands, whose journal it extends.
+void addAcrossCommands(CLI::App& app, Commands& commands);
 
 }  // namespace dedup::cli

@@ -1,5 +1,6 @@
 // The dedup command: finds files of identical content and gives back the space of the extra copies.
 #include <iostream>
+#include <string>
 
 #include "command.h"
 #include "exit_codes.h"
@@ -15,10 +16,23 @@ int main(int argc, char** argv) {
     addReclaimCommands(app, commands);
     addSpaceCommands(app, commands);
     addAutoCommands(app, commands);
+    addAcrossCommands(app, commands);
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
+        // CLI11 would only say that a command is required: name the word it did not know.
+        std::string known;
+        bool isKnown = false;
+        for (const auto* command : app.get_subcommands({})) {
+            known += (known.empty() ? "" : ", ") + command->get_name();
+            isKnown = isKnown || (argc > 1 && command->check_name(argv[1]));
+        }
+        if (argc > 1 && argv[1][0] != '-' && !isKnown) {
+            std::cerr << "dedup: unknown command \"" << argv[1] << "\"; the commands are " << known
+                      << ". \"dedup --help\" says what each does.\n";
+            return usage;
+        }
         int code = app.exit(error);
         return code == 0 ? success : usage;
     }

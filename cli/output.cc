@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <map>
 
 #include <fmt/format.h>
 
@@ -10,7 +11,10 @@
 
 #include "byte_format.h"
 #include "parallel.h"
+#include "path_text.h"
 #include "reclaim_plan.h"
+#include "replaceability.h"
+#include "skip_reason.h"
 
 namespace dedup::cli {
 
@@ -39,9 +43,11 @@ void writeScanJson(std::ostream& out, const ScanResult& result, const std::strin
             out << "\n" << texts[k];
         }
     }
-    out << "],\"leftovers\":" << text(result.leftovers);
-    if (!putRight.empty()) out << ",\"putRightWith\":" << text(putRight);
-    out << ",\"unreadableFolders\":" << text(result.unreadableFolders) << "}\n";
+    out << "],\"leftovers\":" << text(pathTexts(result.leftovers));
+    if (!putRight.empty()) out << ",\"putRightWith\":" << text(pathText(putRight));
+    out << ",\"unreadableFiles\":" << text(pathTexts(result.unreadableFiles))
+        << ",\"unreadableFolders\":" << text(pathTexts(result.unreadableFolders))
+        << "}\n";
 }
 
 std::string groupedNumber(int64_t n) {
@@ -61,8 +67,17 @@ void printGroup(std::ostream& out, const DuplicateGroup& group) {
     out << fmt::format("{} to reclaim: {} copies of {}\n", formatBytes(group.reclaimableBytes), group.files.size(),
                        formatBytes(size));
     out << "  sha256 " << group.digest << "\n";
-    // What each copy frees comes from the same plan a reclaim follows, so the figures agree.
-    auto targets = Report::targets({group}, Selection{});
+    // What each copy frees comes from the same plan a reclaim follows, so the figures agree; a
+    // copy the reclaim would have to leave alone says why.
+    std::map<std::string, SkipReason> leftAlone;
+    Selection cannot;
+    for (size_t i = 1; i < group.files.size(); ++i) {
+        if (auto reason = neverReplaceable(group.files[i].path, group.files[i].status)) {
+            leftAlone.emplace(group.files[i].path, *reason);
+            cannot.excluded.insert(group.files[i].path);
+        }
+    }
+    auto targets = Report::targets({group}, cannot);
     out << fmt::format("  {:>10}  {}\n", "kept", group.files.front().path);
     size_t next = 0;
     for (size_t i = 1; i < group.files.size(); ++i) {
@@ -70,6 +85,8 @@ void printGroup(std::ostream& out, const DuplicateGroup& group) {
         if (next < targets.size() && targets[next].file.path == copy.path) {
             out << fmt::format("  {:>10}  {}\n", formatBytes(targets[next].frees), copy.path);
             ++next;
+        } else if (auto reason = leftAlone.find(copy.path); reason != leftAlone.end()) {
+            out << fmt::format("  {:>10}  {}  (left alone: {})\n", "0 bytes", copy.path, phrase(reason->second));
         } else {
             out << fmt::format("  {:>10}  {}  (already shares its blocks with the kept copy)\n", "0 bytes", copy.path);
         }
@@ -97,6 +114,15 @@ void printScanText(std::ostream& out, const ScanResult& result, const std::strin
                                                           : groupedNumber(static_cast<int64_t>(
                                                                 result.unreadableFolders.size())) + " folders");
         for (const auto& path : result.unreadableFolders) out << "  " << path << "\n";
+        out << "\n";
+    }
+    if (!result.unreadableFiles.empty()) {
+        out << fmt::format("{} could not be read to compare {}:\n",
+                           result.unreadableFiles.size() == 1
+                               ? std::string("1 file")
+                               : groupedNumber(std::ssize(result.unreadableFiles)) + " files",
+                           result.unreadableFiles.size() == 1 ? "it" : "them");
+        for (const auto& path : result.unreadableFiles) out << "  " << path << "\n";
         out << "\n";
     }
     if (!result.leftovers.empty()) {

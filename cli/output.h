@@ -10,7 +10,8 @@
 
 namespace dedup::cli {
 
-// Paths on Linux are bytes and need not be UTF-8; such bytes are shown as U+FFFD rather than
+// Paths in JSON are written in the form of path_text.h, so that a program gets back the very
+// bytes of a name that is not UTF-8; any other text that is not UTF-8 shows U+FFFD rather than
 // failing the whole output.
 std::string jsonText(const nlohmann::json& value);
 // The same on one line, for streams of one object per line.

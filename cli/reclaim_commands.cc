@@ -1,4 +1,6 @@
 // reclaim, journal and the saved selection (exclude, include, exclusions).
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <map>
@@ -13,10 +15,14 @@
 #include "hash_cache.h"
 #include "journal.h"
 #include "output.h"
+#include "path_spellings.h"
+#include "path_text.h"
+#include "saved_choices.h"
 #include "platform/process.h"
 #include "progress_line.h"
 #include "reclaim_commands.h"
 #include "reclaimer.h"
+#include "replaceability.h"
 #include "scan_command.h"
 #include "path_names.h"
 #include "platform/system.h"
@@ -36,13 +42,12 @@ std::unique_ptr<Journal> openJournal() {
     }
 }
 
-Selection loadSelection() {
-    if (!fs::exists(Locations::selection())) return {};
+Selection savedSelection() {
     try {
-        return Selection::load(Locations::selection());
-    } catch (const std::exception& error) {
-        std::cerr << "dedup: the saved selection cannot be read (" << error.what() << "); nothing is left out\n";
-        return {};
+        return Selection::loadSaved(Locations::selection());
+    } catch (const SavedChoicesError& error) {
+        throw CommandError("the files left out of reclaiming are saved in " + error.file + ", which cannot be read: " +
+                           error.reason + ". Nothing was changed; repair or remove that file, then try again.");
     }
 }
 
@@ -51,6 +56,11 @@ std::string plural(int64_t n, const char* one, const char* many) {
     return groupedNumber(n) + " " + (n == 1 ? one : many);
 }
 }  // namespace
+Selection loadSelection(const std::vector<std::string>& roots) {
+    Selection selection = savedSelection();
+    selection.excluded = spellingsBelow(selection.excluded, spelledRoots(roots));
+    return selection;
+}
 
 size_t recoverInterrupted(Journal& journal, std::ostream& out) {
     auto interrupted = journal.interrupted();
@@ -193,14 +203,47 @@ void printSummary(std::ostream& out, const ReclaimSummary& summary) {
         out << fmt::format("  {:>6}  {}\n", groupedNumber(static_cast<int64_t>(paths.size())),
                            known ? std::string(phrase(*known)) : reason);
     }
-    if (!summary.failed.empty()) {
-        out << fmt::format("  {:>6}  {}\n", groupedNumber(static_cast<int64_t>(summary.failed.size())), "failed");
-        for (const auto& [path, error] : summary.failed) out << "          " << error << "\n";
+    if (summary.failed.empty()) return;
+    out << fmt::format("  {:>6}  {}\n", groupedNumber(static_cast<int64_t>(summary.failed.size())), "failed");
+    // The same cause (a full disk, a read-only one) fails every copy after it: one line per cause.
+    std::map<std::string, std::vector<std::string>> byCause;
+    for (const auto& [path, error] : summary.failed) {
+        auto at = error.rfind("): ");
+        byCause[at == std::string::npos ? error : error.substr(at + 3)].push_back(error);
+    }
+    for (const auto& [cause, errors] : byCause) {
+        if (errors.size() == 1) {
+            out << "          " << errors.front() << "\n";
+            continue;
+        }
+        out << fmt::format("          {} copies: {}, for example {}\n", groupedNumber(std::ssize(errors)), cause,
+                           errors.front());
+        if (cause == std::strerror(ENOSPC)) {
+            out << "          The disk is full: free some space on it, then reclaim again.\n";
+        }
+    }
+}
+
+// Folders and files the scan could not read: their copies were neither compared nor replaced.
+void printUnreadable(std::ostream& out, const ScanResult& scan) {
+    const auto& folders = scan.unreadableFolders;
+    if (!folders.empty()) {
+        out << (folders.size() == 1 ? std::string("1 folder") : groupedNumber(std::ssize(folders)) + " folders")
+            << " could not be read; nothing in " << (folders.size() == 1 ? "it" : "them") << " was looked at:\n";
+        for (const auto& folder : folders) out << "  " << folder << "\n";
+    }
+    const auto& files = scan.unreadableFiles;
+    if (!files.empty()) {
+        out << (files.size() == 1 ? std::string("1 file") : groupedNumber(std::ssize(files)) + " files")
+            << " could not be read to compare " << (files.size() == 1 ? "it" : "them") << ":\n";
+        for (const auto& file : files) out << "  " << file << "\n";
     }
 }
 
 int runReclaim(const ReclaimArguments& arguments) {
     auto roots = checkedRoots(arguments.scan.roots);
+    // Read before anything is scanned or changed: without it, nothing may be replaced.
+    Selection selection = loadSelection(arguments.scan.roots);
     auto journal = openJournal();
     platform::installInterruptHandlers();
     std::ostream& notes = arguments.scan.json ? std::cerr : std::cout;
@@ -240,21 +283,34 @@ int runReclaim(const ReclaimArguments& arguments) {
               << " left from an interrupted reclaim; put them right with: " << putRightCommand(roots) << "\n";
     }
 
-    Selection selection = loadSelection();
     if (arguments.dryRun) {
-        auto targets = Report::targets(scan.groups, selection);
-        int64_t total = 0;
+        std::vector<Target> targets;
         nlohmann::json planned = nlohmann::json::array();
+        nlohmann::json leftAlone = nlohmann::json::array();
+        // A copy the reclaim would have to leave alone frees nothing: it is named with the reason.
+        for (auto& target : Report::targets(scan.groups, selection)) {
+            auto reason = neverReplaceable(target.file.path, target.file.status);
+            if (!reason) {
+                targets.push_back(std::move(target));
+                continue;
+            }
+            if (arguments.scan.json) {
+                leftAlone.push_back({{"path", pathText(target.file.path)}, {"reason", rawValue(*reason)}});
+            } else {
+                std::cout << fmt::format("  {:>10}  {}  (left alone: {})\n", "0 bytes", target.file.path, phrase(*reason));
+            }
+        }
+        int64_t total = 0;
         for (const auto& target : targets) {
             total += target.frees;
             if (arguments.scan.json) {
-                planned.push_back({{"path", target.file.path}, {"frees", target.frees}});
+                planned.push_back({{"path", pathText(target.file.path)}, {"frees", target.frees}});
             } else {
                 std::cout << fmt::format("  {:>10}  {}\n", formatBytes(target.frees), target.file.path);
             }
         }
         if (arguments.scan.json) {
-            std::cout << jsonText({{"targets", planned}, {"reclaimableBytes", total}}) << "\n";
+            std::cout << jsonText({{"targets", planned}, {"leftAlone", leftAlone}, {"reclaimableBytes", total}}) << "\n";
         } else {
             std::cout << formatBytes(total) << " would be reclaimed by making "
                       << plural(static_cast<int64_t>(targets.size()), "file a clone.", "files clones.")
@@ -271,6 +327,9 @@ int runReclaim(const ReclaimArguments& arguments) {
     reclaimer.engine.strategy = arguments.strategy == "in-place" ? CloneEngine::Strategy::inPlace
                                 : arguments.strategy == "clone"  ? CloneEngine::Strategy::cloneAndSwap
                                                                  : CloneEngine::Strategy::automatic;
+    // With --trash, a copy exchanged for a clone goes to the Trash, where it keeps its blocks; the
+    // journal of this run tells those copies (they had a temporary name) from the ones shared in place.
+    const size_t journalledBefore = arguments.trash ? journal->entries().size() : 0;
     ProgressLine line;
     ReclaimSummary summary = reclaimer.reclaim(
         scan.groups, selection,
@@ -281,11 +340,28 @@ int runReclaim(const ReclaimArguments& arguments) {
         interrupted);
     line.clear();
 
+    int64_t inTrash = 0;
+    if (arguments.trash) {
+        auto entries = journal->entries();
+        for (size_t i = journalledBefore; i < entries.size(); ++i) {
+            const auto& entry = entries[i];
+            if (entry.event == JournalEntry::Event::replaced && entry.temporary) inTrash += entry.freedBytes.value_or(0);
+        }
+    }
     if (arguments.scan.json) {
-        std::cout << jsonText(summary) << "\n";
+        nlohmann::json out = summary;
+        out["unreadableFolders"] = pathTexts(scan.unreadableFolders);
+        out["unreadableFiles"] = pathTexts(scan.unreadableFiles);
+        if (arguments.trash) out["freedWhenTrashIsEmptied"] = inTrash;
+        std::cout << jsonText(out) << "\n";
     } else {
         if (summary.cancelled) std::cout << "Cancelled: the replacements under way were finished first.\n";
         printSummary(std::cout, summary);
+        if (inTrash > 0) {
+            std::cout << "Of that, " << formatBytes(inTrash)
+                      << " comes back only when the Trash is emptied: the old copies wait there.\n";
+        }
+        printUnreadable(std::cout, scan);
     }
     if (summary.cancelled) return interruptedByUser;
     return summary.skipped.empty() && summary.failed.empty() ? success : someSkipped;
@@ -296,6 +372,8 @@ std::string labelledLine(const JournalEntry& entry) {
     if (entry.event == JournalEntry::Event::replaced && entry.freedBytes) {
         line += "  (" + formatBytes(*entry.freedBytes) + ")";
     }
+    // A trashed copy's entry says where it went, which is where restore takes it from.
+    if (entry.event == JournalEntry::Event::trashed && entry.detail) line += "  -> " + *entry.detail;
     return line;
 }
 
@@ -319,7 +397,7 @@ int runJournalVerify(bool json) {
     for (const auto& [entry, finding] : findings) {
         ++counts[finding];
         if (json) {
-            out.push_back({{"id", entry.id}, {"target", entry.target}, {"finding", std::string(label(finding))}});
+            out.push_back({{"id", entry.id}, {"target", pathText(entry.target)}, {"finding", std::string(label(finding))}});
         } else {
             std::cout << fmt::format("{:<17}  {}\n", label(finding), entry.target);
         }
@@ -353,14 +431,19 @@ std::string absolutePath(const std::string& path) {
     return result;
 }
 
+// A path is saved where it really is, links resolved, so that it names the same files however they
+// are reached later; taking one back removes it under either spelling.
 int editSelection(const std::vector<std::string>& paths, bool exclude) {
-    Selection selection = loadSelection();
-    for (const auto& path : paths) {
+    Selection selection = savedSelection();
+    for (const auto& given : paths) {
+        std::string path = absolutePath(given);
+        std::string real = realLocation(path);
         if (exclude) {
-            selection.excluded.insert(absolutePath(path));
-        } else {
-            selection.excluded.erase(absolutePath(path));
+            selection.excluded.insert(real);
+            continue;
         }
+        std::erase_if(selection.excluded,
+                      [&](const std::string& saved) { return saved == path || realLocation(saved) == real; });
     }
     fs::create_directories(fs::path(Locations::selection()).parent_path());
     selection.save(Locations::selection());
@@ -368,7 +451,7 @@ int editSelection(const std::vector<std::string>& paths, bool exclude) {
 }
 
 int listSelection(bool json) {
-    Selection selection = loadSelection();
+    Selection selection = savedSelection();
     if (json) {
         std::cout << jsonText(selection) << "\n";
     } else if (selection.excluded.empty()) {
@@ -381,6 +464,8 @@ int listSelection(bool json) {
 }
 
 }  // namespace
+
+void printReclaimSummary(std::ostream& out, const ReclaimSummary& summary) { printSummary(out, summary); }
 
 void addReclaimCommands(CLI::App& app, Commands& commands) {
     static ReclaimArguments reclaim;

@@ -10,13 +10,21 @@
 
 #include "journal.h"
 #include "reclaim_plan.h"
+#include "reclaimer.h"
 
 namespace dedup::cli {
 
 // Throws CommandError when the journal cannot be opened: without it nothing may be changed.
 std::unique_ptr<Journal> openJournal();
-// The saved selection; an unreadable one is reported on standard error and leaves nothing out.
-Selection loadSelection();
+// The saved selection as the user left it. Throws CommandError naming the file when it is there
+// but cannot be read: work that would ignore it must not start.
+Selection savedSelection();
+// The same, ready to match files walked below `roots` (as the user gave them), by the rule of
+// path_spellings.h.
+Selection loadSelection(const std::vector<std::string>& roots);
+// What a reclaim did, for a person: the freed bytes, and every copy left alone by reason, failures
+// once per cause (a full disk fails every copy after it the same way).
+void printReclaimSummary(std::ostream& out, const ReclaimSummary& summary);
 // Announces and puts right what an interrupted run left; returns how many files there were.
 size_t recoverInterrupted(Journal& journal, std::ostream& out);
 

@@ -15,6 +15,8 @@
 #include "exit_codes.h"
 #include "hash_cache.h"
 #include "output.h"
+#include "path_spellings.h"
+#include "reclaim_commands.h"
 #include "platform/file_io.h"
 #include "platform/process.h"
 #include "platform/system.h"
@@ -56,6 +58,17 @@ std::string withoutTrailingSlash(std::string path) {
 
 }  // namespace
 
+std::unique_ptr<HashCache> openDigestCache(bool noCache) {
+    if (noCache) return nullptr;
+    try {
+        return std::make_unique<HashCache>(Locations::hashes());
+    } catch (const std::exception& error) {
+        // The cache only saves time: without it every file is read, and the search still runs.
+        std::cerr << "dedup: the digest cache cannot be opened (" << error.what() << "); every file will be read\n";
+        return nullptr;
+    }
+}
+
 std::vector<std::string> checkedRoots(const std::vector<std::string>& roots, bool resolveLinks) {
     std::vector<std::string> result;
     for (const auto& given : roots) {
@@ -79,6 +92,12 @@ std::vector<std::string> checkedRoots(const std::vector<std::string>& roots, boo
     return result;
 }
 
+std::vector<std::string> spelledRoots(const std::vector<std::string>& roots) {
+    std::vector<std::string> result;
+    for (const auto& root : roots) result.push_back(withoutTrailingSlash(absolute(root)));
+    return result;
+}
+
 ScanOptions scanOptions(const ScanArguments& arguments) {
     ScanOptions options;
     options.minimumSize = arguments.minimumSize;
@@ -93,7 +112,9 @@ ScanOptions scanOptions(const ScanArguments& arguments) {
         }
         options.allowedExtensions = std::move(extensions);
     }
-    for (const auto& path : arguments.excluded) options.excludedPaths.push_back(withoutTrailingSlash(absolute(path)));
+    std::set<std::string> excluded;
+    for (const auto& path : arguments.excluded) excluded.insert(withoutTrailingSlash(absolute(path)));
+    for (const auto& path : spellingsBelow(excluded, spelledRoots(arguments.roots))) options.excludedPaths.push_back(path);
     options.includeLibrary = arguments.includeLibrary;
     return options;
 }
@@ -117,35 +138,20 @@ void writeReport(const std::string& path, const std::function<std::string()>& te
     }
 }
 
-void writeReports(const ScanResult& result, const ReportFiles& files) {
-    writeReport(files.csv, [&] {
-        // The CSV shows what a reclaim would do, so it honours the copies the user has left out.
-        Selection selection;
-        if (platform::pathExists(Locations::selection())) {
-            try {
-                selection = Selection::load(Locations::selection());
-            } catch (const std::exception&) {
-            }
-        }
-        return Report::csv(result.groups, selection);
-    });
+void writeReports(const ScanResult& result, const ReportFiles& files, const Selection& selection) {
+    // The CSV shows what a reclaim would do, so it honours the copies the user has left out.
+    writeReport(files.csv, [&] { return Report::csv(result.groups, selection); });
     writeReport(files.save, [&] { return Report::json(result) + "\n"; });
 }
 
 int scanAndReport(const ScanArguments& arguments, std::ostream& out, const ReportFiles& reports) {
     auto roots = checkedRoots(arguments.roots);
+    // Read first: a list that cannot be read stops the scan before any work is done.
+    Selection selection = reports.csv.empty() ? Selection{} : loadSelection(arguments.roots);
     DuplicateFinder finder;
     finder.options = scanOptions(arguments);
     finder.threads = arguments.threads;
-    std::unique_ptr<HashCache> cache;
-    if (!arguments.noCache) {
-        try {
-            cache = std::make_unique<HashCache>(Locations::hashes());
-        } catch (const std::exception& error) {
-            // The cache only saves time: without it every file is read, and the scan still runs.
-            std::cerr << "dedup: the digest cache cannot be opened (" << error.what() << "); every file will be read\n";
-        }
-    }
+    std::unique_ptr<HashCache> cache = openDigestCache(arguments.noCache);
     finder.cache = cache.get();
 
     platform::installInterruptHandlers();
@@ -162,7 +168,7 @@ int scanAndReport(const ScanArguments& arguments, std::ostream& out, const Repor
         printScanText(out, result, putRight);
     }
     out.flush();
-    writeReports(result, reports);
+    writeReports(result, reports, selection);
     return result.cancelled ? interruptedByUser : success;
 }
 

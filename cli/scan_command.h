@@ -2,12 +2,14 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "hash_cache.h"
 #include "scan_options.h"
 
 namespace dedup::cli {
@@ -31,7 +33,16 @@ void addScanOptions(CLI::App& command, ScanArguments& arguments);
 // With `resolveLinks` false a root given through a symbolic link keeps the user's spelling, for
 // callers that walk and watch it themselves.
 std::vector<std::string> checkedRoots(const std::vector<std::string>& roots, bool resolveLinks = true);
+// The roots as the user gave them, made absolute: with checkedRoots' answer, the two names of a
+// root given through a link.
+std::vector<std::string> spelledRoots(const std::vector<std::string>& roots);
+// Paths left out with --exclude hold by the rule of path_spellings.h, whichever way the roots and
+// the paths were spelled.
 ScanOptions scanOptions(const ScanArguments& arguments);
+
+// The digest cache, or none when asked for none or when it cannot be opened (said on standard
+// error: the cache only saves time).
+std::unique_ptr<HashCache> openDigestCache(bool noCache);
 
 // Runs the scan and prints it; returns the exit code.
 int runScan(const ScanArguments& arguments, std::ostream& out);

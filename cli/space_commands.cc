@@ -16,6 +16,7 @@
 #include "exit_codes.h"
 #include "file_records.h"
 #include "output.h"
+#include "path_text.h"
 #include "platform/system.h"
 #include "progress_line.h"
 #include "progress_throttle.h"
@@ -79,6 +80,10 @@ int runTrueSize(const TrueSizeArguments& arguments, std::ostream& out) {
     options.progress = [&](const std::string& path, int64_t files) {
         if (throttle.accept()) progress.show(fmt::format("Measuring: {} files  {}", groupedNumber(files), path));
     };
+    // One unreadable subfolder must not hide the rest: it is named, and what is shown is then
+    // what deleting frees at least.
+    std::vector<std::pair<std::string, int>> unreadable;
+    options.unreadable = [&](const SystemError& error) { unreadable.emplace_back(error.path, error.code); };
     std::pair<FolderSize, TrueSize::Tally> measured;
     try {
         measured = TrueSize::measureWithTally(folder, options);
@@ -93,14 +98,26 @@ int runTrueSize(const TrueSizeArguments& arguments, std::ostream& out) {
     if (arguments.json) {
         nlohmann::json j = trimmed(size, arguments.depth);
         j["sharing"] = TrueSize::toString(tally.sharing);
+        nlohmann::json left = nlohmann::json::array();
+        for (const auto& [path, code] : unreadable) left.push_back({{"path", pathText(path)}, {"error", reason(code)}});
+        j["unreadableFolders"] = left;
         out << jsonText(j) << "\n";
-        return success;
+        return unreadable.empty() ? success : someSkipped;
     }
     bool withUncertain = size.uncertain > 0;
     out << fmt::format("{:>10}  {:>10}  {:>10}  {}{}\n", "frees", "logical", "allocated",
                        withUncertain ? fmt::format("{:>10}  ", "uncertain") : "", "folder");
     printTree(out, size, 0, arguments.depth, withUncertain);
     out << "\n" << sharingSentence(tally.sharing, size.uncertain) << "\n";
+    if (!unreadable.empty()) {
+        out << fmt::format("\n{} could not be read and {} not counted:\n",
+                           unreadable.size() == 1 ? std::string("1 folder") : groupedNumber(std::ssize(unreadable)) + " folders",
+                           unreadable.size() == 1 ? "is" : "are");
+        for (const auto& [path, code] : unreadable) out << "  " << path << " (" << reason(code) << ")\n";
+        out << fmt::format("Deleting it frees at least {}; the file manager says at least {}.\n",
+                           formatBytes(size.freedIfDeleted), formatBytes(size.logical));
+        return someSkipped;
+    }
     out << fmt::format("Deleting it frees {}; the file manager says {}.\n", formatBytes(size.freedIfDeleted),
                        formatBytes(size.logical));
     return success;

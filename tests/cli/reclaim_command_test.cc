@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <map>
+#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -16,6 +17,7 @@
 #include "hasher.h"
 #include "journal.h"
 #include "cli/command_helpers.h"
+#include "reclaim_commands.h"
 #include "support/test_files.h"
 
 namespace dedup {
@@ -119,6 +121,44 @@ TEST_F(ReclaimCommandTest, SavedSelectionIsHonouredAndSkipsAreExplained) {
 
     ASSERT_EQ(dedupCommand({"include", root_ + "/g0"}).exitCode, 0);
     EXPECT_EQ(dedupCommand({"exclusions"}).stdoutText, "Nothing is left out of reclaiming.\n");
+}
+
+TEST_F(ReclaimCommandTest, TrashSaysTheSpaceComesBackOnlyWhenItIsEmptied) {
+    DEDUP_USE_VOLUME(LoopVolume::Kind::btrfs);
+    makeTree(1, 200000);
+    // Exchanged copies wait in the Trash with their blocks.
+    auto swapped = dedupCommand({"reclaim", "--strategy", "clone", "--trash", "--min-size", "1", root_});
+    ASSERT_EQ(swapped.exitCode, 0) << swapped.stdoutText << swapped.stderrText;
+    EXPECT_NE(swapped.stdoutText.find("Of that, 400.0 kB comes back only when the Trash is emptied"),
+              std::string::npos)
+        << swapped.stdoutText;
+
+    // Shared in place, nothing goes to the Trash, so there is nothing to wait for.
+    root_ = test::freshFolder(test::sharedVolume(LoopVolume::Kind::btrfs), "reclaim-in-place");
+    makeTree(1, 200000);
+    auto inPlace = dedupCommand({"reclaim", "--strategy", "in-place", "--trash", "--min-size", "1", root_});
+    ASSERT_EQ(inPlace.exitCode, 0) << inPlace.stdoutText << inPlace.stderrText;
+    EXPECT_NE(inPlace.stdoutText.find("400.0 kB reclaimed"), std::string::npos) << inPlace.stdoutText;
+    EXPECT_EQ(inPlace.stdoutText.find("Trash"), std::string::npos) << inPlace.stdoutText;
+}
+
+TEST(ReclaimSummaryTest, FailuresOfOneCauseAreSaidOnce) {
+    ReclaimSummary summary;
+    summary.replaced = 3;
+    summary.freedBytes = 600000;
+    for (int i = 0; i < 50; ++i) {
+        std::string path = "/photos/" + std::to_string(i) + ".jpg";
+        summary.failed[path] = "FICLONE(" + path + "): No space left on device";
+    }
+    summary.failed["/photos/odd.jpg"] = "open(/photos/odd.jpg): Input/output error";
+    std::ostringstream out;
+    cli::printReclaimSummary(out, summary);
+    const std::string text = out.str();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 6) << text;
+    EXPECT_NE(text.find("50 copies: No space left on device, for example FICLONE(/photos/0.jpg)"), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("The disk is full: free some space on it, then reclaim again."), std::string::npos) << text;
+    EXPECT_NE(text.find("open(/photos/odd.jpg): Input/output error"), std::string::npos) << text;
 }
 
 struct Param {

@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,7 @@
 
 #include "hash_cache.h"
 #include "hasher.h"
+#include "platform/system.h"
 #include "support/test_files.h"
 #include "volumes.h"
 
@@ -191,6 +193,66 @@ TEST_P(FinderOnVolume, CancelledScanReportsSoAndLeavesTheCacheAlone) {
     EXPECT_TRUE(cache.digest(HashCache::Kind::full, kept));
 }
 
+TEST_P(FinderOnVolume, FilesOfHolesAloneAreNeverGroupedOrCounted) {
+    // Four files that all read as a MiB of zeros: two never written, two written.
+    constexpr int64_t size = 1 << 20;
+    for (const char* name : {"holes1", "holes2"}) {
+        test::writeFile(at(name), "");
+        std::filesystem::resize_file(at(name), size);
+    }
+    test::writeFile(at("zeros1"), std::string(size, '\0'));
+    test::writeFile(at("zeros2"), std::string(size, '\0'));
+    auto result = scan(root_);
+    ASSERT_EQ(result.groups.size(), 1u);
+    EXPECT_EQ(pathsOf(result.groups[0]), (std::vector<std::string>{at("zeros1"), at("zeros2")}));
+    EXPECT_EQ(result.groups[0].reclaimableBytes, size);
+    EXPECT_TRUE(CloneInfo::read(at("holes1"))->noBlocks);
+    EXPECT_FALSE(CloneInfo::read(at("zeros1"))->noBlocks);
+
+    // Holes beside one written copy: nothing to share.
+    std::filesystem::remove(at("zeros2"));
+    EXPECT_TRUE(scan(root_).groups.empty());
+}
+
+// The identifier as a user who is not root sees it, asked in a child that takes on a made-up id.
+std::string volumeIdentifierAsUser(const std::string& path) {
+    int answer[2];
+    if (::pipe2(answer, O_CLOEXEC) != 0) return "pipe failed";
+    pid_t child = ::fork();
+    if (child == 0) {
+        if (::setresgid(54321, 54321, 54321) != 0 || ::setresuid(54321, 54321, 54321) != 0) ::_exit(1);
+        std::string text = platform::volumeIdentifier(path, true).value_or("none");
+        ::_exit(::write(answer[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1);
+    }
+    ::close(answer[1]);
+    std::string text;
+    char buffer[256];
+    for (ssize_t n; (n = ::read(answer[0], buffer, sizeof buffer)) > 0;) text.append(buffer, static_cast<size_t>(n));
+    ::close(answer[0]);
+    ::waitpid(child, nullptr, 0);
+    return text;
+}
+
+TEST_P(FinderOnVolume, CacheKnowsTheDiskWhateverTheFirstFileAskedAbout) {
+    // The first file asked about went away after the listing: the disk is still known.
+    HashCache cache(database());
+    ScannedFile gone = file("gone");
+    std::filesystem::remove(at("gone"));
+    ScannedFile present = file("present");
+    EXPECT_FALSE(cache.digest(HashCache::Kind::full, gone));
+    cache.store("d", HashCache::Kind::full, present);
+    EXPECT_EQ(cache.digest(HashCache::Kind::full, present), "d");
+
+    // A file its user cannot open: the disk is known by its mount point, as for anyone else.
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to take on another user's id";
+    ASSERT_EQ(::chmod(volume_->folder().c_str(), 0755), 0);
+    ScannedFile closed = file("private");
+    ASSERT_EQ(::chmod(at("private").c_str(), 0600), 0);
+    auto expected = platform::volumeIdentifier(at("present"), true);
+    ASSERT_TRUE(expected);
+    EXPECT_EQ(volumeIdentifierAsUser(at("private")), *expected);
+}
+
 TEST(FinderTest, FileThatVanishedAfterTheWalkDropsOut) {
     test::TempDir dir;
     test::writeRandomFile(dir.path("a"), 70000, 13);
@@ -204,6 +266,36 @@ TEST(FinderTest, FileThatVanishedAfterTheWalkDropsOut) {
     ASSERT_EQ(grouping.groups.size(), 1u);
     EXPECT_EQ(pathsOf(grouping.groups[0]), (std::vector<std::string>{dir.path("a"), dir.path("b")}));
     EXPECT_FALSE(grouping.cancelled);
+}
+
+TEST(FinderTest, ScanCancelledAtAnyPointGroupsOnlyIdenticalFiles) {
+    test::TempDir dir;
+    // One size and the same first 64 KiB: only the whole files tell these apart.
+    const std::string same = test::randomBytes(100000, 21);
+    for (int i = 0; i < 4; ++i) {
+        std::string bytes = same;
+        bytes.back() = static_cast<char>(bytes.back() ^ (i + 1));
+        test::writeFile(dir.path("differs" + std::to_string(i)), bytes);
+    }
+    test::writeFile(dir.path("same1"), same);
+    test::writeFile(dir.path("same2"), same);
+    // Stop at every point the scan asks, one after the other, until it is no longer stopped.
+    for (int stopAt = 0;; ++stopAt) {
+        ASSERT_LT(stopAt, 100000);
+        std::atomic<int> asked{0};
+        DuplicateFinder finder;
+        finder.options.minimumSize = 1;
+        auto result = finder.scan({dir.path()}, nullptr, [&] { return ++asked > stopAt; });
+        for (const auto& group : result.groups) {
+            for (const auto& file : group.files) {
+                EXPECT_EQ(test::readFile(file.path), same) << file.path << " stopped at " << stopAt;
+            }
+        }
+        if (!result.cancelled) {
+            ASSERT_EQ(result.groups.size(), 1u);
+            break;
+        }
+    }
 }
 
 TEST(HasherTest, DigestsOfKnownContentAndPrefixesAcrossChunks) {

@@ -9,6 +9,7 @@
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <nlohmann/json.hpp>
 
 #include "support/test_files.h"
 
@@ -116,9 +117,15 @@ TEST(JournalTest, FreshJournalIsEmptyAndFailuresAreReported) {
     Journal journal(dir.path("data/deeper/journal.jsonl"));
     EXPECT_EQ(test::readFile(journal.path()), "");
     EXPECT_TRUE(journal.interrupted().empty());
-    // Text that is no UTF-8 cannot be journalled and leaves the file as it was.
-    EXPECT_ANY_THROW(journal.append(entryWith(JournalEntry::Event::started, "/bad\xff")));
-    EXPECT_TRUE(journal.entries().empty());
+    // Names that are not UTF-8 (and backslashes) come back byte for byte, in lines that are UTF-8.
+    JournalEntry odd = entryWith(JournalEntry::Event::failed, "/old disk/caf\xe9 \\x41.jpg");
+    odd.source = "/old disk/\xff\xfe";
+    odd.temporary = "/old disk/.caf\xe9.dedup-1";
+    odd.detail = "open(/old disk/caf\xe9 \\x41.jpg): Permission denied";
+    journal.append(odd);
+    EXPECT_EQ(journal.entries(), std::vector<JournalEntry>{odd});
+    EXPECT_TRUE(nlohmann::json::accept(test::readFile(journal.path())));
+    EXPECT_NE(test::readFile(journal.path()).find("caf\\\\xe9"), std::string::npos);
     // An entry that cannot be written is an error, never silently lost.
     std::filesystem::remove(journal.path());
     std::filesystem::create_directory(journal.path());

@@ -110,9 +110,10 @@ TEST(ReportExportTest, SavedScanLoadsBackEqual) {
 
     EXPECT_EQ(Report::load(Report::json(result)), result);
 
-    // A path that is not UTF-8 cannot be saved faithfully, so saving fails rather than alter it.
-    result.groups[0].files[0].path = "/a/\xff.jpg";
-    EXPECT_THROW(Report::json(result), nlohmann::json::exception);
+    // Paths that are not UTF-8 are saved in a form that reads back byte for byte.
+    result.groups[0].files[0].path = "/a/\xff\\.jpg";
+    result.unreadableFolders = {"/\xc3(/secret"};
+    EXPECT_EQ(Report::load(Report::json(result)), result);
     EXPECT_THROW(Report::load("digest,size\n"), nlohmann::json::exception);
     EXPECT_THROW(Report::load("{\"groups\": []}"), nlohmann::json::exception);
 }

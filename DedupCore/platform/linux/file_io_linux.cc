@@ -1,12 +1,17 @@
 #include "../file_io.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <array>
+#include <cstddef>
 
 #include <cerrno>
 #include <limits>
 
 #include "../../file_records.h"
+#include "../metadata.h"
 
 namespace dedup::platform {
 
@@ -25,10 +30,12 @@ void FileDescriptor::reset() {
 }
 
 namespace {
-int openRetrying(const std::string& path, int flags) {
+// `mode` counts only with O_CREAT, and then always: a file created without one gets whatever the
+// stack held, often 000.
+int openRetrying(const std::string& path, int flags, mode_t mode = 0) {
     int fd;
     do {
-        fd = ::open(path.c_str(), flags | O_CLOEXEC);
+        fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
     } while (fd < 0 && errno == EINTR);
     return fd;
 }
@@ -82,33 +89,63 @@ void syncFolder(const std::string& path) {
     FileDescriptor folder(fd);
     if (::fsync(fd) != 0) throw SystemError("fsync", path, errno);
 }
+namespace {
+
+// A name beside `path` that no one else uses: two writers of the same file (two copies of the
+// tool, two threads) must never write into one temporary file.
+std::string temporaryBeside(const std::string& path) {
+    std::array<std::byte, 8> bytes;
+    randomBytes(bytes);
+    static constexpr char digits[] = "0123456789abcdef";
+    std::string name = path + ".tmp-";
+    for (auto b : bytes) {
+        auto value = std::to_integer<unsigned>(b);
+        name += digits[value >> 4];
+        name += digits[value & 0xF];
+    }
+    return name;
+}
+
+}  // namespace
 
 void writeFileAtomically(const std::string& path, const std::string& content) {
-    std::string temporary = path + ".tmp-" + std::to_string(::getpid());
-    int fd = openRetrying(temporary, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW);
+    // A new file gets 0666 less the umask, as any program's saved file; a file replaced keeps the
+    // permissions its owner gave it. (Created without a mode, it would be unreadable to its owner.)
+    struct stat existing{};
+    bool replacing = ::lstat(path.c_str(), &existing) == 0 && S_ISREG(existing.st_mode);
+    std::string temporary;
+    int fd = -1;
+    for (int attempt = 0; fd < 0 && attempt < 8; ++attempt) {
+        temporary = temporaryBeside(path);
+        fd = openRetrying(temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW, 0666);
+        if (fd < 0 && errno != EEXIST) break;
+    }
     if (fd < 0) throw SystemError("open", temporary, errno);
     FileDescriptor file(fd);
+    auto fail = [&](const char* call, const std::string& where) {
+        int code = errno;
+        ::unlink(temporary.c_str());
+        throw SystemError(call, where, code);
+    };
+    if (replacing && ::fchmod(fd, existing.st_mode & 07777) != 0) fail("fchmod", temporary);
     size_t written = 0;
     while (written < content.size()) {
         ssize_t n = ::write(fd, content.data() + written, content.size() - written);
         if (n < 0) {
             if (errno == EINTR) continue;
-            int code = errno;
-            ::unlink(temporary.c_str());
-            throw SystemError("write", temporary, code);
+            fail("write", temporary);
         }
         written += static_cast<size_t>(n);
     }
-    if (::fsync(fd) != 0) {
-        int code = errno;
-        ::unlink(temporary.c_str());
-        throw SystemError("fsync", temporary, code);
-    }
+    if (::fsync(fd) != 0) fail("fsync", temporary);
     file.reset();
-    if (::rename(temporary.c_str(), path.c_str()) != 0) {
-        int code = errno;
-        ::unlink(temporary.c_str());
-        throw SystemError("rename", path, code);
+    if (::rename(temporary.c_str(), path.c_str()) != 0) fail("rename", path);
+    // The rename itself lives in the folder: without this a power cut can bring the old file back.
+    std::string folder = path.substr(0, path.find_last_of('/') + 1);
+    int folderFd = openRetrying(folder.empty() ? "." : folder, O_RDONLY | O_DIRECTORY);
+    if (folderFd >= 0) {
+        ::fsync(folderFd);
+        ::close(folderFd);
     }
 }
 

@@ -60,7 +60,18 @@ uint64_t mix(uint64_t hash, uint64_t value) {
 }  // namespace
 
 std::optional<CloneInfo> CloneInfo::read(const std::string& path) {
-    return platform::cloneInfoOf(platform::openForReading(path, 0), path);
+    auto fd = platform::openForReading(path, 0);
+    auto info = platform::cloneInfoOf(fd, path);
+    if (info) return info;
+    // No extent at all: either the file system keeps no map, or the file holds no block. Asked
+    // after the map, whose sync flag has given delayed writes their blocks.
+    struct stat st {};
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_size == 0 || st.st_blocks != 0) return info;
+    CloneInfo holes;
+    holes.noBlocks = true;
+    // Its own identifier: files of holes share nothing, so none is a clone of another.
+    holes.cloneID = mix(mix(0x401E5ull, st.st_dev), st.st_ino);
+    return holes;
 }
 
 }  // namespace dedup

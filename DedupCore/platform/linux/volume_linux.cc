@@ -119,6 +119,35 @@ std::optional<uint64_t> mountIdOf(const std::string& path) {
     return sx.stx_mnt_id;
 }
 
+// A descriptor on the same volume (and Btrfs subvolume) as `path`, for questions about the volume:
+// its mount point where that is on the same device, since a user's file may be unreadable and any
+// one file may be gone; else the nearest of the path and its folders that opens.
+FileDescriptor openOnSameVolume(const std::string& path) {
+    struct statx sx {};
+    if (::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, STATX_MNT_ID, &sx) != 0) return {};
+    const dev_t device = makedev(sx.stx_dev_major, sx.stx_dev_minor);
+    auto onDevice = [&](const FileDescriptor& fd) {
+        struct stat st {};
+        return fd && ::fstat(fd.get(), &st) == 0 && st.st_dev == device;
+    };
+    if (sx.stx_mask & STATX_MNT_ID) {
+        for (const auto& line : readMountInfo()) {
+            if (line.id != sx.stx_mnt_id) continue;
+            if (FileDescriptor fd = openForQuestions(line.mount.mountPoint); onDevice(fd)) return fd;
+            break;
+        }
+    }
+    // A subvolume below the mount point has a device of its own.
+    for (std::string at = path; !at.empty();) {
+        if (FileDescriptor fd = openForQuestions(at); onDevice(fd)) return fd;
+        if (at == "/") break;
+        auto slash = at.find_last_of('/');
+        if (slash == std::string::npos) break;
+        at = slash == 0 ? "/" : at.substr(0, slash);
+    }
+    return {};
+}
+
 }  // namespace
 
 std::vector<Mount> mounts() {
@@ -128,7 +157,7 @@ std::vector<Mount> mounts() {
 }
 
 std::optional<std::string> volumeIdentifier(const std::string& path, bool withSubvolume) {
-    FileDescriptor fd = openForQuestions(path);
+    FileDescriptor fd = openOnSameVolume(path);
     if (!fd) return std::nullopt;
     struct statfs fs {};
     if (::fstatfs(fd.get(), &fs) != 0) return std::nullopt;

@@ -1,0 +1,580 @@
+#include "across_volumes.h"
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <set>
+#include <thread>
+#include <unordered_map>
+
+#include <nlohmann/json.hpp>
+
+#include "folder_prefetch.h"
+#include "hasher.h"
+#include "path_names.h"
+#include "platform/system.h"
+#include "platform/trash.h"
+#include "temporary_name.h"
+#include "tree_digest.h"
+#include "walk.h"
+
+namespace dedup {
+
+namespace {
+
+constexpr uint32_t none = UINT32_MAX;
+
+// One entry of a folder as the walk found it.
+struct Entry {
+    std::string name;
+    TreeItem::Kind kind = TreeItem::Kind::other;
+    uint32_t index = none;  // file: into files; folder: into folders
+    std::string linkTarget;
+};
+
+struct Folder {
+    std::string path;
+    uint32_t parent = none;
+    uint32_t volume = 0;
+    bool complete = true;  // every entry was read and none is another disk's mount point
+    std::vector<Entry> entries;
+    uint64_t shape = 0;
+    bool candidate = false;  // its shape has a twin on another volume
+    std::string digest;
+    int64_t bytes = 0, fileCount = 0, freed = 0;
+};
+
+// 64-bit mixing for the shape: only a filter, so a collision costs reading, never a wrong answer.
+uint64_t mix(uint64_t h, uint64_t v) {
+    h ^= v + 0x9E3779B97F4A7C15ull + (h << 6) + (h >> 2);
+    return h * 0xFF51AFD7ED558CCDull;
+}
+uint64_t mixText(uint64_t h, const std::string& text) {
+    h = mix(h, std::hash<std::string>{}(text));
+    return mix(h, text.size());
+}
+
+std::string childPath(const std::string& folder, const std::string& name) {
+    return folder == "/" ? "/" + name : folder + "/" + name;
+}
+
+// One search: owns what the walk found. Runs on the caller's thread but for the readers of the
+// walk, one per disk, which work on what is their own until merged.
+class Search {
+public:
+    Search(const AcrossOptions& options, const ProgressCallback& progress, const CancelCallback& isCancelled)
+        : options_(options), progress_(progress), isCancelled_(isCancelled) {}
+
+    AcrossResult run(const std::vector<std::string>& roots) {
+        walkDisks(roots);
+        if (options_.folders) shapeFolders();
+        groupFiles();
+        if (options_.folders) digestFolders();
+        if (options_.folders && !cancelled()) nearFolders();
+        return finish();
+    }
+
+private:
+    bool cancelled() {
+        if (!cancelled_ && isCancelled_ && isCancelled_()) cancelled_ = true;
+        return cancelled_.load();
+    }
+
+    uint32_t volumeIndex(uint64_t device, const std::string& path) {
+        auto [it, isNew] = deviceVolumes_.try_emplace(device, 0);
+        if (isNew) {
+            std::string name = AcrossVolumes::volumeOf(path, device);
+            auto found = std::find(volumeNames_.begin(), volumeNames_.end(), name);
+            it->second = static_cast<uint32_t>(found - volumeNames_.begin());
+            if (found == volumeNames_.end()) volumeNames_.push_back(name);
+        }
+        return it->second;
+    }
+
+    // What one reader found on one disk; indices are its own until merged.
+    struct Partial {
+        std::vector<ScannedFile> files;
+        std::vector<Folder> folders;
+        std::vector<uint64_t> folderDevices;
+        std::unordered_map<InodeKey, uint32_t, InodeKeyHash> inodes;
+        std::vector<std::string> unreadable;
+
+        uint32_t fileIndex(const std::string& path, const FileStatus& status) {
+            auto [it, isNew] = inodes.try_emplace(InodeKey{status.device, status.inode}, 0);
+            if (isNew) {
+                it->second = static_cast<uint32_t>(files.size());
+                files.push_back({path, status, std::nullopt});
+            }
+            return it->second;
+        }
+        uint32_t addFolder(const std::string& path, uint32_t parent, uint64_t device) {
+            Folder folder;
+            folder.path = path;
+            folder.parent = parent;
+            folders.push_back(std::move(folder));
+            folderDevices.push_back(device);
+            return static_cast<uint32_t>(folders.size() - 1);
+        }
+    };
+
+    // One reader per disk, all at once: a USB disk and the internal one are listed side by side.
+    // Roots on one device go to one reader, in the order given, so a file reachable from two of
+    // them is taken once.
+    void walkDisks(const std::vector<std::string>& roots) {
+        std::vector<uint64_t> devices;
+        std::vector<std::vector<std::string>> rootsByDisk;
+        for (const auto& root : roots) {
+            uint64_t device = UINT64_MAX;
+            try {
+                device = FileStatus::read(root).device;
+            } catch (const SystemError&) {
+            }
+            auto found = std::find(devices.begin(), devices.end(), device);
+            if (found == devices.end()) {
+                devices.push_back(device);
+                rootsByDisk.emplace_back();
+                found = devices.end() - 1;
+            }
+            rootsByDisk[static_cast<size_t>(found - devices.begin())].push_back(root);
+        }
+        std::vector<Partial> partials(rootsByDisk.size());
+        {
+            std::vector<std::jthread> readers;
+            for (size_t d = 0; d < rootsByDisk.size(); ++d) {
+                readers.emplace_back([this, &partials, &rootsByDisk, d] {
+                    for (const auto& root : rootsByDisk[d]) {
+                        if (cancelled()) break;
+                        walkRoot(root, partials[d]);
+                    }
+                });
+            }
+        }
+        for (auto& partial : partials) merge(partial);
+    }
+
+    void merge(Partial& partial) {
+        auto fileBase = static_cast<uint32_t>(files_.size());
+        auto folderBase = static_cast<uint32_t>(folders_.size());
+        for (auto& file : partial.files) {
+            fileVolumes_.push_back(volumeIndex(file.status.device, file.path));
+            files_.push_back(std::move(file));
+        }
+        for (size_t i = 0; i < partial.folders.size(); ++i) {
+            Folder& folder = partial.folders[i];
+            folder.volume = volumeIndex(partial.folderDevices[i], folder.path);
+            if (folder.parent != none) folder.parent += folderBase;
+            for (auto& entry : folder.entries) {
+                if (entry.kind == TreeItem::Kind::file) entry.index += fileBase;
+                if (entry.kind == TreeItem::Kind::folder) entry.index += folderBase;
+            }
+            folders_.push_back(std::move(folder));
+        }
+        unreadable_.insert(unreadable_.end(), partial.unreadable.begin(), partial.unreadable.end());
+    }
+
+    // Runs on a reader thread: touches only `partial` and what never changes during the walk.
+    void walkRoot(const std::string& root, Partial& partial) {
+        FileStatus status;
+        try {
+            status = FileStatus::read(root);
+        } catch (const SystemError&) {
+            partial.unreadable.push_back(root);
+            return;
+        }
+        if (status.isRegularFile()) {
+            partial.fileIndex(root, status);
+            return;
+        }
+        if (!status.isDirectory()) return;
+        FolderPrefetch prefetch(2, 32);
+        std::vector<uint32_t> stack{partial.addFolder(root, none, status.device)};
+        while (!stack.empty()) {
+            if (cancelled()) return;
+            uint32_t current = stack.back();
+            stack.pop_back();
+            std::string path = partial.folders[current].path;
+            if (progress_) {
+                progress_(ScanProgress{ScanProgress::Phase::walking, static_cast<int64_t>(partial.files.size()), 0, path});
+            }
+            std::vector<DirectoryEntry> listing;
+            try {
+                listing = prefetch.take(path);
+            } catch (const SystemError&) {
+                partial.unreadable.push_back(path);
+                partial.folders[current].complete = false;
+                continue;
+            }
+            std::optional<bool> atVolumeRoot;
+            for (auto& item : listing) {
+                if (isTemporaryName(item.name) || item.name.starts_with(temporaryMarker)) continue;
+                std::string child = childPath(path, item.name);
+                Entry entry{item.name, TreeItem::Kind::other, none, {}};
+                if (item.status.isDirectory()) {
+                    if (!atVolumeRoot) atVolumeRoot = Walk::isVolumeRoot(path);
+                    // The disk's own Trash and system folders belong to no copy of anything.
+                    if (*atVolumeRoot && Walk::isVolumeSystemFolder(item.name)) continue;
+                    if (child == homeTrash_) continue;
+                    if (item.status.device != status.device) {
+                        // Another disk mounted inside: this tree cannot be compared whole.
+                        partial.folders[current].complete = false;
+                        continue;
+                    }
+                    entry.kind = TreeItem::Kind::folder;
+                    entry.index = partial.addFolder(child, current, status.device);
+                    prefetch.request(child);
+                    stack.push_back(entry.index);
+                } else if (item.status.isRegularFile()) {
+                    entry.kind = TreeItem::Kind::file;
+                    entry.index = partial.fileIndex(child, item.status);
+                } else if (item.status.isSymbolicLink()) {
+                    entry.kind = TreeItem::Kind::link;
+                    entry.linkTarget = platform::readLink(child);
+                }
+                partial.folders[current].entries.push_back(std::move(entry));
+            }
+        }
+    }
+
+    // A folder's shape from names, kinds, sizes and link targets, bottom-up: a subfolder always
+    // comes after its parent in the list. Folders whose shape meets one on another volume are
+    // candidates, and so are all the folders inside them.
+    void shapeFolders() {
+        for (size_t i = folders_.size(); i-- > 0;) {
+            Folder& folder = folders_[i];
+            std::vector<uint64_t> items;
+            bool complete = folder.complete;
+            for (const auto& entry : folder.entries) {
+                uint64_t h = mix(mixText(0, entry.name), static_cast<uint64_t>(entry.kind));
+                if (entry.kind == TreeItem::Kind::file) h = mix(h, static_cast<uint64_t>(files_[entry.index].status.size));
+                if (entry.kind == TreeItem::Kind::link) h = mixText(h, entry.linkTarget);
+                if (entry.kind == TreeItem::Kind::folder) {
+                    h = mix(h, folders_[entry.index].shape);
+                    complete = complete && folders_[entry.index].complete;
+                }
+                items.push_back(h);
+            }
+            folder.complete = complete;
+            std::sort(items.begin(), items.end());
+            uint64_t shape = mix(0x5EED, items.size());
+            for (uint64_t h : items) shape = mix(shape, h);
+            folder.shape = shape;
+        }
+        std::unordered_map<uint64_t, std::set<uint32_t>> volumesByShape;
+        for (const auto& folder : folders_) {
+            if (folder.complete) volumesByShape[folder.shape].insert(folder.volume);
+        }
+        for (auto& folder : folders_) {
+            folder.candidate = folder.complete && volumesByShape[folder.shape].size() >= 2;
+            if (!folder.candidate) continue;
+            for (const auto& entry : folder.entries) {
+                if (entry.kind == TreeItem::Kind::file) inTree_.insert(entry.index);
+            }
+        }
+    }
+
+    // Files worth a group (large enough), and every file of a candidate tree whatever its size,
+    // go through the finder's own grouping, read across volumes.
+    void groupFiles() {
+        int64_t smallest = std::max<int64_t>(1, options_.minimumSize);
+        std::vector<ScannedFile> input;
+        std::vector<uint32_t> indexOf;
+        for (uint32_t i = 0; i < files_.size(); ++i) {
+            if (files_[i].status.size >= smallest || inTree_.contains(i)) {
+                input.push_back(files_[i]);
+                indexOf.push_back(i);
+            }
+        }
+        std::unordered_map<std::string, uint32_t> byPath;
+        for (size_t k = 0; k < input.size(); ++k) byPath.emplace(input[k].path, indexOf[k]);
+        DuplicateFinder finder;
+        finder.cache = options_.cache;
+        finder.threads = options_.threads;
+        auto grouping = finder.groups(input, true, progress_, [this] { return cancelled(); });
+        bytesRead_ = grouping.bytesRead;
+        digests_.assign(files_.size(), std::string());
+        for (auto& group : grouping.groups) {
+            for (auto& file : group.files) {
+                uint32_t i = byPath.at(file.path);
+                digests_[i] = group.digest;
+                files_[i].clones = file.clones;
+            }
+            std::set<uint32_t> volumes;
+            for (const auto& file : group.files) volumes.insert(fileVolumes_[byPath.at(file.path)]);
+            if (volumes.size() < 2 || group.files.front().status.size < smallest) continue;
+            AcrossFileGroup across;
+            across.digest = group.digest;
+            across.size = group.files.front().status.size;
+            std::vector<uint32_t> members;
+            for (const auto& file : group.files) members.push_back(byPath.at(file.path));
+            std::sort(members.begin(), members.end(), [&](uint32_t a, uint32_t b) { return files_[a].path < files_[b].path; });
+            for (uint32_t i : members) {
+                across.files.push_back(files_[i]);
+                across.volumes.push_back(volumeNames_[fileVolumes_[i]]);
+                across.freedBytes = std::max(across.freedBytes, AcrossVolumes::freedByRemoving(files_[i]));
+            }
+            fileGroups_.push_back(std::move(across));
+        }
+    }
+
+    // Tree digests of the candidate folders, bottom-up; a file no other file matched gets no
+    // digest, and a folder holding one cannot be identical to anything.
+    void digestFolders() {
+        for (size_t i = folders_.size(); i-- > 0;) {
+            Folder& folder = folders_[i];
+            if (!folder.candidate) continue;
+            std::vector<TreeItem> items;
+            bool matchable = true;
+            std::set<uint32_t> ownFiles;
+            for (const auto& entry : folder.entries) {
+                TreeItem item{entry.kind, entry.name, {}};
+                if (entry.kind == TreeItem::Kind::file) {
+                    item.payload = digests_[entry.index];
+                    if (item.payload.empty()) matchable = false;
+                    const ScannedFile& file = files_[entry.index];
+                    if (ownFiles.insert(entry.index).second) {
+                        folder.bytes += file.status.size;
+                        folder.freed += AcrossVolumes::freedByRemoving(file);
+                    }
+                    folder.fileCount += 1;
+                } else if (entry.kind == TreeItem::Kind::folder) {
+                    const Folder& sub = folders_[entry.index];
+                    item.payload = sub.digest;
+                    if (item.payload.empty()) matchable = false;
+                    folder.bytes += sub.bytes;
+                    folder.freed += sub.freed;
+                    folder.fileCount += sub.fileCount;
+                } else if (entry.kind == TreeItem::Kind::link) {
+                    item.payload = entry.linkTarget;
+                }
+                items.push_back(std::move(item));
+            }
+            if (matchable) folder.digest = treeDigest(std::move(items));
+        }
+        std::map<std::string, std::vector<uint32_t>> byDigest;
+        for (uint32_t i = 0; i < folders_.size(); ++i) {
+            if (!folders_[i].digest.empty()) byDigest[folders_[i].digest].push_back(i);
+        }
+        // A folder whose parent is itself identical to a folder on another volume is reported
+        // with its parent, not again on its own.
+        identical_.assign(folders_.size(), 0);
+        auto& identical = identical_;
+        for (const auto& [digest, members] : byDigest) {
+            if (spansVolumes(members)) {
+                for (uint32_t i : members) identical[i] = 1;
+            }
+        }
+        int64_t smallest = std::max<int64_t>(1, options_.minimumSize);
+        for (auto& [digest, members] : byDigest) {
+            if (!spansVolumes(members)) continue;
+            bool allCovered = std::all_of(members.begin(), members.end(), [&](uint32_t i) {
+                return folders_[i].parent != none && identical[folders_[i].parent];
+            });
+            if (allCovered || folders_[members.front()].bytes < smallest) continue;
+            std::sort(members.begin(), members.end(), [&](uint32_t a, uint32_t b) { return folders_[a].path < folders_[b].path; });
+            AcrossTreeGroup group;
+            group.digest = digest;
+            group.bytes = folders_[members.front()].bytes;
+            group.fileCount = folders_[members.front()].fileCount;
+            for (uint32_t i : members) {
+                group.folders.push_back(folders_[i].path);
+                group.volumes.push_back(volumeNames_[folders_[i].volume]);
+                group.freedBytes = std::max(group.freedBytes, folders_[i].freed);
+            }
+            treeGroups_.push_back(std::move(group));
+        }
+        // Files inside the reported trees are already said; a group is left out when all its
+        // copies are among them.
+        std::vector<std::string> reported;
+        for (const auto& group : treeGroups_) reported.insert(reported.end(), group.folders.begin(), group.folders.end());
+        auto insideReported = [&](const std::string& path) {
+            return std::any_of(reported.begin(), reported.end(), [&](const std::string& folder) {
+                return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
+                       (folder == "/" || path[folder.size()] == '/');
+            });
+        };
+        std::erase_if(fileGroups_, [&](const AcrossFileGroup& group) {
+            return std::all_of(group.files.begin(), group.files.end(),
+                               [&](const ScannedFile& f) { return insideReported(f.path); });
+        });
+    }
+
+    // Every file below a folder by its path relative to it.
+    void filesBelow(uint32_t folder, const std::string& prefix, std::map<std::string, uint32_t>& out) const {
+        for (const auto& entry : folders_[folder].entries) {
+            std::string rel = prefix.empty() ? entry.name : prefix + "/" + entry.name;
+            if (entry.kind == TreeItem::Kind::file) out.emplace(rel, entry.index);
+            if (entry.kind == TreeItem::Kind::folder) filesBelow(entry.index, rel, out);
+        }
+    }
+
+    bool sameFile(uint32_t a, uint32_t b) {
+        const ScannedFile& x = files_[a];
+        const ScannedFile& y = files_[b];
+        if (x.status.size != y.status.size) return false;
+        if (!digests_[a].empty() && !digests_[b].empty()) return digests_[a] == digests_[b];
+        // Too small to have been read for the groups: compared here, byte for byte.
+        try {
+            return sameContent(x.path, y.path);
+        } catch (const SystemError&) {
+            return false;
+        }
+    }
+
+    // Folders of one name on different volumes that hold mostly the same files, with what differs.
+    // Only the top of such a pair is compared: a pair whose parents share a name too is left to them.
+    void nearFolders() {
+        std::map<std::string, std::vector<uint32_t>> byName;
+        for (uint32_t i = 0; i < folders_.size(); ++i) byName[nameOf(folders_[i].path)].push_back(i);
+        auto covered = [&](uint32_t i) {
+            for (uint32_t p = i; p != none; p = folders_[p].parent) {
+                if (identical_[p]) return true;
+            }
+            return false;
+        };
+        for (const auto& [name, members] : byName) {
+            if (members.size() < 2 || members.size() > maxNamesakes) continue;
+            for (size_t x = 0; x < members.size(); ++x) {
+                for (size_t y = x + 1; y < members.size(); ++y) {
+                    uint32_t a = members[x], b = members[y];
+                    const Folder& fa = folders_[a];
+                    const Folder& fb = folders_[b];
+                    if (fa.volume == fb.volume || covered(a) || covered(b)) continue;
+                    if (fa.parent != none && fb.parent != none && folders_[fa.parent].volume != folders_[fb.parent].volume &&
+                        nameOf(folders_[fa.parent].path) == nameOf(folders_[fb.parent].path)) {
+                        continue;
+                    }
+                    comparePair(a, b);
+                }
+            }
+        }
+    }
+
+    void comparePair(uint32_t a, uint32_t b) {
+        std::map<std::string, uint32_t> left, right;
+        filesBelow(a, "", left);
+        filesBelow(b, "", right);
+        AcrossNearGroup near;
+        near.folders = {folders_[a].path, folders_[b].path};
+        for (const auto& [rel, i] : left) {
+            auto it = right.find(rel);
+            if (it == right.end()) {
+                near.onlyInFirst.push_back(rel);
+            } else if (sameFile(i, it->second)) {
+                near.sameFiles += 1;
+                near.sameBytes += files_[i].status.size;
+            } else {
+                near.changed.push_back(rel);
+            }
+        }
+        for (const auto& [rel, i] : right) {
+            if (!left.contains(rel)) near.onlyInSecond.push_back(rel);
+        }
+        int64_t differing = static_cast<int64_t>(near.onlyInFirst.size() + near.onlyInSecond.size() + near.changed.size());
+        // Mostly the same: at least as many files alike as differing, and something differs.
+        if (near.sameFiles == 0 || differing == 0 || near.sameFiles < differing) return;
+        if (near.sameBytes < std::max<int64_t>(1, options_.minimumSize)) return;
+        if (folders_[b].path < folders_[a].path) {
+            std::swap(near.folders[0], near.folders[1]);
+            std::swap(near.onlyInFirst, near.onlyInSecond);
+        }
+        nearGroups_.push_back(std::move(near));
+    }
+
+    bool spansVolumes(const std::vector<uint32_t>& members) const {
+        std::set<uint32_t> volumes;
+        for (uint32_t i : members) volumes.insert(folders_[i].volume);
+        return volumes.size() >= 2;
+    }
+
+    AcrossResult finish() {
+        AcrossResult result;
+        auto byFreed = [](const auto& a, const auto& b, const std::string& pa, const std::string& pb) {
+            return a.freedBytes != b.freedBytes ? a.freedBytes > b.freedBytes : pa < pb;
+        };
+        std::stable_sort(treeGroups_.begin(), treeGroups_.end(), [&](const auto& a, const auto& b) {
+            return byFreed(a, b, a.folders.front(), b.folders.front());
+        });
+        std::stable_sort(fileGroups_.begin(), fileGroups_.end(), [&](const auto& a, const auto& b) {
+            return byFreed(a, b, a.files.front().path, b.files.front().path);
+        });
+        std::stable_sort(nearGroups_.begin(), nearGroups_.end(), [](const auto& a, const auto& b) {
+            return a.sameBytes != b.sameBytes ? a.sameBytes > b.sameBytes : a.folders < b.folders;
+        });
+        result.trees = std::move(treeGroups_);
+        result.nearlyIdentical = std::move(nearGroups_);
+        result.files = std::move(fileGroups_);
+        result.filesSeen = static_cast<int64_t>(files_.size());
+        result.bytesRead = bytesRead_;
+        result.unreadableFolders = std::move(unreadable_);
+        result.cancelled = cancelled();
+        return result;
+    }
+
+    const AcrossOptions& options_;
+    // What went to the Trash is no copy to find again.
+    const std::string homeTrash_ = platform::homeTrashFolder();
+    const ProgressCallback& progress_;
+    const CancelCallback& isCancelled_;
+    std::atomic<bool> cancelled_{false};
+    std::vector<ScannedFile> files_;
+    std::vector<uint32_t> fileVolumes_;
+    std::vector<std::string> digests_;
+    std::vector<Folder> folders_;
+    std::set<uint32_t> inTree_;
+    std::unordered_map<uint64_t, uint32_t> deviceVolumes_;
+    std::vector<std::string> volumeNames_;
+    std::vector<std::string> unreadable_;
+    std::vector<AcrossFileGroup> fileGroups_;
+    std::vector<AcrossTreeGroup> treeGroups_;
+    std::vector<AcrossNearGroup> nearGroups_;
+    std::vector<char> identical_;  // per folder: identical to a folder on another volume
+    // A name worn by more folders than this (".git", "src") would make too many pairs to compare.
+    static constexpr size_t maxNamesakes = 8;
+    int64_t bytesRead_ = 0;
+};
+
+}  // namespace
+
+namespace AcrossVolumes {
+
+AcrossResult find(const std::vector<std::string>& roots, const AcrossOptions& options,
+                  const ProgressCallback& progress, const CancelCallback& isCancelled) {
+    return Search(options, progress, isCancelled).run(roots);
+}
+
+int64_t freedByRemoving(const ScannedFile& file) {
+    if (file.status.links > 1) return 0;
+    if (file.clones && !file.clones->inlineData) return file.clones->privateSize;
+    return file.status.size;
+}
+
+std::string volumeOf(const std::string& path, uint64_t device) {
+    if (auto id = platform::volumeIdentifier(path, false)) return *id;
+    return "device " + std::to_string(device);
+}
+
+}  // namespace AcrossVolumes
+
+void to_json(nlohmann::json& j, const AcrossFileGroup& g) {
+    j = {{"digest", g.digest}, {"size", g.size}, {"freedBytes", g.freedBytes}, {"volumes", g.volumes}};
+    j["files"] = nlohmann::json::array();
+    for (const auto& f : g.files) j["files"].push_back(f.path);
+}
+
+void to_json(nlohmann::json& j, const AcrossTreeGroup& g) {
+    j = {{"digest", g.digest},       {"bytes", g.bytes},     {"fileCount", g.fileCount},
+         {"freedBytes", g.freedBytes}, {"folders", g.folders}, {"volumes", g.volumes}};
+}
+
+void to_json(nlohmann::json& j, const AcrossNearGroup& g) {
+    j = {{"folders", g.folders},         {"sameFiles", g.sameFiles}, {"sameBytes", g.sameBytes},
+         {"onlyInFirst", g.onlyInFirst}, {"onlyInSecond", g.onlyInSecond}, {"changed", g.changed}};
+}
+
+void to_json(nlohmann::json& j, const AcrossResult& r) {
+    j = {{"trees", r.trees},         {"files", r.files}, {"nearlyIdentical", r.nearlyIdentical},
+         {"filesSeen", r.filesSeen}, {"bytesRead", r.bytesRead},
+         {"unreadableFolders", r.unreadableFolders}, {"cancelled", r.cancelled}};
+}
+
+}  // namespace dedup

@@ -1,0 +1,280 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include <nlohmann/json.hpp>
+
+#include "across_volumes.h"
+#include "core/volumes.h"
+#include "hash_cache.h"
+#include "hasher.h"
+#include "journal.h"
+#include "path_names.h"
+#include "support/test_files.h"
+#include "trash_mover.h"
+
+namespace dedup {
+namespace {
+
+namespace fs = std::filesystem;
+using test::LoopVolume;
+
+// A folder on a Btrfs and one on an XFS: two disks, as the search sees them.
+struct TwoDisks {
+    std::string left, right;
+    LoopVolume* leftVolume = nullptr;
+    LoopVolume* rightVolume = nullptr;
+};
+
+TwoDisks twoDisks(const std::string& name) {
+    TwoDisks disks;
+    disks.leftVolume = test::sharedVolume(LoopVolume::Kind::btrfs);
+    disks.rightVolume = test::sharedVolume(LoopVolume::Kind::xfs);
+    disks.left = test::freshFolder(disks.leftVolume, name);
+    disks.right = test::freshFolder(disks.rightVolume, name);
+    return disks;
+}
+
+// A small photo library with everything a tree can hold: nested folders, an empty file, an empty
+// folder and a symbolic link.
+void makeLibrary(const std::string& top) {
+    test::writeRandomFile(top + "/2024/beach.jpg", 300000, 1);
+    test::writeRandomFile(top + "/2024/trip/hill.jpg", 70000, 2);
+    test::writeFile(top + "/2024/trip/notes.txt", "hill at dawn");
+    test::writeFile(top + "/empty.txt", "");
+    fs::create_directories(top + "/to-sort");
+    fs::create_symlink("2024/beach.jpg", top + "/cover.jpg");
+}
+
+AcrossResult search(const std::vector<std::string>& roots, bool folders, HashCache* cache = nullptr) {
+    AcrossOptions options;
+    options.folders = folders;
+    options.cache = cache;
+    return AcrossVolumes::find(roots, options, nullptr, [] { return false; });
+}
+
+bool reportsTree(const AcrossResult& result, const std::string& a, const std::string& b) {
+    for (const auto& tree : result.trees) {
+        auto has = [&](const std::string& p) { return std::find(tree.folders.begin(), tree.folders.end(), p) != tree.folders.end(); };
+        if (has(a) && has(b)) return true;
+    }
+    return false;
+}
+
+#define REQUIRE_TWO_DISKS()                            \
+    do {                                               \
+        DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::btrfs); \
+        DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::xfs);   \
+    } while (0)
+
+TEST(AcrossVolumesTest, IdenticalTreeIsReportedOnceNotAgainAsItsSubfoldersOrFiles) {
+    REQUIRE_TWO_DISKS();
+    auto disks = twoDisks("across-tree");
+    makeLibrary(disks.left + "/Photos");
+    makeLibrary(disks.right + "/Backup/Photos");
+    test::writeRandomFile(disks.left + "/only-here.bin", 5000, 3);
+    // The same file twice on one disk and nowhere else: the scan's business, not this search's.
+    test::writeRandomFile(disks.left + "/a.bin", 9000, 4);
+    test::writeRandomFile(disks.left + "/b.bin", 9000, 4);
+    // A loose file copied to both disks.
+    test::writeRandomFile(disks.left + "/movie.mkv", 900000, 5);
+    test::writeRandomFile(disks.right + "/movie.mkv", 900000, 5);
+
+    // A copy already in the home Trash is no copy to find again.
+    std::string data = disks.left + "/home/.local/share";
+    test::writeRandomFile(data + "/Trash/files/movie.mkv", 900000, 5);
+    std::string saved = std::getenv("XDG_DATA_HOME") ? std::getenv("XDG_DATA_HOME") : "";
+    ::setenv("XDG_DATA_HOME", data.c_str(), 1);
+    auto result = search({disks.left, disks.right}, true);
+    if (saved.empty()) {
+        ::unsetenv("XDG_DATA_HOME");
+    } else {
+        ::setenv("XDG_DATA_HOME", saved.c_str(), 1);
+    }
+    ASSERT_EQ(result.trees.size(), 1u);
+    const auto& tree = result.trees.front();
+    EXPECT_EQ(tree.folders, (std::vector<std::string>{disks.left + "/Photos", disks.right + "/Backup/Photos"}));
+    EXPECT_NE(tree.volumes[0], tree.volumes[1]);
+    EXPECT_EQ(tree.bytes, 300000 + 70000 + 12);
+    EXPECT_EQ(tree.fileCount, 4);
+
+    // Only the loose copy is left to say, and it frees more than the tree, so it comes first.
+    ASSERT_EQ(result.files.size(), 1u);
+    EXPECT_EQ(result.files[0].files.size(), 2u);
+    EXPECT_EQ(result.files[0].files[0].path, disks.left + "/movie.mkv");
+    EXPECT_EQ(result.files[0].size, 900000);
+
+    // Without --folders the photos are files like any other, ordered by what they free.
+    auto files = search({disks.left, disks.right}, false);
+    EXPECT_TRUE(files.trees.empty());
+    ASSERT_EQ(files.files.size(), 4u);
+    EXPECT_EQ(files.files[0].size, 900000);
+    EXPECT_EQ(files.files[1].size, 300000);
+    EXPECT_EQ(files.files[3].size, 12);
+    EXPECT_GE(files.files[0].freedBytes, files.files[1].freedBytes);
+}
+
+TEST(AcrossVolumesTest, TreeDiffersByOneByteOneEntryOrOneNameOrLinkTargetAndSaysWhat) {
+    REQUIRE_TWO_DISKS();
+    using Change = std::function<void(const std::string&)>;
+    std::vector<std::pair<std::string, Change>> changes = {
+        {"one byte", [](const std::string& t) { test::writeFile(t + "/2024/trip/notes.txt", "hill at dusk"); }},
+        {"extra empty file", [](const std::string& t) { test::writeFile(t + "/2024/new.txt", ""); }},
+        {"extra empty folder", [](const std::string& t) { fs::create_directories(t + "/2024/trip/more"); }},
+        {"renamed file", [](const std::string& t) { fs::rename(t + "/2024/beach.jpg", t + "/2024/Beach.jpg"); }},
+        {"file for folder", [](const std::string& t) {
+             fs::remove(t + "/to-sort");
+             test::writeFile(t + "/to-sort", "");
+         }},
+        {"link target", [](const std::string& t) {
+             fs::remove(t + "/cover.jpg");
+             fs::create_symlink("2024/trip/hill.jpg", t + "/cover.jpg");
+         }},
+    };
+    for (const auto& [what, apply] : changes) {
+        SCOPED_TRACE(what);
+        auto disks = twoDisks("across-near");
+        makeLibrary(disks.left + "/Photos");
+        makeLibrary(disks.right + "/Photos");
+        apply(disks.right + "/Photos");
+        auto result = search({disks.left, disks.right}, true);
+        EXPECT_FALSE(reportsTree(result, disks.left + "/Photos", disks.right + "/Photos"));
+        if (what == "one byte" || what == "extra empty file" || what == "renamed file") {
+            // Mostly the same: said as nearly identical, with what differs.
+            ASSERT_EQ(result.nearlyIdentical.size(), 1u);
+            const auto& near = result.nearlyIdentical.front();
+            EXPECT_EQ(near.folders, (std::vector<std::string>{disks.left + "/Photos", disks.right + "/Photos"}));
+            using Paths = std::vector<std::string>;
+            if (what == "one byte") {
+                EXPECT_EQ(near.changed, Paths{"2024/trip/notes.txt"});
+            }
+            if (what == "extra empty file") {
+                EXPECT_EQ(near.onlyInSecond, Paths{"2024/new.txt"});
+            }
+            if (what == "renamed file") {
+                EXPECT_EQ(near.onlyInFirst, Paths{"2024/beach.jpg"});
+                EXPECT_EQ(near.onlyInSecond, Paths{"2024/Beach.jpg"});
+            }
+        }
+    }
+    // Identical trees are not nearly identical too.
+    auto disks = twoDisks("across-near");
+    makeLibrary(disks.left + "/Photos");
+    makeLibrary(disks.right + "/Photos");
+    test::writeFile(disks.left + "/elsewhere.txt", "only here");
+    auto same = search({disks.left, disks.right}, true);
+    EXPECT_TRUE(reportsTree(same, disks.left + "/Photos", disks.right + "/Photos"));
+    EXPECT_TRUE(same.nearlyIdentical.empty()) << nlohmann::json(same).dump();
+}
+
+TEST(AcrossVolumesTest, SecondSearchOfUnchangedTreesReadsNoContent) {
+    REQUIRE_TWO_DISKS();
+    auto disks = twoDisks("across-cache");
+    makeLibrary(disks.left + "/Photos");
+    makeLibrary(disks.right + "/Photos");
+    test::TempDir cacheFolder;
+    HashCache cache(cacheFolder.path("hashes.sqlite"));
+    auto first = search({disks.left, disks.right}, true, &cache);
+    EXPECT_GT(first.bytesRead, 0);
+    auto second = search({disks.left, disks.right}, true, &cache);
+    EXPECT_EQ(second.bytesRead, 0);
+    EXPECT_EQ(second.trees, first.trees);
+    EXPECT_EQ(second.trees.size(), 1u);
+}
+
+class TrashMoverTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        REQUIRE_TWO_DISKS();
+        disks = twoDisks("across-trash");
+        journal = std::make_unique<Journal>(journalFolder.path("journal.jsonl"));
+    }
+    std::string trashFiles(LoopVolume* volume) const { return volume->mountPoint() + "/.Trash-" + std::to_string(::geteuid()) + "/files"; }
+
+    TwoDisks disks;
+    test::TempDir journalFolder;
+    std::unique_ptr<Journal> journal;
+};
+
+TEST_F(TrashMoverTest, CopyGoesToItsOwnDisksTrashIsJournalledAndComesBack) {
+    test::writeRandomFile(disks.left + "/movie.mkv", 500000, 7);
+    test::writeRandomFile(disks.right + "/movie.mkv", 500000, 7);
+    makeLibrary(disks.left + "/Photos");
+    makeLibrary(disks.right + "/Photos");
+
+    auto file = TrashMover::moveCopy(disks.right + "/movie.mkv", disks.left + "/movie.mkv", *journal);
+    ASSERT_EQ(file.result, TrashOutcome::Result::moved) << file.reason;
+    EXPECT_FALSE(fs::exists(disks.right + "/movie.mkv"));
+    EXPECT_TRUE(fs::exists(disks.left + "/movie.mkv"));
+    EXPECT_EQ(parentOf(file.location), trashFiles(disks.rightVolume));
+    EXPECT_EQ(test::readFile(file.location), test::randomBytes(500000, 7));
+
+    auto tree = TrashMover::moveCopy(disks.left + "/Photos", disks.right + "/Photos", *journal);
+    ASSERT_EQ(tree.result, TrashOutcome::Result::moved) << tree.reason;
+    EXPECT_EQ(parentOf(tree.location), trashFiles(disks.leftVolume));
+    EXPECT_TRUE(fs::is_symlink(tree.location + "/cover.jpg"));
+
+    auto entries = journal->entries();
+    ASSERT_EQ(entries.size(), 4u);
+    const auto& moved = entries[1];
+    EXPECT_EQ(moved.event, JournalEntry::Event::trashed);
+    EXPECT_EQ(moved.id, entries[0].id);
+    EXPECT_EQ(moved.target, disks.right + "/movie.mkv");
+    EXPECT_EQ(moved.source, disks.left + "/movie.mkv");
+    EXPECT_EQ(moved.detail, file.location);
+    EXPECT_EQ(moved.digest, digestText(ContentHash::sha256(disks.left + "/movie.mkv", ContentHash::fullLimit)));
+    EXPECT_TRUE(journal->interrupted().empty());
+
+    auto back = TrashMover::restore(*journal, disks.right + "/movie.mkv");
+    ASSERT_TRUE(back.restored) << back.reason;
+    EXPECT_EQ(test::readFile(disks.right + "/movie.mkv"), test::randomBytes(500000, 7));
+    EXPECT_FALSE(fs::exists(file.location));
+    EXPECT_FALSE(TrashMover::restore(*journal, disks.right + "/movie.mkv").restored);
+
+    // Something new at the old place is never overwritten: the tree stays in the Trash.
+    test::writeFile(disks.left + "/Photos", "new");
+    auto blocked = TrashMover::restore(*journal, tree.journalId);
+    EXPECT_FALSE(blocked.restored);
+    EXPECT_NE(blocked.reason.find("something else"), std::string::npos) << blocked.reason;
+    EXPECT_TRUE(fs::exists(tree.location + "/2024/beach.jpg"));
+}
+
+TEST_F(TrashMoverTest, ChangedCopiesAndUnsafePairsStayWhereTheyAre) {
+    test::writeRandomFile(disks.left + "/a.bin", 200000, 8);
+    test::writeRandomFile(disks.right + "/a.bin", 200000, 8);
+    // A program saved over the copy after the search found it.
+    std::string changed = test::randomBytes(200000, 8);
+    changed[150000] ^= 1;
+    test::writeFile(disks.right + "/a.bin", changed);
+    auto outcome = TrashMover::moveCopy(disks.right + "/a.bin", disks.left + "/a.bin", *journal);
+    EXPECT_EQ(outcome.result, TrashOutcome::Result::changed);
+    ASSERT_EQ(outcome.changes.size(), 1u);
+    EXPECT_NE(outcome.changes[0].find("byte"), std::string::npos) << outcome.changes[0];
+
+    makeLibrary(disks.left + "/Photos");
+    makeLibrary(disks.right + "/Photos");
+    test::writeFile(disks.right + "/Photos/2024/added.txt", "");
+    fs::remove(disks.right + "/Photos/empty.txt");
+    auto tree = TrashMover::moveCopy(disks.right + "/Photos", disks.left + "/Photos", *journal);
+    EXPECT_EQ(tree.result, TrashOutcome::Result::changed);
+    EXPECT_EQ(tree.changes.size(), 2u);
+
+    // One copy inside the other, a link standing for a copy, or one file under two names.
+    fs::create_symlink(disks.left + "/Photos", disks.right + "/link");
+    EXPECT_EQ(TrashMover::moveCopy(disks.left + "/Photos/2024", disks.left + "/Photos", *journal).result,
+              TrashOutcome::Result::refused);
+    EXPECT_EQ(TrashMover::moveCopy(disks.right + "/link", disks.left + "/Photos", *journal).result,
+              TrashOutcome::Result::refused);
+    fs::create_hard_link(disks.left + "/a.bin", disks.left + "/a-too.bin");
+    EXPECT_EQ(TrashMover::moveCopy(disks.left + "/a-too.bin", disks.left + "/a.bin", *journal).result,
+              TrashOutcome::Result::refused);
+
+    EXPECT_TRUE(fs::exists(disks.right + "/a.bin"));
+    EXPECT_TRUE(fs::exists(disks.right + "/Photos/2024/beach.jpg"));
+    EXPECT_TRUE(fs::exists(disks.left + "/Photos/2024"));
+    EXPECT_TRUE(journal->entries().empty());
+}
+
+}  // namespace
+}  // namespace dedup
