@@ -6,7 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "dedup_command.h"
+#include "cli/command_helpers.h"
 #include "core/volumes.h"
 #include "journal.h"
 #include "path_text.h"

@@ -26,7 +26,7 @@ std::optional<struct stat> statOf(const std::string& path) {
 }
 
 // The top of the mount that holds `path`: the highest folder above it on the same device, as the
-// Trash specification places a disk's Trash.
+// freedesktop.org Trash places a disk's Trash.
 std::string topFolderOf(const std::string& path, dev_t device) {
     std::string folder = parentOf(path);
     while (folder != "/") {
