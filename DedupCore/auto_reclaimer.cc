@@ -413,7 +413,12 @@ void AutoReclaimer::tick() {
         // Hard links to one file are one file: cloning it onto itself frees nothing.
         if (seen.insert({status.device, status.inode}).second && (full || keys.contains(keyOf(it->second)))) {
             ScannedFile candidate = it->second;
-            candidate.path = it->first;
+            // The engine is handed where the file really is, as a manual reclaim is: it reaches a
+            // file only through folders it opens without following links, so a root named through
+            // a link it may not trust (another user's, when run as root) would stop every
+            // replacement, and following such a link again now would let its owner point it
+            // elsewhere between the index and the replacement.
+            candidate.path = watchedSpelling(it->first);
             bySize[keyOf(candidate)].push_back(std::move(candidate));
         }
         ++it;
