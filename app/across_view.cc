@@ -13,8 +13,10 @@ AcrossView::AcrossView(QWidget* parent) : QWidget(parent) {
     title->setFont(font);
     auto* text = new QLabel(tr("Copies on two different disks cannot share their blocks, so the space they take can "
                                "only come back by moving one copy to the Trash after the other has been checked "
-                               "again. That search is not part of this version yet: Scan & Reclaim works within "
-                               "each disk."),
+                               "again. In this version the search runs from the command line: \"dedup across FOLDER...\" "
+                               "lists identical files and folders on different disks, and \"dedup trash PATH --keep "
+                               "OTHER\" moves one copy to its disk's Trash after checking both. This screen will "
+                               "list them too."),
                             this);
     text->setWordWrap(true);
     text->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Maximum);
