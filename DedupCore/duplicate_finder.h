@@ -54,6 +54,9 @@ struct DuplicateFinder {
     ScanOptions options;
     HashCache* cache = nullptr;  // optional; not owned
     int threads = 0;             // readers at once; 0: by the disk (see workersFor in parallel.h)
+    // Read every extent map again rather than trust what the cache kept of a file's blocks: puts
+    // right a report misled by blocks another tool shared or unshared since they were read.
+    bool fullCheck = false;
 
     struct Grouping {
         std::vector<DuplicateGroup> groups;

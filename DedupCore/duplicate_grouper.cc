@@ -7,6 +7,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "hash_cache.h"
 #include "hasher.h"
 #include "locked.h"
 #include "parallel.h"
@@ -138,6 +139,7 @@ private:
 
     // The extent map is read only for files whose size and prefix another file shares: most files
     // of a common size differ in their first bytes, and a digest from the cache costs no reading.
+    // What the cache kept of an unchanged file's blocks spares opening it at all.
     void readCloneFacts(const std::vector<Candidate>& candidates) {
         std::vector<size_t> missing;
         for (const auto& candidate : candidates) {
@@ -147,15 +149,40 @@ private:
                 }
             }
         }
+        HashCache* cache = finder_.cache;
+        // Taken before any map is read: a reclaim that shares blocks meanwhile moves the stamp, and
+        // what is read now is kept under the old one, so it is read again next time.
+        const int64_t stamp = cache ? cache->replacementStamp() : 0;
+        if (cache && !finder_.fullCheck) {
+            std::vector<const ScannedFile*> asked;
+            asked.reserve(missing.size());
+            for (size_t i : missing) asked.push_back(&file(i));
+            auto known = cache->blocks(asked, stamp);
+            std::vector<size_t> unknown;
+            for (size_t k = 0; k < missing.size(); ++k) {
+                if (known[k]) {
+                    pool_[missing[k]].clones = std::move(known[k]->clones);
+                } else {
+                    unknown.push_back(missing[k]);
+                }
+            }
+            missing = std::move(unknown);
+        }
+        std::vector<char> read(missing.size(), 0);
         parallelFor(missing.size(), workersFor(finder_.threads, false), [&](size_t k) {
             if (cancelled()) return;
             Member& member = pool_[missing[k]];
             try {
                 member.clones = CloneInfo::read(file(missing[k]).path);
+                read[k] = 1;
             } catch (const std::exception&) {
                 // Unknown sharing: the file stands on its own and counts its whole size.
             }
         });
+        if (!cache) return;
+        for (size_t k = 0; k < missing.size(); ++k) {
+            if (read[k]) cache->storeBlocks(file(missing[k]), HashCache::Blocks{pool_[missing[k]].clones}, stamp);
+        }
     }
 
     // Makes units of `files` (members of `bucket`): files that share all their blocks form one, in

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "platform/system.h"
+#include "scan_options.h"
 
 namespace dedup {
 
@@ -20,7 +21,8 @@ constexpr int writesSkippedWhenLocked = 2048;
 
 const char* columnName(HashCache::Kind kind) { return kind == HashCache::Kind::partial ? "partial" : "full"; }
 
-HashCache::HashCache(const std::string& path) {
+HashCache::HashCache(const std::string& path, std::string journal)
+    : journal_(journal.empty() ? Locations::journal() : std::move(journal)) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     // Every use of the connection holds lock_, so SQLite's own lock around each call, a dozen of
     // them per record read, would only be paid for twice.
@@ -39,6 +41,26 @@ HashCache::HashCache(const std::string& path) {
     }
     // A lost transaction costs only a re-read; an fsync per commit would cost far more.
     sqlite3_exec(db_, "PRAGMA synchronous = NORMAL;", nullptr, nullptr, nullptr);
+    addMissingColumns();
+}
+
+// A database made before the facts of blocks were kept gets their columns; its records have none
+// yet, which reads as "not known".
+void HashCache::addMissingColumns() {
+    std::vector<std::string> present;
+    sqlite3_stmt* info = nullptr;
+    if (sqlite3_prepare_v2(db_, "PRAGMA table_info(hashes)", -1, &info, nullptr) == SQLITE_OK) {
+        while (sqlite3_step(info) == SQLITE_ROW) {
+            if (const auto* name = sqlite3_column_text(info, 1)) present.emplace_back(reinterpret_cast<const char*>(name));
+        }
+    }
+    sqlite3_finalize(info);
+    for (const char* column : {"blocks_stamp", "clone_kind", "private_size", "clone_id", "clone_refs"}) {
+        if (std::find(present.begin(), present.end(), column) != present.end()) continue;
+        std::string sql = std::string("ALTER TABLE hashes ADD COLUMN ") + column + " INTEGER";
+        // Another process may add it at the same moment; what matters is that it is there.
+        sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr);
+    }
 }
 
 HashCache::~HashCache() {
@@ -182,6 +204,45 @@ std::optional<std::string> HashCache::digest(Kind kind, const ScannedFile& file)
     return lookUp(*volume, kind, file.status);
 }
 
+template <typename Found>
+void HashCache::eachRecord(const std::string& volume, const std::vector<int64_t>& inodes, const std::string& columns,
+                           Found found) {
+    size_t next = 0;
+    sqlite3_stmt* pass = nullptr;
+    if (inodes.size() >= filesForOnePass) {
+        pass = prepared("SELECT inode, " + columns + " FROM hashes WHERE volume = ? AND inode BETWEEN ? AND ? ORDER BY inode");
+    }
+    if (pass) {
+        sqlite3_bind_text(pass, 1, volume.c_str(), static_cast<int>(volume.size()), SQLITE_STATIC);
+        sqlite3_bind_int64(pass, 2, inodes.front());
+        sqlite3_bind_int64(pass, 3, inodes.back());
+        // Records of files not asked about cost a step each; past a few times the files asked,
+        // searching for the rest one by one is cheaper.
+        size_t budget = 4 * inodes.size() + 1024;
+        bool exhausted = false;
+        for (size_t rows = 0; next < inodes.size() && rows < budget; ++rows) {
+            if (sqlite3_step(pass) != SQLITE_ROW) {
+                exhausted = true;
+                break;
+            }
+            int64_t recorded = sqlite3_column_int64(pass, 0);
+            while (next < inodes.size() && inodes[next] < recorded) ++next;
+            for (; next < inodes.size() && inodes[next] == recorded; ++next) found(next, pass);
+        }
+        sqlite3_reset(pass);
+        // The pass saw every record in the range: the files not met have none.
+        if (exhausted) return;
+    }
+    sqlite3_stmt* one = prepared("SELECT inode, " + columns + " FROM hashes WHERE volume = ? AND inode = ?");
+    if (!one) return;
+    for (; next < inodes.size(); ++next) {
+        sqlite3_bind_text(one, 1, volume.c_str(), static_cast<int>(volume.size()), SQLITE_STATIC);
+        sqlite3_bind_int64(one, 2, inodes[next]);
+        if (sqlite3_step(one) == SQLITE_ROW) found(next, one);
+        sqlite3_reset(one);
+    }
+}
+
 std::vector<std::optional<std::string>> HashCache::digests(const std::vector<Lookup>& lookups) {
     std::vector<std::optional<std::string>> result(lookups.size());
     std::lock_guard guard(lock_);
@@ -196,40 +257,159 @@ std::vector<std::optional<std::string>> HashCache::digests(const std::vector<Loo
     auto inode = [&](size_t i) { return static_cast<int64_t>(lookups[i].file->status.inode); };
     for (auto& [volume, asked] : byVolume) {
         std::stable_sort(asked.begin(), asked.end(), [&](size_t a, size_t b) { return inode(a) < inode(b); });
-        size_t next = 0;
-        static const std::string sql = std::string("SELECT inode, ") + recordColumns +
-                                       " FROM hashes WHERE volume = ? AND inode BETWEEN ? AND ? ORDER BY inode";
-        sqlite3_stmt* pass = asked.size() >= filesForOnePass ? prepared(sql) : nullptr;
-        if (pass) {
-            sqlite3_bind_text(pass, 1, volume.c_str(), static_cast<int>(volume.size()), SQLITE_STATIC);
-            sqlite3_bind_int64(pass, 2, inode(asked.front()));
-            sqlite3_bind_int64(pass, 3, inode(asked.back()));
-            // Records of files not asked about cost a step each; past a few times the files asked,
-            // searching for the rest one by one is cheaper.
-            size_t budget = 4 * asked.size() + 1024;
-            bool exhausted = false;
-            for (size_t rows = 0; next < asked.size() && rows < budget; ++rows) {
-                if (sqlite3_step(pass) != SQLITE_ROW) {
-                    exhausted = true;
-                    break;
-                }
-                int64_t recorded = sqlite3_column_int64(pass, 0);
-                while (next < asked.size() && inode(asked[next]) < recorded) ++next;
-                for (; next < asked.size() && inode(asked[next]) == recorded; ++next) {
-                    const Lookup& lookup = lookups[asked[next]];
-                    result[asked[next]] = digestOfRow(pass, 1, lookup.kind, lookup.file->status);
-                }
-            }
-            sqlite3_reset(pass);
-            // The pass saw every record in the range: the files not met have none.
-            if (exhausted) next = asked.size();
-        }
-        for (; next < asked.size(); ++next) {
-            const Lookup& lookup = lookups[asked[next]];
-            result[asked[next]] = lookUp(volume, lookup.kind, lookup.file->status);
-        }
+        std::vector<int64_t> inodes;
+        inodes.reserve(asked.size());
+        for (size_t i : asked) inodes.push_back(inode(i));
+        eachRecord(volume, inodes, recordColumns, [&](size_t k, sqlite3_stmt* row) {
+            const Lookup& lookup = lookups[asked[k]];
+            result[asked[k]] = digestOfRow(row, 1, lookup.kind, lookup.file->status);
+        });
     }
     return result;
+}
+
+namespace {
+
+// clone_kind: 0, the file system could not tell; otherwise bit 0 set, and the two flags above it.
+constexpr int64_t cloneKnown = 1, cloneInline = 2, cloneNoBlocks = 4;
+constexpr const char* blockColumns =
+    "size, mtime, mtime_ns, ctime, ctime_ns, blocks_stamp, clone_kind, private_size, clone_id, clone_refs";
+
+bool sameVersion(sqlite3_stmt* row, int first, const FileStatus& s) {
+    const int64_t expected[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
+                                 s.changed.nanoseconds};
+    for (int i = 0; i < 5; ++i) {
+        if (sqlite3_column_type(row, first + i) != SQLITE_INTEGER || sqlite3_column_int64(row, first + i) != expected[i]) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+int64_t HashCache::replacementStamp() const {
+    // Every write to the journal moves its size or its change time; a journal made anew gets
+    // another inode. No journal at all is a stamp of its own.
+    try {
+        FileStatus journal = FileStatus::read(journal_);
+        uint64_t mixed = journal.inode * 0x9E3779B97F4A7C15ull;
+        for (int64_t part : {journal.size, journal.changed.seconds, journal.changed.nanoseconds,
+                             journal.modified.seconds, journal.modified.nanoseconds}) {
+            mixed = (mixed ^ static_cast<uint64_t>(part)) * 0xBF58476D1CE4E5B9ull;
+            mixed ^= mixed >> 29;
+        }
+        return static_cast<int64_t>(mixed | 1);
+    } catch (const SystemError&) {
+        return 0;
+    }
+}
+
+std::vector<std::optional<HashCache::Blocks>> HashCache::blocks(const std::vector<const ScannedFile*>& files,
+                                                                int64_t stamp) {
+    std::vector<std::optional<Blocks>> result(files.size());
+    std::lock_guard guard(lock_);
+    std::map<std::string, std::vector<size_t>> byVolume;
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (auto volume = volumeOf(files[i]->status.device, files[i]->path)) byVolume[*volume].push_back(i);
+    }
+    if (byVolume.empty()) return result;
+    begin();
+    counted();
+    auto inode = [&](size_t i) { return static_cast<int64_t>(files[i]->status.inode); };
+    for (auto& [volume, asked] : byVolume) {
+        std::stable_sort(asked.begin(), asked.end(), [&](size_t a, size_t b) { return inode(a) < inode(b); });
+        std::vector<int64_t> inodes;
+        inodes.reserve(asked.size());
+        for (size_t i : asked) inodes.push_back(inode(i));
+        eachRecord(volume, inodes, blockColumns, [&](size_t k, sqlite3_stmt* row) {
+            if (!sameVersion(row, 1, files[asked[k]]->status)) return;
+            if (sqlite3_column_type(row, 6) != SQLITE_INTEGER || sqlite3_column_int64(row, 6) != stamp) return;
+            if (sqlite3_column_type(row, 7) != SQLITE_INTEGER) return;
+            int64_t kind = sqlite3_column_int64(row, 7);
+            Blocks known;
+            if (kind & cloneKnown) {
+                CloneInfo clones;
+                clones.privateSize = sqlite3_column_int64(row, 8);
+                clones.cloneID = static_cast<uint64_t>(sqlite3_column_int64(row, 9));
+                clones.references = static_cast<uint32_t>(sqlite3_column_int64(row, 10));
+                clones.inlineData = (kind & cloneInline) != 0;
+                clones.noBlocks = (kind & cloneNoBlocks) != 0;
+                known.clones = clones;
+            }
+            result[asked[k]] = std::move(known);
+        });
+    }
+    return result;
+}
+
+void HashCache::storeBlocks(const ScannedFile& file, const Blocks& blocks, int64_t stamp) {
+    std::lock_guard guard(lock_);
+    if (skipWrites_ > 0) {
+        --skipWrites_;
+        return;
+    }
+    auto volume = volumeOf(file.status.device, file.path);
+    if (!volume) return;
+    begin();
+    // Digests of an older version of the file go with it, as in store().
+    static const std::string sameAsStored =
+        "size = excluded.size AND mtime = excluded.mtime AND mtime_ns = excluded.mtime_ns AND "
+        "ctime = excluded.ctime AND ctime_ns = excluded.ctime_ns";
+    static const std::string sql =
+        "INSERT INTO hashes (volume, inode, path, size, mtime, mtime_ns, ctime, ctime_ns, blocks_stamp, clone_kind, "
+        "private_size, clone_id, clone_refs) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) "
+        "ON CONFLICT (volume, inode) DO UPDATE SET partial = CASE WHEN " + sameAsStored + " THEN partial END, "
+        "full = CASE WHEN " + sameAsStored + " THEN full END, path = excluded.path, size = excluded.size, "
+        "mtime = excluded.mtime, mtime_ns = excluded.mtime_ns, ctime = excluded.ctime, ctime_ns = excluded.ctime_ns, "
+        "blocks_stamp = excluded.blocks_stamp, clone_kind = excluded.clone_kind, private_size = excluded.private_size, "
+        "clone_id = excluded.clone_id, clone_refs = excluded.clone_refs";
+    sqlite3_stmt* statement = prepared(sql);
+    if (!statement) return;
+    const auto& s = file.status;
+    sqlite3_bind_text(statement, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
+    sqlite3_bind_int64(statement, 2, static_cast<int64_t>(s.inode));
+    sqlite3_bind_text(statement, 3, file.path.c_str(), static_cast<int>(file.path.size()), SQLITE_STATIC);
+    const int64_t version[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
+                                s.changed.nanoseconds};
+    for (int i = 0; i < 5; ++i) sqlite3_bind_int64(statement, 4 + i, version[i]);
+    sqlite3_bind_int64(statement, 9, stamp);
+    const auto& c = blocks.clones;
+    int64_t kind = c ? cloneKnown | (c->inlineData ? cloneInline : 0) | (c->noBlocks ? cloneNoBlocks : 0) : 0;
+    sqlite3_bind_int64(statement, 10, kind);
+    sqlite3_bind_int64(statement, 11, c ? c->privateSize : 0);
+    sqlite3_bind_int64(statement, 12, c ? static_cast<int64_t>(c->cloneID) : 0);
+    sqlite3_bind_int64(statement, 13, c ? c->references : 0);
+    lastStep_ = sqlite3_step(statement);
+    sqlite3_reset(statement);
+    if (sqlite3_get_autocommit(db_) && inTransaction_) {
+        inTransaction_ = false;
+        pendingOperations_ = 0;
+    }
+    if ((lastStep_ & 0xFF) == SQLITE_BUSY || (lastStep_ & 0xFF) == SQLITE_LOCKED) {
+        commit();
+        skipWrites_ = writesSkippedWhenLocked;
+        return;
+    }
+    counted();
+}
+
+void HashCache::forgetBlocks(const std::vector<ScannedFile>& files) {
+    std::lock_guard guard(lock_);
+    sqlite3_stmt* statement = prepared("UPDATE hashes SET blocks_stamp = NULL WHERE volume = ? AND inode = ?");
+    if (!statement) return;
+    begin();
+    for (const auto& file : files) {
+        auto volume = volumeOf(file.status.device, file.path);
+        if (!volume) continue;
+        sqlite3_bind_text(statement, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
+        sqlite3_bind_int64(statement, 2, static_cast<int64_t>(file.status.inode));
+        sqlite3_step(statement);
+        sqlite3_reset(statement);
+        counted();
+    }
+    // Forgetting must not wait for a later commit: whoever asked is about to change the blocks.
+    commit();
 }
 
 void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& file) {
@@ -249,7 +429,9 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
         return "INSERT INTO hashes (volume, inode, path, size, mtime, mtime_ns, ctime, ctime_ns, " + own +
                ") VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (volume, inode) DO UPDATE SET " + other +
                " = CASE WHEN size = excluded.size AND mtime = excluded.mtime AND mtime_ns = excluded.mtime_ns AND "
-               "ctime = excluded.ctime AND ctime_ns = excluded.ctime_ns THEN " + other + " END, " + own +
+               "ctime = excluded.ctime AND ctime_ns = excluded.ctime_ns THEN " + other + " END, "
+               "blocks_stamp = CASE WHEN size = excluded.size AND mtime = excluded.mtime AND mtime_ns = excluded.mtime_ns "
+               "AND ctime = excluded.ctime AND ctime_ns = excluded.ctime_ns THEN blocks_stamp END, " + own +
                " = excluded." + own +
                ", path = excluded.path, size = excluded.size, mtime = excluded.mtime, mtime_ns = excluded.mtime_ns, "
                "ctime = excluded.ctime, ctime_ns = excluded.ctime_ns";

@@ -2,6 +2,14 @@
 // and inode, with the size and times it had then. A digest is served only while the file still has
 // exactly that size and those times, so a changed file is always read again.
 //
+// Beside the digests it keeps what the file's extent map said of its blocks, so that a second scan
+// opens no unchanged file. Sharing blocks changes neither size nor times, so these facts are also
+// tied to the replacement stamp of the journal: every reclaim writes to the journal before and
+// after it shares blocks, which moves the stamp and makes every kept fact be read again. Blocks
+// shared behind the engine's back (another tool) are seen by the next full check only; the clone
+// engine compares the bytes again before it changes anything, so stale facts can mislead a report,
+// never a reclaim.
+//
 // Owns one SQLite connection. Every public operation runs entirely under one lock, so the hashing
 // threads may share an instance. Only opening can fail; after that a broken, locked or full
 // database behaves like an empty one and never stops a scan. Lookups and stores are grouped into
@@ -40,11 +48,20 @@ public:
         "    size INTEGER NOT NULL, mtime INTEGER NOT NULL, mtime_ns INTEGER NOT NULL,\n"
         "    ctime INTEGER NOT NULL, ctime_ns INTEGER NOT NULL,\n"
         "    partial TEXT, full TEXT,\n"
+        "    blocks_stamp INTEGER, clone_kind INTEGER, private_size INTEGER, clone_id INTEGER, clone_refs INTEGER,\n"
         "    PRIMARY KEY (volume, inode));";
 
+    // What the extent map said of one version of a file. `clones` absent: the file system could
+    // not tell (no FIEMAP, or no extent at all).
+    struct Blocks {
+        std::optional<CloneInfo> clones;
+        bool operator==(const Blocks&) const = default;
+    };
+
     // Opens or creates the database, making its folder. Throws Error, or std::filesystem's error
-    // when the folder cannot be made.
-    explicit HashCache(const std::string& path);
+    // when the folder cannot be made. `journal` is the reclaims' journal whose changes outdate the
+    // kept facts of blocks (by default the one in Locations).
+    explicit HashCache(const std::string& path, std::string journal = {});
     ~HashCache();
     HashCache(const HashCache&) = delete;
     HashCache& operator=(const HashCache&) = delete;
@@ -64,17 +81,35 @@ public:
     // Commits the writes made so far.
     void flush();
 
+    // A number that changes whenever the journal is written to, i.e. whenever a reclaim may have
+    // shared or unshared blocks. Taken before extent maps are read, and handed to storeBlocks().
+    int64_t replacementStamp() const;
+    // The kept facts of each file's blocks, at the same index; absent where none are kept for this
+    // version of the file or they were read under another stamp.
+    std::vector<std::optional<Blocks>> blocks(const std::vector<const ScannedFile*>& files, int64_t stamp);
+    void storeBlocks(const ScannedFile& file, const Blocks& blocks, int64_t stamp);
+    // Drops the kept facts of these files' blocks: for code that shares or unshares their blocks
+    // without writing to the journal.
+    void forgetBlocks(const std::vector<ScannedFile>& files);
+
 private:
     std::vector<std::vector<Value>> query(const std::string& sql, const std::vector<Value>& parameters);
     // The statement for `sql`, prepared on first use and kept; null when SQLite refuses it.
     sqlite3_stmt* prepared(const std::string& sql);
     std::optional<std::string> lookUp(const std::string& volume, Kind kind, const FileStatus& status);
     std::optional<std::string> volumeOf(uint64_t device, const std::string& path);
+    // Steps through the records of `inodes` (sorted) on one volume, calling found(k, statement)
+    // for the k-th inode's record, whose columns start with the inode and then `columns`.
+    template <typename Found>
+    void eachRecord(const std::string& volume, const std::vector<int64_t>& inodes, const std::string& columns,
+                    Found found);
+    void addMissingColumns();
     void begin();
     void counted();
     void commit();
 
     std::mutex lock_;
+    std::string journal_;
     sqlite3* db_ = nullptr;
     std::unordered_map<std::string, sqlite3_stmt*> statements_;
     std::unordered_map<uint64_t, std::optional<std::string>> volumes_;

@@ -139,6 +139,7 @@ int runAuto(const AutoArguments& arguments) {
         DuplicateFinder finder;
         finder.options = std::move(options);
         finder.threads = arguments.scan.threads;
+        finder.fullCheck = arguments.scan.fullCheck;
         Reclaimer reclaimer;
         reclaimer.engine.journal = journal.get();
         reclaimer.engine.coordinate = arguments.coordinate;

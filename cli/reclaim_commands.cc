@@ -260,6 +260,7 @@ int runReclaim(const ReclaimArguments& arguments) {
     DuplicateFinder finder;
     finder.options = scanOptions(arguments.scan);
     finder.threads = arguments.scan.threads;
+    finder.fullCheck = arguments.scan.fullCheck;
     std::unique_ptr<HashCache> cache;
     if (!arguments.scan.noCache) {
         try {

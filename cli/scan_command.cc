@@ -41,6 +41,8 @@ void addScanOptions(CLI::App& command, ScanArguments& arguments) {
                        "Files read at once (default: one per core on solid-state and virtual disks, one on spinning disks)")
         ->check(CLI::Range(1, 256));
     command.add_flag("--no-cache", arguments.noCache, "Neither use nor fill the digest cache");
+    command.add_flag("--full-check", arguments.fullCheck,
+                     "Read again how every file shares its blocks instead of trusting what the cache kept");
     command.add_flag("--json", arguments.json, "Print the result as JSON for programs");
     command.add_option("ROOT", arguments.roots, "Folders to look in")->required();
 }
@@ -151,6 +153,7 @@ int scanAndReport(const ScanArguments& arguments, std::ostream& out, const Repor
     DuplicateFinder finder;
     finder.options = scanOptions(arguments);
     finder.threads = arguments.threads;
+    finder.fullCheck = arguments.fullCheck;
     std::unique_ptr<HashCache> cache = openDigestCache(arguments.noCache);
     finder.cache = cache.get();
 

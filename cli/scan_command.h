@@ -21,6 +21,7 @@ struct ScanArguments {
     bool includeLibrary = false;
     int threads = 0;
     bool noCache = false;
+    bool fullCheck = false;
     bool json = false;
     std::vector<std::string> roots;
 };

@@ -11,9 +11,11 @@
 #include <atomic>
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 
 #include "hash_cache.h"
 #include "hasher.h"
+#include "platform/clone.h"
 #include "platform/system.h"
 #include "support/test_files.h"
 #include "volumes.h"
@@ -168,6 +170,59 @@ TEST_P(FinderOnVolume, CacheIsReusedInvalidatedAndPruned) {
     // still reads nothing.
     EXPECT_TRUE(scan(root_, &cache, 1 << 20).groups.empty());
     EXPECT_EQ(scan(root_, &cache).bytesRead, 0);
+}
+
+TEST_P(FinderOnVolume, KeptBlocksServeUntilAReclaimIsJournalledAFullCheckOrANewVersion) {
+    const std::string journal = data_.path("journal.jsonl");
+    HashCache cache(database(), journal);
+    auto scanned = [&](bool fullCheck = false) {
+        DuplicateFinder finder;
+        finder.options.minimumSize = 1;
+        finder.cache = &cache;
+        finder.fullCheck = fullCheck;
+        return finder.scan({root_}, nullptr, nullptr);
+    };
+    auto shareInPlace = [&](const std::string& kept, const std::string& copy) {
+        FileStatus before = FileStatus::read(at(copy));
+        auto source = platform::openForReading(at(kept));
+        auto target = platform::openForReading(at(copy));
+        ASSERT_EQ(platform::shareInPlace(source, target, before.size, at(copy)), platform::ShareOutcome::shared);
+        // Sharing changes neither size nor times: only the journal or a full check can tell.
+        ASSERT_TRUE(FileStatus::read(at(copy)).isSameVersion(before));
+    };
+    test::writeRandomFile(at("a"), 300000, 3);
+    test::writeRandomFile(at("b"), 300000, 3);
+    test::writeRandomFile(at("c"), 200000, 4);
+    test::writeRandomFile(at("d"), 200000, 4);
+    ASSERT_EQ(scanned().groups.size(), 2u);
+
+    // Blocks shared behind the engine's back: the kept facts still count the copies apart, so
+    // the report errs on the side of work left to do, until a full check reads the maps again.
+    shareInPlace("a", "b");
+    EXPECT_EQ(scanned().groups.size(), 2u);
+    auto checked = scanned(true);
+    ASSERT_EQ(checked.groups.size(), 1u);
+    EXPECT_EQ(pathsOf(checked.groups[0]), (std::vector<std::string>{at("c"), at("d")}));
+    EXPECT_EQ(scanned().groups.size(), 1u) << "what the full check read is kept";
+
+    // A reclaim writes to the journal around every change: the next scan reads the maps again.
+    shareInPlace("c", "d");
+    std::ofstream(journal, std::ios::app) << "{}\n";
+    EXPECT_TRUE(scanned().groups.empty());
+
+    // A copy saved again with the same bytes and its old date put back holds blocks of its own
+    // once more; only its change time tells, and that is enough for it to be read again.
+    FileStatus old = FileStatus::read(at("b"));
+    test::writeRandomFile(at("b"), 300000, 3);
+    struct timespec times[2] = {{0, UTIME_OMIT}, {old.modified.seconds, old.modified.nanoseconds}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, at("b").c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+    FileStatus now = FileStatus::read(at("b"));
+    ASSERT_EQ(now.modified, old.modified);
+    ASSERT_EQ(now.size, old.size);
+    auto again = scanned();
+    ASSERT_EQ(again.groups.size(), 1u);
+    EXPECT_EQ(pathsOf(again.groups[0]), (std::vector<std::string>{at("a"), at("b")}));
+    EXPECT_EQ(again.groups[0].reclaimableBytes, 300000);
 }
 
 TEST_P(FinderOnVolume, CancelledScanReportsSoAndLeavesTheCacheAlone) {

@@ -1,0 +1,133 @@
+// What the digest cache keeps of a file's blocks: served only for the very version of the file it
+// was read from and only while the journal of reclaims has not moved since.
+#include "hash_cache.h"
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "support/test_files.h"
+#include "volumes.h"
+
+namespace dedup {
+namespace {
+
+class HashCacheBlocksTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+        root_ = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::xfs), "blocks");
+        test::writeFile(root_ + "/real", "content");
+        real_ = {root_ + "/real", FileStatus::read(root_ + "/real"), {}};
+    }
+    std::string journal() const { return data_.path("journal.jsonl"); }
+    // A made-up file of the test's volume: the cache knows files only by volume and inode.
+    ScannedFile madeUp(uint64_t inode) const {
+        ScannedFile f = real_;
+        f.status.inode = inode;
+        return f;
+    }
+    static HashCache::Blocks shared(uint64_t cloneID) {
+        return {CloneInfo{0, cloneID, 2, false, false}};
+    }
+
+    test::TempDir data_;
+    std::string root_;
+    ScannedFile real_;
+};
+
+TEST_F(HashCacheBlocksTest, KeptFactsServeOnlyTheirVersionUnderTheirStamp) {
+    HashCache cache(data_.path("hashes.sqlite"), journal());
+    EXPECT_EQ(cache.replacementStamp(), 0) << "no journal yet";
+    std::ofstream(journal()) << "{}\n";
+    const int64_t stamp = cache.replacementStamp();
+    EXPECT_NE(stamp, 0);
+
+    // Enough files for the lookup in one pass, with every kind of answer among them.
+    std::vector<ScannedFile> files;
+    for (uint64_t i = 0; i < 200; ++i) files.push_back(madeUp(5000 + 3 * i));
+    const HashCache::Blocks privateBlocks{CloneInfo{4096, 77, 1, false, false}};
+    const HashCache::Blocks highID = shared(0xF000000000000001ull);  // above the largest signed integer
+    const HashCache::Blocks unknownToTheDisk{std::nullopt};
+    const HashCache::Blocks inlineData{CloneInfo{0, 9, 0, true, false}};
+    const HashCache::Blocks holes{CloneInfo{0, 0, 0, false, true}};
+    const std::vector<HashCache::Blocks> kinds = {privateBlocks, highID, unknownToTheDisk, inlineData, holes};
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (i % 7 == 6) continue;  // no record
+        cache.storeBlocks(files[i], kinds[i % kinds.size()], stamp);
+    }
+    std::vector<const ScannedFile*> asked;
+    for (const auto& f : files) asked.push_back(&f);
+    auto known = cache.blocks(asked, stamp);
+    ASSERT_EQ(known.size(), files.size());
+    for (size_t i = 0; i < files.size(); ++i) {
+        if (i % 7 == 6) {
+            EXPECT_FALSE(known[i]) << i;
+        } else {
+            ASSERT_TRUE(known[i]) << i;
+            EXPECT_EQ(*known[i], kinds[i % kinds.size()]) << i;
+        }
+    }
+    // A few asked among many records: searched one by one, same answers.
+    EXPECT_EQ(cache.blocks({asked[1], asked[6]}, stamp), (std::vector<std::optional<HashCache::Blocks>>{highID, std::nullopt}));
+
+    // Under another stamp (a reclaim wrote to the journal) nothing is served.
+    std::ofstream(journal(), std::ios::app) << "{}\n";
+    EXPECT_NE(cache.replacementStamp(), stamp);
+    EXPECT_FALSE(cache.blocks({asked[0]}, cache.replacementStamp())[0]);
+
+    // Size and modification time kept but the change time moved (content written, then the date
+    // put back): another version, whose blocks must be read again.
+    ScannedFile rewritten = files[0];
+    rewritten.status.changed.nanoseconds += 1;
+    EXPECT_FALSE(cache.blocks({&rewritten}, stamp)[0]);
+    // A digest of that new version drops the old version's facts; one of the same version keeps them.
+    cache.store("d", HashCache::Kind::partial, files[1]);
+    EXPECT_TRUE(cache.blocks({&files[1]}, stamp)[0]);
+    cache.store("d", HashCache::Kind::partial, rewritten);
+    EXPECT_FALSE(cache.blocks({&files[0]}, stamp)[0]);
+    EXPECT_FALSE(cache.blocks({&rewritten}, stamp)[0]);
+    // And facts of a new version drop the old version's digests, but keep those of their own.
+    cache.store("full of 2", HashCache::Kind::full, files[2]);
+    cache.storeBlocks(files[2], privateBlocks, stamp);
+    EXPECT_EQ(cache.digest(HashCache::Kind::full, files[2]), "full of 2");
+    ScannedFile touched = files[2];
+    touched.status.modified.seconds += 1;
+    cache.storeBlocks(touched, privateBlocks, stamp);
+    EXPECT_FALSE(cache.digest(HashCache::Kind::full, touched));
+    EXPECT_FALSE(cache.digest(HashCache::Kind::full, files[2]));
+
+    // Whoever shares blocks without the journal forgets the facts first.
+    ASSERT_TRUE(cache.blocks({&files[3]}, stamp)[0]);
+    cache.forgetBlocks({files[3]});
+    EXPECT_FALSE(cache.blocks({&files[3]}, stamp)[0]);
+}
+
+TEST_F(HashCacheBlocksTest, DatabaseFromBeforeKeptBlocksGetsTheirColumnsAndKeepsItsDigests) {
+    const std::string path = data_.path("old.sqlite");
+    {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+        const char* old =
+            "CREATE TABLE hashes (volume TEXT NOT NULL, inode INTEGER NOT NULL, path TEXT NOT NULL,"
+            " size INTEGER NOT NULL, mtime INTEGER NOT NULL, mtime_ns INTEGER NOT NULL,"
+            " ctime INTEGER NOT NULL, ctime_ns INTEGER NOT NULL, partial TEXT, full TEXT,"
+            " PRIMARY KEY (volume, inode));";
+        ASSERT_EQ(sqlite3_exec(db, old, nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(db);
+    }
+    {
+        HashCache cache(path, journal());
+        cache.store("kept", HashCache::Kind::full, real_);
+    }
+    HashCache cache(path, journal());
+    EXPECT_FALSE(cache.blocks({&real_}, 0)[0]);
+    cache.storeBlocks(real_, shared(5), 0);
+    EXPECT_EQ(cache.blocks({&real_}, 0)[0], shared(5));
+    EXPECT_EQ(cache.digest(HashCache::Kind::full, real_), "kept");
+}
+
+}  // namespace
+}  // namespace dedup
