@@ -190,6 +190,7 @@ TEST_P(FinderOnVolume, KeptBlocksServeUntilAReclaimIsJournalledAFullCheckOrANewV
         // Sharing changes neither size nor times: only the journal or a full check can tell.
         ASSERT_TRUE(FileStatus::read(at(copy)).isSameVersion(before));
     };
+    std::ofstream(journal) << "{}\n";  // an earlier reclaim's
     test::writeRandomFile(at("a"), 300000, 3);
     test::writeRandomFile(at("b"), 300000, 3);
     test::writeRandomFile(at("c"), 200000, 4);
