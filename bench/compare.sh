@@ -595,7 +595,11 @@ goals() {
   for p in jdupes rdfind; do
     d="${dupof[$p/warm]:-}"
     [ -n "$d" ] || continue
-    printf '  %-62s %s\n' "same duplicate bytes as $p" "$(match_of "$d" "${once_of[$p/warm]:-$d}")"
+    local m
+    m="$(match_of "$d" "${once_of[$p/warm]:-$d}")"
+    # The peers cannot see shared blocks: a match once clones count as copies is a match.
+    [ "$m" != "no: clones" ] || m="yes, with the clones counted as copies ($d), as $p counts"
+    printf '  %-62s %s\n' "same duplicate bytes as $p" "$m"
   done
 }
 
