@@ -761,8 +761,8 @@ private:
             std::uint64_t low, high;
             unsigned fewest, most;
         };
-        const std::array<Kind, 3> kinds = {Kind{11000, 64, 16 * KiB, 2, 5}, Kind{3800, 16 * KiB, 512 * KiB, 2, 4},
-                                           Kind{200, 1 * MiB, bytes(8 * MiB, 2 * MiB), 2, 2}};
+        const std::array<Kind, 3> kinds = {Kind{11000, 64, 16 * KiB, 2, 5}, Kind{3800, 16 * KiB, 320 * KiB, 2, 4},
+                                           Kind{200, 1 * MiB, bytes(7 * MiB, 2 * MiB), 2, 2}};
         for (const Kind& kind : kinds) {
             const std::size_t sets = count(kind.sets, 2);
             for (std::size_t s = 0; s < sets; ++s) {
