@@ -33,8 +33,12 @@ ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const Pr
     // needs the memory more.
     walk.inodes = {};
     walk.folders = {};
+    // The list grew by doubling; a third of it may stand empty through the whole grouping.
+    walk.files.shrink_to_fit();
 
-    Grouping grouping = groups(walk.files, false, progress, latch);
+    // The groups take their files from the walk's list instead of copying them. What stays behind
+    // serves only the pruning, which needs no path of a file whose disk the cache met in this scan.
+    Grouping grouping = groupDuplicatesTaking(*this, walk.files, progress, latch);
     ScanResult result;
     result.groups = std::move(grouping.groups);
     result.filesSeen = static_cast<int64_t>(walk.files.size());

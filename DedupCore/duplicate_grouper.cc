@@ -1,6 +1,7 @@
 #include "duplicate_grouper.h"
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -19,11 +20,27 @@ namespace dedup {
 
 namespace {
 
+// A digest's text held in place: a unit for nearly every file of a large tree, and a string each
+// would cost a heap block of its own. All zero bytes: no digest (unreadable, or not read yet).
+struct DigestText {
+    std::array<char, 64> text{};
+
+    bool empty() const { return text[0] == 0; }
+    void clear() { text.fill(0); }
+    DigestText& operator=(const std::optional<std::string>& digest) {
+        clear();
+        if (digest && digest->size() == text.size()) std::copy(digest->begin(), digest->end(), text.begin());
+        return *this;
+    }
+    std::string str() const { return empty() ? std::string() : std::string(text.begin(), text.end()); }
+    auto operator<=>(const DigestText&) const = default;
+};
+
 // Files that share all their blocks (or one file on its own): the finder's unit of comparison.
 struct Unit {
     std::vector<size_t> files;  // indices into the pool, in path order
     bool replaceable = true;
-    std::string digest;
+    DigestText digest;
 };
 
 // Files of one size on one device (on any device when grouping across volumes).
@@ -251,7 +268,7 @@ private:
                 result.push_back(std::move(candidate));
                 continue;
             }
-            std::string digest = units[candidate.units.front()].digest;
+            DigestText digest = units[candidate.units.front()].digest;
             std::vector<size_t> files;
             for (size_t u : candidate.units) files.insert(files.end(), units[u].files.begin(), units[u].files.end());
             Candidate joined{candidate.bucket, formUnits(*candidate.bucket, files)};
@@ -330,7 +347,7 @@ private:
                                            finder_.cache, bytesRead_, [this](const std::string& p) { reading(p); },
                                            isCancelled_, finder_.threads);
             for (size_t i = 0; i < jobs.size(); ++i) {
-                jobs[i].unit->digest = digests[i] ? std::move(*digests[i]) : std::string();
+                jobs[i].unit->digest = digests[i];
                 if (!digests[i]) noteUnread(jobs[i].file->path);
             }
         }
@@ -370,7 +387,7 @@ private:
                                                          [this](const std::string& p) { reading(p); }, isCancelled_,
                                                          spins ? spinningReadAhead : solidReadAhead);
                 for (size_t k = 0; k < files.size(); ++k) {
-                    candidate.bucket->units[candidate.units[k]].digest = digests[k] ? std::move(*digests[k]) : "";
+                    candidate.bucket->units[candidate.units[k]].digest = digests[k];
                     if (!digests[k]) noteUnread(files[k]->path);
                 }
             });
@@ -393,7 +410,7 @@ private:
                 // Unreadable or cancelled: no digest, so it matches nothing.
                 if (!candidate.bucket->units[u].digest.empty()) units.push_back(u);
             }
-            auto digestOf = [&](size_t u) -> const std::string& { return candidate.bucket->units[u].digest; };
+            auto digestOf = [&](size_t u) -> const DigestText& { return candidate.bucket->units[u].digest; };
             std::stable_sort(units.begin(), units.end(), [&](size_t a, size_t b) { return digestOf(a) < digestOf(b); });
             for (size_t start = 0, end = 0; start < units.size(); start = end) {
                 while (end < units.size() && digestOf(units[end]) == digestOf(units[start])) ++end;
@@ -417,19 +434,25 @@ private:
             return file(x.files.front()).path < file(y.files.front()).path;
         });
         DuplicateGroup group;
-        group.digest = units[candidate.units.front()].digest;
+        group.digest = units[candidate.units.front()].digest.str();
         for (size_t u : candidate.units) {
             for (size_t i : units[u].files) {
-                group.files.push_back(file(i));
+                if (taken_) {
+                    group.files.push_back(std::move((*taken_)[pool_[i].index]));
+                } else {
+                    group.files.push_back(file(i));
+                }
                 group.files.back().clones = pool_[i].clones;
             }
         }
         // Only what a reclaim can do counts: a copy that cannot be replaced (another user's, in a
         // folder its user may not write) is shown, but frees nothing.
         Selection leftAlone;
-        for (size_t u : candidate.units) {
-            if (units[u].replaceable) continue;
-            for (size_t i : units[u].files) leftAlone.excluded.insert(file(i).path);
+        for (size_t u = 0, at = 0; u < candidate.units.size(); ++u) {
+            const Unit& unit = units[candidate.units[u]];
+            for (size_t k = 0; k < unit.files.size(); ++k, ++at) {
+                if (!unit.replaceable) leftAlone.excluded.insert(group.files[at].path);
+            }
         }
         group.reclaimableBytes = Report::reclaimableBytes({group}, leftAlone);
         return group;
@@ -448,6 +471,11 @@ private:
         std::optional<CloneInfo> clones;
     };
     const std::vector<ScannedFile>* files_ = nullptr;
+
+public:
+    std::vector<ScannedFile>* taken_ = nullptr;  // the same files, to be moved into the groups
+
+private:
     std::vector<Member> pool_;
     std::vector<Bucket> buckets_;
     // Asked by folder name for every file: looked up without making a string of it each time.
@@ -470,6 +498,13 @@ DuplicateFinder::Grouping groupDuplicates(const DuplicateFinder& finder, const s
                                           bool acrossVolumes, const ProgressCallback& progress,
                                           const CancelCallback& isCancelled) {
     return Grouper(finder, acrossVolumes, progress, isCancelled, static_cast<int64_t>(files.size())).run(files);
+}
+
+DuplicateFinder::Grouping groupDuplicatesTaking(const DuplicateFinder& finder, std::vector<ScannedFile>& files,
+                                                const ProgressCallback& progress, const CancelCallback& isCancelled) {
+    Grouper grouper(finder, false, progress, isCancelled, static_cast<int64_t>(files.size()));
+    grouper.taken_ = &files;
+    return grouper.run(files);
 }
 
 }  // namespace dedup

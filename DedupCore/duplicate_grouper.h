@@ -16,4 +16,9 @@ DuplicateFinder::Grouping groupDuplicates(const DuplicateFinder& finder, const s
                                           bool acrossVolumes, const ProgressCallback& progress,
                                           const CancelCallback& isCancelled);
 
+// The same for a caller done with the files: each file that joins a group is moved into it
+// rather than copied, and is left in `files` with its status but without its path.
+DuplicateFinder::Grouping groupDuplicatesTaking(const DuplicateFinder& finder, std::vector<ScannedFile>& files,
+                                                const ProgressCallback& progress, const CancelCallback& isCancelled);
+
 }  // namespace dedup
