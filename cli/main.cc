@@ -1,4 +1,6 @@
 // The dedup command: finds files of identical content and gives back the space of the extra copies.
+#include <malloc.h>
+
 #include <iostream>
 #include <string>
 
@@ -7,6 +9,10 @@
 
 int main(int argc, char** argv) {
     using namespace dedup::cli;
+    // The reading threads of a scan allocate little and briefly, but glibc gives each an arena of
+    // its own that keeps what it freed: on a tree of 100,000 files that is a tenth of the peak
+    // memory. One arena serves them all; they wait on the disk far longer than on its lock.
+    mallopt(M_ARENA_MAX, 1);
     CLI::App app{"Finds files of identical content and gives back the space the extra copies take."};
     app.name("dedup");
     app.require_subcommand(1);
