@@ -104,6 +104,14 @@ TEST_P(FinderOnVolume, HardLinksAndForeignOwnersGiveNoGroup) {
         ASSERT_EQ(::chown(at("x").c_str(), 4242, 4242), 0);
         ASSERT_EQ(::chown(at("y").c_str(), 4242, 4242), 0);
         EXPECT_TRUE(scan(root_).groups.empty());
+
+        // One copy of the user's own: the set is shown, another user's copy stands first and is
+        // kept, and only the user's copy counts as freed.
+        test::writeRandomFile(at("z"), 200000, 3);
+        auto result = scan(root_);
+        ASSERT_EQ(result.groups.size(), 1u);
+        EXPECT_EQ(pathsOf(result.groups[0]), (std::vector<std::string>{at("x"), at("y"), at("z")}));
+        EXPECT_EQ(result.groups[0].reclaimableBytes, 200000);
     }
 }
 
