@@ -48,6 +48,7 @@ struct AppModel::AutomaticRun {
 struct AppModel::AutomaticRecipe {
     std::string selectionPath;
     std::string cachePath;
+    std::string journalPath;  // its changes tell the cache that blocks were shared
     bool anytime = false;
     std::shared_ptr<std::atomic<bool>> reclaimingByHand;
     CloneEngine engine;
@@ -71,7 +72,7 @@ struct AppModel::AutomaticRecipe {
             [selectionPath = selectionPath] { return SavedSelection::forPass(selectionPath); }, automaticQuietPeriod, mayRun,
             onReclaim);
         try {
-            reclaimer->cache = std::make_unique<HashCache>(cachePath);
+            reclaimer->cache = std::make_unique<HashCache>(cachePath, journalPath);
         } catch (const std::exception&) {
             // Without the cache every digest is read afresh; the pass finds the same copies.
         }
@@ -105,7 +106,7 @@ void AppModel::applyAutomatic() {
 void AppModel::startAutomatic(const std::shared_ptr<AutomaticRun>& run) {
     run_ = run;
     run->journal = journal_;
-    const AutomaticRecipe recipe{file("selection.json"), places_.cache + "/hashes.sqlite", anytime_,
+    const AutomaticRecipe recipe{file("selection.json"), places_.cache + "/hashes.sqlite", file("journal.jsonl"), anytime_,
                                  reclaimingByHand_, engine(), weak_};
     // On a disk that cannot make clones every pass would only journal each copy as left alone
     // again: such folders are named on the Automatic screen instead of watched. The trial is made

@@ -59,12 +59,12 @@ void AppModel::scan() {
     setPhase(Phase::scanning);
     emit progressChanged();
 
-    tasks::run([roots = sources_, options = options_, cachePath = places_.cache + "/hashes.sqlite", weak = weak_,
-                cancel = cancel_] {
+    tasks::run([roots = sources_, options = options_, cachePath = places_.cache + "/hashes.sqlite",
+                journalPath = file("journal.jsonl"), weak = weak_, cancel = cancel_] {
         // The digest cache only saves reading: a scan without it finds the same groups.
         std::unique_ptr<HashCache> cache;
         try {
-            cache = std::make_unique<HashCache>(cachePath);
+            cache = std::make_unique<HashCache>(cachePath, journalPath);
         } catch (const std::exception&) {
         }
         DuplicateFinder finder{options, cache.get()};
