@@ -156,15 +156,20 @@ constexpr const char* recordColumns = "size, mtime, mtime_ns, ctime, ctime_ns, p
 constexpr int sizeColumn = 0;
 constexpr int partialColumn = 5;
 
-std::optional<std::string> digestOfRow(sqlite3_stmt* row, int first, HashCache::Kind kind, const FileStatus& s) {
+// Whether the record's five version columns, from `first` on, are those of `s`.
+bool sameVersion(sqlite3_stmt* row, int first, const FileStatus& s) {
     const int64_t expected[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
                                  s.changed.nanoseconds};
     for (int i = 0; i < 5; ++i) {
-        if (sqlite3_column_type(row, first + sizeColumn + i) != SQLITE_INTEGER ||
-            sqlite3_column_int64(row, first + sizeColumn + i) != expected[i]) {
-            return std::nullopt;
+        if (sqlite3_column_type(row, first + i) != SQLITE_INTEGER || sqlite3_column_int64(row, first + i) != expected[i]) {
+            return false;
         }
     }
+    return true;
+}
+
+std::optional<std::string> digestOfRow(sqlite3_stmt* row, int first, HashCache::Kind kind, const FileStatus& s) {
+    if (!sameVersion(row, first + sizeColumn, s)) return std::nullopt;
     int column = first + partialColumn + (kind == HashCache::Kind::full ? 1 : 0);
     const auto* text = sqlite3_column_text(row, column);
     if (!text) return std::nullopt;
@@ -279,15 +284,15 @@ constexpr int64_t cloneKnown = 1, cloneInline = 2, cloneNoBlocks = 4;
 constexpr const char* blockColumns =
     "size, mtime, mtime_ns, ctime, ctime_ns, blocks_stamp, clone_kind, private_size, clone_id, clone_refs";
 
-bool sameVersion(sqlite3_stmt* row, int first, const FileStatus& s) {
-    const int64_t expected[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
-                                 s.changed.nanoseconds};
-    for (int i = 0; i < 5; ++i) {
-        if (sqlite3_column_type(row, first + i) != SQLITE_INTEGER || sqlite3_column_int64(row, first + i) != expected[i]) {
-            return false;
-        }
-    }
-    return true;
+// The first eight parameters of every write: which file, where it was, and which version of it.
+void bindRecord(sqlite3_stmt* statement, const std::string& volume, const ScannedFile& file) {
+    const auto& s = file.status;
+    sqlite3_bind_text(statement, 1, volume.c_str(), static_cast<int>(volume.size()), SQLITE_STATIC);
+    sqlite3_bind_int64(statement, 2, static_cast<int64_t>(s.inode));
+    sqlite3_bind_text(statement, 3, file.path.c_str(), static_cast<int>(file.path.size()), SQLITE_STATIC);
+    const int64_t version[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
+                                s.changed.nanoseconds};
+    for (int i = 0; i < 5; ++i) sqlite3_bind_int64(statement, 4 + i, version[i]);
 }
 
 }  // namespace
@@ -349,13 +354,8 @@ std::vector<std::optional<HashCache::Blocks>> HashCache::blocks(const std::vecto
 
 void HashCache::storeBlocks(const ScannedFile& file, const Blocks& blocks, int64_t stamp) {
     std::lock_guard guard(lock_);
-    if (skipWrites_ > 0) {
-        --skipWrites_;
-        return;
-    }
-    auto volume = volumeOf(file.status.device, file.path);
+    auto volume = writableVolume(file);
     if (!volume) return;
-    begin();
     // Digests of an older version of the file go with it, as in store().
     static const std::string sameAsStored =
         "size = excluded.size AND mtime = excluded.mtime AND mtime_ns = excluded.mtime_ns AND "
@@ -370,13 +370,7 @@ void HashCache::storeBlocks(const ScannedFile& file, const Blocks& blocks, int64
         "clone_id = excluded.clone_id, clone_refs = excluded.clone_refs";
     sqlite3_stmt* statement = prepared(sql);
     if (!statement) return;
-    const auto& s = file.status;
-    sqlite3_bind_text(statement, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
-    sqlite3_bind_int64(statement, 2, static_cast<int64_t>(s.inode));
-    sqlite3_bind_text(statement, 3, file.path.c_str(), static_cast<int>(file.path.size()), SQLITE_STATIC);
-    const int64_t version[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
-                                s.changed.nanoseconds};
-    for (int i = 0; i < 5; ++i) sqlite3_bind_int64(statement, 4 + i, version[i]);
+    bindRecord(statement, *volume, file);
     sqlite3_bind_int64(statement, 9, stamp);
     const auto& c = blocks.clones;
     int64_t kind = c ? cloneKnown | (c->inlineData ? cloneInline : 0) | (c->noBlocks ? cloneNoBlocks : 0) : 0;
@@ -384,18 +378,7 @@ void HashCache::storeBlocks(const ScannedFile& file, const Blocks& blocks, int64
     sqlite3_bind_int64(statement, 11, c ? c->privateSize : 0);
     sqlite3_bind_int64(statement, 12, c ? static_cast<int64_t>(c->cloneID) : 0);
     sqlite3_bind_int64(statement, 13, c ? c->references : 0);
-    lastStep_ = sqlite3_step(statement);
-    sqlite3_reset(statement);
-    if (sqlite3_get_autocommit(db_) && inTransaction_) {
-        inTransaction_ = false;
-        pendingOperations_ = 0;
-    }
-    if ((lastStep_ & 0xFF) == SQLITE_BUSY || (lastStep_ & 0xFF) == SQLITE_LOCKED) {
-        commit();
-        skipWrites_ = writesSkippedWhenLocked;
-        return;
-    }
-    counted();
+    write(statement);
 }
 
 void HashCache::forgetBlocks(const std::vector<ScannedFile>& files) {
@@ -418,13 +401,8 @@ void HashCache::forgetBlocks(const std::vector<ScannedFile>& files) {
 
 void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& file) {
     std::lock_guard guard(lock_);
-    if (skipWrites_ > 0) {
-        --skipWrites_;
-        return;
-    }
-    auto volume = volumeOf(file.status.device, file.path);
+    auto volume = writableVolume(file);
     if (!volume) return;
-    begin();
     // One statement whether the record is new, of the same version or of an older one. A record of
     // an older version keeps nothing of it: its digest of the other kind is dropped with it.
     auto upsert = [](Kind kind) {
@@ -443,14 +421,22 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
     static const std::string sql[2] = {upsert(Kind::partial), upsert(Kind::full)};
     sqlite3_stmt* statement = prepared(sql[kind == Kind::full ? 1 : 0]);
     if (!statement) return;
-    const auto& s = file.status;
-    sqlite3_bind_text(statement, 1, volume->c_str(), static_cast<int>(volume->size()), SQLITE_STATIC);
-    sqlite3_bind_int64(statement, 2, static_cast<int64_t>(s.inode));
-    sqlite3_bind_text(statement, 3, file.path.c_str(), static_cast<int>(file.path.size()), SQLITE_STATIC);
-    const int64_t version[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
-                                s.changed.nanoseconds};
-    for (int i = 0; i < 5; ++i) sqlite3_bind_int64(statement, 4 + i, version[i]);
+    bindRecord(statement, *volume, file);
     sqlite3_bind_text(statement, 9, digest.c_str(), static_cast<int>(digest.size()), SQLITE_STATIC);
+    write(statement);
+}
+
+std::optional<std::string> HashCache::writableVolume(const ScannedFile& file) {
+    if (skipWrites_ > 0) {
+        --skipWrites_;
+        return std::nullopt;
+    }
+    auto volume = volumeOf(file.status.device, file.path);
+    if (volume) begin();
+    return volume;
+}
+
+void HashCache::write(sqlite3_stmt* statement) {
     lastStep_ = sqlite3_step(statement);
     sqlite3_reset(statement);
     // A write refused because another process holds the database: leave the cache alone for a while

@@ -104,6 +104,11 @@ private:
     void eachRecord(const std::string& volume, const std::vector<int64_t>& inodes, const std::string& columns,
                     Found found);
     void addMissingColumns();
+    // The volume a write of `file` goes to, with a transaction begun; none while writes are left
+    // out or the file's disk has no identifier.
+    std::optional<std::string> writableVolume(const ScannedFile& file);
+    // Steps a write and handles a database that another process holds.
+    void write(sqlite3_stmt* statement);
     void begin();
     void counted();
     void commit();
