@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <QFile>
+#include <QLocale>
 #include <QStorageInfo>
 
 #include "desktop_actions.h"
@@ -16,6 +17,10 @@ namespace {
 constexpr quintptr groupId = 0;
 
 QString shown(const std::string& path) { return QFile::decodeName(QByteArray::fromStdString(path)); }
+
+QString filesText(int64_t n) {
+    return QLocale().toString(static_cast<qlonglong>(n)) + (n == 1 ? AcrossModel::tr(" file") : AcrossModel::tr(" files"));
+}
 
 }  // namespace
 
@@ -36,7 +41,13 @@ void AcrossModel::setResult(const AcrossResult& result) {
     for (size_t i = 0; i < result_.nearlyIdentical.size(); ++i) {
         entries_.push_back({Kind::near, static_cast<uint32_t>(i), result_.nearlyIdentical[i].sameBytes});
     }
-    std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) { return a.bytes > b.bytes; });
+    // Copies that can go first, most freed first; nearly identical folders, which free nothing
+    // until someone has looked at what differs, after them.
+    std::stable_sort(entries_.begin(), entries_.end(), [](const Entry& a, const Entry& b) {
+        const bool aNear = a.kind == Kind::near, bNear = b.kind == Kind::near;
+        if (aNear != bNear) return bNear;
+        return a.bytes > b.bytes;
+    });
     endResetModel();
 }
 
@@ -151,16 +162,16 @@ QString AcrossModel::groupDetails(const Entry& entry) const {
     switch (entry.kind) {
         case Kind::tree: {
             const auto& tree = result_.trees[entry.index];
-            return tr("identical folders, %n files each, %1", "", static_cast<int>(tree.fileCount)).arg(bytesText(tree.bytes));
+            return tr("identical trees: %1, %2 each").arg(filesText(tree.fileCount), bytesText(tree.bytes));
         }
         case Kind::near: {
             const auto& near = result_.nearlyIdentical[entry.index];
             QStringList parts;
-            parts << tr("%n files alike", "", static_cast<int>(near.sameFiles));
+            parts << tr("%1 alike").arg(filesText(near.sameFiles));
             if (!near.onlyInFirst.empty()) parts << tr("%n only in the first", "", static_cast<int>(near.onlyInFirst.size()));
             if (!near.onlyInSecond.empty()) parts << tr("%n only in the second", "", static_cast<int>(near.onlyInSecond.size()));
             if (!near.changed.empty()) parts << tr("%n changed", "", static_cast<int>(near.changed.size()));
-            return tr("nearly identical folders: %1").arg(parts.join(", "));
+            return parts.join(", ");
         }
         case Kind::file: break;
     }

@@ -29,6 +29,9 @@ QString shown(const std::string& path) { return QFile::decodeName(QByteArray::fr
 
 QString count(int64_t n) { return QLocale().toString(static_cast<qlonglong>(n)); }
 
+// "1 folder", "3 folders".
+QString counted(int64_t n, const QString& one, const QString& many) { return count(n) + ' ' + (n == 1 ? one : many); }
+
 // Two folders side by side: where they are, on which disk, and how much they hold; for nearly
 // identical folders also what each has that the other lacks and what changed.
 class FolderCompareDialog : public QDialog {
@@ -138,8 +141,8 @@ AcrossView::AcrossView(AppModel& model, QWidget* parent) : QWidget(parent), mode
     list_->header()->setSectionResizeMode(AcrossModel::nameColumn, QHeaderView::Stretch);
     const int figure = list_->fontMetrics().horizontalAdvance(QStringLiteral("000.0 MB alike")) + list_->fontMetrics().height();
     list_->setColumnWidth(AcrossModel::freesColumn, figure);
-    list_->setColumnWidth(AcrossModel::diskColumn, list_->fontMetrics().horizontalAdvance(QLatin1Char('M')) * 14);
-    list_->setColumnWidth(AcrossModel::detailsColumn, list_->fontMetrics().horizontalAdvance(QLatin1Char('M')) * 20);
+    list_->setColumnWidth(AcrossModel::diskColumn, list_->fontMetrics().horizontalAdvance(QLatin1Char('M')) * 16);
+    list_->setColumnWidth(AcrossModel::detailsColumn, list_->fontMetrics().horizontalAdvance(QLatin1Char('M')) * 24);
 
     details_ = new QLabel(this);
     details_->setWordWrap(true);
@@ -266,16 +269,18 @@ void AcrossView::showResult() {
     if (result->trees.empty() && result->files.empty() && result->nearlyIdentical.empty()) {
         text = tr("No identical files or folders on different disks: %1 files looked at.").arg(count(result->filesSeen));
     } else {
-        text = tr("%1 identical folders and %2 identical files on different disks; moving one copy of each to the "
-                  "Trash would free %3.")
-                   .arg(count(static_cast<int64_t>(result->trees.size())), count(static_cast<int64_t>(result->files.size())),
+        text = tr("%1 and %2 on different disks; moving one copy of each to the Trash would free %3.")
+                   .arg(counted(static_cast<int64_t>(result->trees.size()), tr("identical folder"), tr("identical folders")),
+                        counted(static_cast<int64_t>(result->files.size()), tr("identical file"), tr("identical files")),
                         bytesText(freed));
         if (!result->nearlyIdentical.empty()) {
-            text += ' ' + tr("%n folders are nearly identical.", "", static_cast<int>(result->nearlyIdentical.size()));
+            text += ' ' + (result->nearlyIdentical.size() == 1
+                               ? tr("1 folder is nearly identical to another.")
+                               : tr("%1 folders are nearly identical to others.").arg(count(static_cast<int64_t>(result->nearlyIdentical.size()))));
         }
     }
     if (!result->unreadableFolders.empty()) {
-        text += ' ' + tr("%n folders could not be read.", "", static_cast<int>(result->unreadableFolders.size()));
+        text += ' ' + tr("Folders that could not be read: %1.").arg(count(static_cast<int64_t>(result->unreadableFolders.size())));
     }
     summary_->setText(text);
 }
