@@ -36,6 +36,11 @@ void AppModel::searchAcross(const std::vector<std::string>& paths, bool folders)
         setError(tr("Choose folders on at least two different disks to search across them."));
         return;
     }
+    // What an earlier search found may no longer hold: it is not shown beside a new search.
+    if (acrossResult_) {
+        acrossResult_.reset();
+        emit acrossResultChanged();
+    }
     acrossCancel_ = std::make_shared<CancelFlag>();
     acrossProgress_ = {};
     setAcrossBusy(true);
