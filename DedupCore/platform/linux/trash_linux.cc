@@ -53,6 +53,15 @@ std::vector<std::string> trashFoldersFor(const std::string& path, dev_t device) 
     return folders;
 }
 
+// A Trash folder's entries; none when it does not exist (yet) or cannot be read.
+std::vector<DirectoryEntry> entriesOf(const std::string& folder) {
+    try {
+        return DirectoryReader::read(folder);
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
 std::string escapedPath(const std::string& path) {
     std::unique_ptr<char, decltype(&g_free)> text(g_uri_escape_string(path.c_str(), "/", FALSE), g_free);
     return text ? text.get() : path;
@@ -102,13 +111,7 @@ std::string trashFolderFor(const std::string& path) {
 
 std::string findInTrash(const std::string& original, uint64_t device, uint64_t inode) {
     for (const auto& trash : trashFoldersFor(original, static_cast<dev_t>(device))) {
-        std::vector<DirectoryEntry> entries;
-        try {
-            entries = DirectoryReader::read(trash + "/files");
-        } catch (const std::exception&) {
-            continue;
-        }
-        for (const auto& entry : entries) {
+        for (const auto& entry : entriesOf(trash + "/files")) {
             if (entry.status.inode == inode && entry.status.device == device) return trash + "/files/" + entry.name;
         }
     }
@@ -140,13 +143,7 @@ bool ensureTrashInfo(const std::string& location, const std::string& original) {
 int forgetUnfinishedTrashInfo(const std::string& original, uint64_t device) {
     int removed = 0;
     for (const auto& trash : trashFoldersFor(original, static_cast<dev_t>(device))) {
-        std::vector<DirectoryEntry> entries;
-        try {
-            entries = DirectoryReader::read(trash + "/info");
-        } catch (const std::exception&) {
-            continue;
-        }
-        for (const auto& entry : entries) {
+        for (const auto& entry : entriesOf(trash + "/info")) {
             const std::string suffix = ".trashinfo";
             if (!entry.status.isRegularFile() || !entry.name.ends_with(suffix)) continue;
             std::string item = trash + "/files/" + entry.name.substr(0, entry.name.size() - suffix.size());
@@ -182,20 +179,7 @@ TrashMove moveToTrashOfItsDisk(const std::string& path) {
     result.moved = true;
     // GIO does not say where the item went; the rename kept its inode, which names it among the
     // items of the Trash folders it may have used.
-    for (const auto& trash : trashFoldersFor(path, before->st_dev)) {
-        std::vector<DirectoryEntry> entries;
-        try {
-            entries = DirectoryReader::read(trash + "/files");
-        } catch (const std::exception&) {
-            continue;
-        }
-        for (const auto& entry : entries) {
-            if (entry.status.inode == before->st_ino && entry.status.device == before->st_dev) {
-                result.location = trash + "/files/" + entry.name;
-                return result;
-            }
-        }
-    }
+    result.location = findInTrash(path, before->st_dev, before->st_ino);
     return result;
 }
 
