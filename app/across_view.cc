@@ -40,7 +40,10 @@ public:
         setWindowTitle(tr("Compare Folders"));
         setObjectName(QStringLiteral("compareFolders"));
         const auto copies = results.copiesOf(group);
-        auto* table = new QTableWidget(0, 2, this);
+        table_ = new QTableWidget(0, 2, this);
+        auto* table = table_;
+        table->setSelectionMode(QAbstractItemView::NoSelection);
+        table->setFocusPolicy(Qt::NoFocus);
         table->setAccessibleName(tr("The two folders side by side"));
         table->setHorizontalHeaderLabels({tr("First copy"), tr("Second copy")});
         table->horizontalHeader()->setSectionResizeMode(QHeaderView::Stretch);
@@ -72,15 +75,24 @@ public:
             row(tr("Only here"), list(near->onlyInFirst), list(near->onlyInSecond));
             row(tr("Changed"), list(near->changed), list(near->changed));
         }
-        table->resizeRowsToContents();
         auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, this);
         connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::close);
         auto* layout = new QVBoxLayout(this);
         layout->addWidget(table, 1);
         layout->addWidget(buttons);
         const int line = fontMetrics().height();
-        resize(line * 48, line * 22);
+        resize(line * 56, line * 16);
     }
+
+protected:
+    // Rows are as tall as their wrapped text only once the columns have their real width.
+    void showEvent(QShowEvent* event) override {
+        QDialog::showEvent(event);
+        table_->resizeRowsToContents();
+    }
+
+private:
+    QTableWidget* table_;
 };
 
 }  // namespace

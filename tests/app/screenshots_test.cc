@@ -3,6 +3,7 @@
 // once it has something to show.
 #include <QApplication>
 #include <QBuffer>
+#include <QDialog>
 #include <QDir>
 #include <QImage>
 #include <QLabel>
@@ -169,6 +170,17 @@ void ScreenshotsTest::everyScreenWithAScanLoaded() {
         QTRY_VERIFY_WITH_TIMEOUT(!model.acrossBusy() && model.acrossResult(), 60000);
         QVERIFY(across->results().rowCount() >= 3);
         across->list()->expandAll();
+        // The nearly identical folders side by side, as Compare shows them.
+        const int last = across->results().rowCount() - 1;
+        QCOMPARE(across->results().kindOf(across->results().index(last, 0)), AcrossModel::Kind::near);
+        across->list()->setCurrentIndex(across->results().index(last, 0));
+        QTest::mouseClick(across->findChild<QPushButton*>("compare"), Qt::LeftButton);
+        auto* folders = across->findChild<QDialog*>("compareFolders");
+        QVERIFY(folders && folders->isVisible());
+        save(folders, "across-compare");
+        folders->close();
+        QApplication::setActiveWindow(&window);
+        QVERIFY(QTest::qWaitForWindowActive(&window));
         across->list()->setCurrentIndex(across->results().index(1, 0, across->results().index(0, 0)));
     }
     save(&window, "across-disks");
