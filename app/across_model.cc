@@ -168,9 +168,10 @@ QString AcrossModel::groupDetails(const Entry& entry) const {
             const auto& near = result_.nearlyIdentical[entry.index];
             QStringList parts;
             parts << tr("%1 alike").arg(filesText(near.sameFiles));
-            if (!near.onlyInFirst.empty()) parts << tr("%n only in the first", "", static_cast<int>(near.onlyInFirst.size()));
-            if (!near.onlyInSecond.empty()) parts << tr("%n only in the second", "", static_cast<int>(near.onlyInSecond.size()));
-            if (!near.changed.empty()) parts << tr("%n changed", "", static_cast<int>(near.changed.size()));
+            // Which side lacks what is on the copies' own rows.
+            const size_t missing = near.onlyInFirst.size() + near.onlyInSecond.size();
+            if (missing > 0) parts << tr("%1 missing").arg(QLocale().toString(static_cast<qulonglong>(missing)));
+            if (!near.changed.empty()) parts << tr("%1 changed").arg(QLocale().toString(static_cast<qulonglong>(near.changed.size())));
             return parts.join(", ");
         }
         case Kind::file: break;
