@@ -375,7 +375,7 @@ void AcrossView::moveSelectedToTrash() {
     const std::string copy = results_.pathOf(current);
     const std::string kept = keptFor(current);
     if (copy.empty() || kept.empty()) return;
-    const std::string trash = TrashMover::trashFolderFor(copy);
+    const std::string trash = AppModel::trashFolderFor(copy);
     const bool folder = results_.kindOf(current) == AcrossModel::Kind::tree;
     QMessageBox ask(QMessageBox::Question, tr("Move to Trash"),
                     (folder ? tr("Move the folder %1 to the Trash?") : tr("Move %1 to the Trash?")).arg(shown(copy)),

@@ -389,6 +389,8 @@ public:
     const std::optional<TrashOutcome>& trashOutcome() const { return trashOutcome_; }
     // The outcome in the user's words.
     static QString describe(const TrashOutcome& outcome, const std::string& copy);
+    // The Trash `path` would go to, to name it before the move; "" when `path` is gone.
+    static std::string trashFolderFor(const std::string& path) { return TrashMover::trashFolderFor(path); }
     // Takes `path`, and everything inside it, out of a result: what is left of each group.
     static void removeFromAcross(AcrossResult& result, const std::string& path);
 signals:
