@@ -111,6 +111,7 @@ AcrossView::AcrossView(AppModel& model, QWidget* parent) : QWidget(parent), mode
     removeFolder_ = new QPushButton(QIcon::fromTheme(QStringLiteral("list-remove")), tr("Remove"), this);
     removeFolder_->setEnabled(false);
     useScanFolders_ = new QPushButton(tr("Use the Scan Folders"), this);
+    useScanFolders_->setObjectName(QStringLiteral("useScanFolders"));
     useScanFolders_->setToolTip(tr("Search the folders chosen on the Scan & Reclaim screen"));
     auto* folderButtons = new QVBoxLayout;
     folderButtons->addWidget(addFolder_);
@@ -202,6 +203,7 @@ AcrossView::AcrossView(AppModel& model, QWidget* parent) : QWidget(parent), mode
     connect(list_->selectionModel(), &QItemSelectionModel::currentChanged, this, &AcrossView::showSelected);
     connect(&results_, &QAbstractItemModel::modelReset, this, &AcrossView::showSelected);
     connect(&model_, &AppModel::acrossBusyChanged, this, &AcrossView::showBusy);
+    connect(&model_, &AppModel::sourcesChanged, this, &AcrossView::showBusy);
     connect(&model_, &AppModel::acrossProgressChanged, this, &AcrossView::showProgress);
     connect(&model_, &AppModel::acrossResultChanged, this, &AcrossView::showResult);
     connect(&model_, &AppModel::acrossMoved, this, [this](const QString& text, bool) {

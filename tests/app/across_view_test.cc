@@ -113,8 +113,14 @@ void AcrossViewTest::searchListsTreesOnceAndMovesOnlyUnchangedCopies() {
         view.show();
         QAbstractItemModelTester tester(&view.results(), QAbstractItemModelTester::FailureReportingMode::QtTest);
         auto* search = view.findChild<QPushButton*>("search");
-        QVERIFY(!search->isEnabled());  // one disk is not "across"
-        view.setFolders({left, right});
+        QVERIFY(!search->isEnabled());  // no folder, or one, is not "across"
+        // The Scan screen's folders, chosen after this screen was made, are offered and taken.
+        auto* useScanFolders = view.findChild<QPushButton*>("useScanFolders");
+        QVERIFY(!useScanFolders->isEnabled());
+        model.add({QString::fromStdString(left), QString::fromStdString(right)});
+        QVERIFY(useScanFolders->isEnabled());
+        QTest::mouseClick(useScanFolders, Qt::LeftButton);
+        QCOMPARE(view.folders(), (std::vector<std::string>{left, right}));
         QVERIFY(search->isEnabled());
         // Cancelled at once: the screen lists nothing rather than part of the answer.
         QTest::mouseClick(search, Qt::LeftButton);
