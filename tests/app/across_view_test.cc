@@ -94,7 +94,10 @@ void AcrossViewTest::searchListsTreesOnceAndMovesOnlyUnchangedCopies() {
     auto xfs = LoopVolume::create(LoopVolume::Kind::xfs);
     const std::string left = btrfs->path("home"), right = xfs->path("backup");
     makeAlbum(left + "/Photos");
-    makeAlbum(right + "/Photos");
+    // An old disk's name that is not UTF-8 ("Photos \xe9t\xe9" in Latin-1) must reach the Trash
+    // byte for byte.
+    const std::string backupPhotos = right + "/Photos \xe9t\xe9";
+    makeAlbum(backupPhotos);
     test::writeRandomFile(left + "/film.mkv", 600000, 33);
     test::writeRandomFile(right + "/Videos/film.mkv", 600000, 33);
     // Nearly the same: one file changed, one only on the backup.
@@ -139,7 +142,7 @@ void AcrossViewTest::searchListsTreesOnceAndMovesOnlyUnchangedCopies() {
         AcrossModel& results = view.results();
         auto trees = groupsOfKind(results, AcrossModel::Kind::tree);
         QCOMPARE(trees.size(), 1);
-        QCOMPARE(results.copiesOf(trees[0]), (std::vector<std::string>{left + "/Photos", right + "/Photos"}));
+        QCOMPARE(results.copiesOf(trees[0]), (std::vector<std::string>{left + "/Photos", backupPhotos}));
         QVERIFY(!copyAt(results, left + "/Photos/2024").isValid());
         QVERIFY(!copyAt(results, left + "/Photos/2024/beach.jpg").isValid());
         const QModelIndex film = copyAt(results, left + "/film.mkv");
@@ -175,16 +178,16 @@ void AcrossViewTest::searchListsTreesOnceAndMovesOnlyUnchangedCopies() {
 
         // Cancelled at the confirmation: nothing happens at all.
         QSignalSpy moves(&model, &AppModel::acrossMoved);
-        moveThroughTheButton(view, copyAt(results, right + "/Photos"), false);
+        moveThroughTheButton(view, copyAt(results, backupPhotos), false);
         QVERIFY(!model.acrossBusy());
-        QVERIFY(fs::exists(right + "/Photos/2024/beach.jpg"));
+        QVERIFY(fs::exists(backupPhotos + "/2024/beach.jpg"));
 
         // The backup's tree goes to its own disk's Trash; the list no longer offers it.
-        moveThroughTheButton(view, copyAt(results, right + "/Photos"), true);
+        moveThroughTheButton(view, copyAt(results, backupPhotos), true);
         QTRY_VERIFY_WITH_TIMEOUT(moves.size() == 1, 60000);
         QVERIFY2(view.outcome().contains("is in the Trash"), qPrintable(view.outcome()));
-        QVERIFY(!fs::exists(right + "/Photos"));
-        QCOMPARE(test::readFile(trash.toStdString() + "/files/Photos/2024/trip/notes.txt"), std::string("day one"));
+        QVERIFY(!fs::exists(backupPhotos));
+        QCOMPARE(test::readFile(trash.toStdString() + "/files/Photos \xe9t\xe9/2024/trip/notes.txt"), std::string("day one"));
         QVERIFY(fs::exists(left + "/Photos/2024/beach.jpg"));
         QVERIFY(groupsOfKind(results, AcrossModel::Kind::tree).isEmpty());
         QVERIFY(!copyAt(results, left + "/Photos").isValid());
@@ -194,7 +197,7 @@ void AcrossViewTest::searchListsTreesOnceAndMovesOnlyUnchangedCopies() {
         auto entries = journal.entries();
         QVERIFY(!entries.empty());
         QCOMPARE(entries.back().event, JournalEntry::Event::trashed);
-        QCOMPARE(entries.back().target, right + "/Photos");
+        QCOMPARE(entries.back().target, backupPhotos);
         QCOMPARE(entries.back().source, std::optional<std::string>(left + "/Photos"));
         view.close();
         AppModel::waitForTasks();
