@@ -46,10 +46,11 @@ void AppModel::searchAcross(const std::vector<std::string>& paths, bool folders)
     setAcrossBusy(true);
     emit acrossProgressChanged();
 
-    tasks::run([paths, folders, cachePath = places_.cache + "/hashes.sqlite", weak = weak_, cancel = acrossCancel_] {
+    tasks::run([paths, folders, cachePath = places_.cache + "/hashes.sqlite", journalPath = file("journal.jsonl"),
+                weak = weak_, cancel = acrossCancel_] {
         std::unique_ptr<HashCache> cache;
         try {
-            cache = std::make_unique<HashCache>(cachePath);
+            cache = std::make_unique<HashCache>(cachePath, journalPath);
         } catch (const std::exception&) {
             // Without the digest cache the search only reads more.
         }
