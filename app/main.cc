@@ -7,12 +7,16 @@
 #include <QMessageBox>
 
 #include "app_model.h"
+#include "automation_client.h"
+#include "automation_service.h"
 #include "desktop_session.h"
 #include "main_window.h"
 
 int main(int argc, char** argv) {
     // The icon lives in a static library, whose resources the linker would otherwise drop.
     Q_INIT_RESOURCE(app_resources);
+    // A folder menu or a script asking for one action needs no window, nor even a display.
+    if (int code = 0; dedup::app::handleActionCommand(argc, argv, code)) return code;
     QApplication application(argc, argv);
     QApplication::setApplicationName("VELMORA.dedup");
     QApplication::setOrganizationName("VELMORA");
@@ -24,6 +28,10 @@ int main(int argc, char** argv) {
     QCommandLineOption background("background", "Start without a window, as at login; ends at once unless "
                                                 "automatic reclaiming is on.");
     parser.addOption(background);
+    // Handled above; declared so that --help lists it.
+    parser.addOption(QCommandLineOption("action", "Run one action on folders without the window: find, reclaim or "
+                                                  "true-size (with --json, answer in JSON).",
+                                        "action"));
     parser.process(application);
 
     dedup::app::quitOnTerminationSignals();
@@ -39,6 +47,10 @@ int main(int argc, char** argv) {
                                   .arg(QString::fromUtf8(error.what())));
         return 1;
     }
+
+    // Scripts and the file managers' menus reach the actions through the copy the user sees.
+    dedup::app::AutomationService automation({model->places().data, model->places().cache});
+    automation.exportOn(QDBusConnection::sessionBus());
 
     int code = 0;
     {
