@@ -108,15 +108,16 @@ bool notifyDesktop(QDBusConnection bus, const QString& title, const QString& bod
 
 bool handleActionCommand(int argc, char** argv, int& exitCode) {
     std::vector<std::string_view> args(argv + 1, argv + argc);
-    auto at = std::find(args.begin(), args.end(), std::string_view("--action"));
-    if (at == args.end()) return false;
+    auto end = std::find(args.begin(), args.end(), std::string_view("--"));
+    auto at = std::find(args.begin(), end, std::string_view("--action"));
+    if (at == end) return false;
 
     QCoreApplication application(argc, argv);
     QCoreApplication::setApplicationName("VELMORA.dedup");
     QCoreApplication::setOrganizationName("VELMORA");
     const char* usageText =
         "usage: velmora-dedup --action find|reclaim|true-size [--json] FOLDER...\n";
-    if (at + 1 == args.end()) {
+    if (at + 1 == end) {
         std::cerr << usageText;
         exitCode = 2;
         return true;
@@ -129,13 +130,16 @@ bool handleActionCommand(int argc, char** argv, int& exitCode) {
         return true;
     }
     bool json = false;
+    bool onlyFolders = false;  // after "--": a folder may be named "--json"
     std::vector<std::string> folders;
     for (auto it = args.begin(); it != args.end(); ++it) {
-        if (it == at || it == at + 1) continue;
-        if (*it == "--json") {
+        if (!onlyFolders && (it == at || it == at + 1)) continue;
+        if (onlyFolders) {
+            folders.emplace_back(*it);
+        } else if (*it == "--json") {
             json = true;
         } else if (*it == "--") {
-            continue;
+            onlyFolders = true;
         } else if (it->starts_with("--")) {
             std::cerr << "velmora-dedup: unknown option " << *it << "\n" << usageText;
             exitCode = 2;
