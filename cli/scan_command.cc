@@ -179,6 +179,8 @@ int runScan(const ScanArguments& arguments, std::ostream& out) { return scanAndR
 void addScanCommands(CLI::App& app, Commands& commands) {
     static ScanArguments arguments;
     auto* scan = app.add_subcommand("scan", "Find identical files and show what reclaiming them would free");
+    // The name of the desktop's "Find Identical Files" action, for scripts written against it.
+    scan->alias("find");
     addScanOptions(*scan, arguments);
     static ReportFiles reports;
     scan->add_option("--csv", reports.csv, "Also write every file found, with what replacing it frees, as CSV");
