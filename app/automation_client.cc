@@ -13,7 +13,6 @@
 #include <QDBusMessage>
 #include <QDBusPendingCallWatcher>
 #include <QEventLoop>
-#include <QVariantMap>
 
 #include "automation_service.h"
 #include "desktop_session.h"
@@ -97,12 +96,9 @@ ActionOutcome runHere(AutomationAction action, const std::optional<std::string>&
 
 bool notifyDesktop(QDBusConnection bus, const QString& title, const QString& body) {
     if (!bus.isConnected()) return false;
-    QDBusMessage message = QDBusMessage::createMethodCall(
-        "org.freedesktop.Notifications", "/org/freedesktop/Notifications", "org.freedesktop.Notifications", "Notify");
-    message << QString("VELMORA.dedup") << uint(0) << QString("org.velmora.dedup") << title << body << QStringList()
-            << QVariantMap() << int(-1);
-    message.setAutoStartService(true);
-    QDBusMessage reply = callAndWait(bus, message, 5000);
+    // Waited for, unlike the application's own notes: a command that ends at once could not tell
+    // whether anyone showed the answer.
+    QDBusMessage reply = callAndWait(bus, notificationCall(title, body), 5000);
     return reply.type() == QDBusMessage::ReplyMessage;
 }
 

@@ -49,8 +49,9 @@ int main(int argc, char** argv) {
     }
 
     // Scripts and the file managers' menus reach the actions through the copy the user sees.
-    dedup::app::AutomationService automation({model->places().data, model->places().cache});
-    automation.exportOn(QDBusConnection::sessionBus());
+    auto automation = std::make_unique<dedup::app::AutomationService>(
+        dedup::app::ActionPlaces{model->places().data, model->places().cache});
+    automation->exportOn(QDBusConnection::sessionBus());
 
     int code = 0;
     {
@@ -69,6 +70,8 @@ int main(int argc, char** argv) {
     }
     // A reclaim under way finishes the replacement it is in, then stops; the process ends after.
     model->cancelCurrent();
+    // Actions asked for over the bus stop too; a reclaim among them finishes its replacement first.
+    automation.reset();
     model.reset();
     dedup::app::AppModel::waitForTasks();
     return code;
