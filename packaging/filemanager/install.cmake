@@ -1,6 +1,8 @@
 # The file managers' folder menus: each runs `velmora-dedup --action`, which asks the running
 # application over the session bus (or runs the engine itself) and shows the answer as a
-# notification. Included by the top-level install rules.
+# notification. Whoever installs the application includes this file; including it twice installs
+# them once.
+include_guard(GLOBAL)
 include(GNUInstallDirs)
 set(_menus ${CMAKE_CURRENT_LIST_DIR})
 
