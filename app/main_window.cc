@@ -171,7 +171,9 @@ void MainWindow::showEvent(QShowEvent* event) {
     QMainWindow::showEvent(event);
     if (shown_) return;
     shown_ = true;
-    if (updates_) updates_->check();
+#if DEDUP_UPDATE_CHECK
+    updates_->check();
+#endif
 }
 
 void MainWindow::showSettings() {
