@@ -114,6 +114,18 @@ private slots:
         }
         // Refused before the journal was even opened.
         QVERIFY(!QFile::exists(QString::fromStdString(dir.path("data/journal.jsonl"))));
+
+        // The application closing stops an action: no figure too small is given as the answer.
+        test::writeRandomFile(dir.path("docs/a.pdf"), 120000, 4);
+        test::writeFile(dir.path("docs/b.pdf"), test::readFile(dir.path("docs/a.pdf")));
+        for (auto action : {AutomationAction::find, AutomationAction::reclaim, AutomationAction::trueSize}) {
+            try {
+                runAction(action, dir.path("docs"), places, [] { return true; });
+                QFAIL("a stopped action answered");
+            } catch (const ActionError& error) {
+                QVERIFY(QString(error.what()).contains("closed before the answer was ready"));
+            }
+        }
     }
 
     void reclaimHonoursTheSavedSelectionAndIsJournalled() {
