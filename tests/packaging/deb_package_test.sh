@@ -37,6 +37,9 @@ dpkg-deb -c "$deb" | awk '$2 != "root/root"' | grep . && fail "files not owned b
 
 dpkg-deb -x "$deb" "$scratch/root" || fail "the package does not unpack"
 check_installed_tree "$scratch/root" /usr "$version"
+# As a software centre reads it: the metainfo, the desktop entry it launches and the icon together.
+appstreamcli validate-tree --no-net "$scratch/root" >"$scratch/tree.log" 2>&1 ||
+    fail "the package's AppStream data does not hold together: $(cat "$scratch/tree.log")"
 # Stripped: the debug information stays in the build, not in every user's /usr/bin.
 file "$scratch/root/usr/bin/dedup" "$scratch/root/usr/bin/velmora-dedup" | grep -q 'not stripped' &&
     fail "the programs are not stripped"
