@@ -133,9 +133,11 @@ std::string optionHead(const OptionEntry& option) {
     return head;
 }
 
-std::string optionsRoff(const std::vector<OptionEntry>& options) {
+std::string optionsRoff(const std::vector<OptionEntry>& options, bool withHelp) {
     std::string out;
     for (const auto& option : options) {
+        // Every command takes --help; the page says so once instead of under each command.
+        if (!withHelp && option.names.front() == "--help") continue;
         out += ".TP\n" + optionHead(option) + "\n" + roff(sentence(option.description));
         if (!option.fallback.empty()) out += " Default: " + roff(option.fallback) + ".";
         out += "\n";
@@ -168,7 +170,7 @@ std::string commandsRoff(const CommandEntry& root) {
             if (!argument.choices.empty()) out += " One of: " + roff(joined(argument.choices, ", ")) + ".";
             out += "\n";
         }
-        out += optionsRoff(command.options);
+        out += optionsRoff(command.options, false);
     });
     return out;
 }
@@ -217,7 +219,7 @@ void fillIn(std::string& page, const std::string& marker, const std::string& tex
 }
 
 std::string manPage(const CommandEntry& root, std::string page) {
-    fillIn(page, "@OPTIONS@", optionsRoff(root.options));
+    fillIn(page, "@OPTIONS@", optionsRoff(root.options, true));
     fillIn(page, "@COMMANDS@", commandsRoff(root));
     std::string exits;
     for (const auto& exit : kExitCodeMeanings) {

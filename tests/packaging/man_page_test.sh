@@ -30,8 +30,8 @@ while read -r command; do
 done < <(commands_of)
 ((checked >= 10)) || fail "only $checked commands found in dedup --help"
 
-# Every option of a command, as --help lists it, is in its section.
-for option in $("$dedup" reclaim --help | grep -o -- '--[a-z][a-z-]*' | sort -u); do
+# Every option of a command, as --help lists it, is in its section (--help itself is said once).
+for option in $("$dedup" reclaim --help | grep -o -- '--[a-z][a-z-]*' | grep -vx -- --help | sort -u); do
     awk '/^\.SS "reclaim"$/ {inside = 1; next} /^\.S[SH] / {inside = 0} inside' "$page" |
         grep -q -- "${option//-/\\\\-}" || fail "dedup reclaim's $option is not in its section"
 done
