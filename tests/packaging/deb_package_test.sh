@@ -35,6 +35,10 @@ done
 dpkg-deb -c "$deb" | awk '{print $6}' | grep -v -e '^\./usr/' -e '^\./$' && fail "files outside /usr"
 dpkg-deb -c "$deb" | awk '$2 != "root/root"' | grep . && fail "files not owned by root"
 
+# Debian's own checks of a package: a copyright and changelog, compressed man pages, description.
+lintian --fail-on error,warning --tag-display-limit 0 "$deb" >"$scratch/lintian.log" 2>&1 ||
+    fail "lintian: $(grep -v 'root privileges' "$scratch/lintian.log")"
+
 dpkg-deb -x "$deb" "$scratch/root" || fail "the package does not unpack"
 check_installed_tree "$scratch/root" /usr "$version"
 # As a software centre reads it: the metainfo, the desktop entry it launches and the icon together.

@@ -15,7 +15,8 @@ check_installed_tree() {
         share/icons/hicolor/scalable/apps/org.velmora.dedup.svg \
         share/icons/hicolor/48x48/apps/org.velmora.dedup.png \
         share/icons/hicolor/256x256/apps/org.velmora.dedup.png \
-        share/man/man1/dedup.1.gz share/man/man1/velmora-dedup.1 \
+        share/man/man1/dedup.1.gz share/man/man1/velmora-dedup.1.gz \
+        share/doc/velmora-dedup/copyright share/doc/velmora-dedup/changelog.gz \
         share/bash-completion/completions/dedup \
         share/zsh/vendor-completions/_dedup \
         share/fish/vendor_completions.d/dedup.fish \
