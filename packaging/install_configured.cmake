@@ -15,9 +15,12 @@ if(bindir MATCHES "[\"$`%\\\\]")
                       "cannot name a folder whose path holds \" $ ` % or a backslash. Choose another prefix.")
 endif()
 
-configure_file("${DEDUP_TEMPLATES}/dedup-auto.service.in" "${DEDUP_CONFIGURED}/dedup-auto.service" @ONLY)
-configure_file("${DEDUP_TEMPLATES}/velmora-dedup-auto.desktop.in" "${DEDUP_CONFIGURED}/velmora-dedup-auto.desktop" @ONLY)
+# One folder per destination: an install and a package build at the same time must not hand each
+# other their files.
+string(MD5 destination "$ENV{DESTDIR}|${CMAKE_INSTALL_PREFIX}")
+set(written "${DEDUP_CONFIGURED}/${destination}")
+configure_file("${DEDUP_TEMPLATES}/dedup-auto.service.in" "${written}/dedup-auto.service" @ONLY)
+configure_file("${DEDUP_TEMPLATES}/velmora-dedup-auto.desktop.in" "${written}/velmora-dedup-auto.desktop" @ONLY)
 # systemd looks for user units in <prefix>/lib/systemd/user, never in a multiarch library folder.
-file(INSTALL "${DEDUP_CONFIGURED}/dedup-auto.service" DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/systemd/user")
-file(INSTALL "${DEDUP_CONFIGURED}/velmora-dedup-auto.desktop"
-     DESTINATION "${CMAKE_INSTALL_PREFIX}/${DEDUP_DATADIR}/velmora-dedup")
+file(INSTALL "${written}/dedup-auto.service" DESTINATION "${CMAKE_INSTALL_PREFIX}/lib/systemd/user")
+file(INSTALL "${written}/velmora-dedup-auto.desktop" DESTINATION "${CMAKE_INSTALL_PREFIX}/${DEDUP_DATADIR}/velmora-dedup")
