@@ -397,8 +397,9 @@ std::string fishCompletion(const CommandEntry& root) {
     out += R"SHELL(    end
 end
 
-# The commands chosen so far on the line being completed, as "journal verify".
-function __dedup_path
+# The commands chosen so far on the line being completed, as "journal verify", and on the next line
+# how many arguments follow them.
+function __dedup_state
     set -l cmdpath
     set -l skip 0
     set -l arguments 0
@@ -418,10 +419,18 @@ function __dedup_path
         end
     end
     echo "$cmdpath"
+    echo $arguments
 end
 
+# __dedup_at PATH...: the line is at that command. __dedup_argument N PATH...: and at its N-th argument.
 function __dedup_at
-    test "$(__dedup_path)" = "$argv"
+    set -l state (__dedup_state)
+    test "$state[1]" = "$argv"
+end
+
+function __dedup_argument
+    set -l state (__dedup_state)
+    test "$state[1]" = "$argv[2..-1]"; and test "$state[2]" = $argv[1]
 end
 
 # No file names unless a command takes them.
@@ -444,8 +453,12 @@ complete -c dedup -f
             }
             out += " -d " + quoted(option.description) + "\n";
         }
-        for (const auto& argument : command.arguments) {
-            out += "complete -c dedup" + at +
+        for (std::size_t i = 0; i < command.arguments.size(); ++i) {
+            const auto& argument = command.arguments[i];
+            // An argument's values in its own place only; a list of folders from its place on.
+            const std::string place =
+                argument.many ? at : " -n " + quoted("__dedup_argument " + std::to_string(i) + " " + pathKey(command));
+            out += "complete -c dedup" + place +
                    (argument.choices.empty() ? std::string(" -F") : " -a " + quoted(joined(argument.choices))) + "\n";
         }
     });

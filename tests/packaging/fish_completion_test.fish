@@ -35,6 +35,8 @@ check "the commands below a command" "dedup journal " +verify +recover +restore 
 check "the options of a command two deep" "dedup journal verify -" +--json
 check "an option's accepted values" "dedup reclaim --strategy " +auto +in-place +clone -journal/
 check "an argument's accepted values" "dedup backup-disk " +add +remove +list
+check "an argument's values only in its place" "dedup backup-disk add " -add -remove +journal/
+check "no file names where only values go" "dedup backup-disk " -journal/
 check "folder names for a command's folders" "dedup scan Pic" "+Pictures 2024/"
 check "file names for an option's value" "dedup scan --csv jo" +journal/
 check "a folder argument is no command" "dedup scan journal " -verify
