@@ -184,6 +184,12 @@ std::string quoted(const std::string& text) {
     return out + "'";
 }
 
+std::string heading(const std::string& shell) {
+    return "# " + shell +
+           " completion for dedup: its commands, their options and the values they accept.\n"
+           "# Written at build time from the command's own definitions.\n\n";
+}
+
 std::string pathKey(const CommandEntry& command) { return joined(command.path); }
 
 // The rows of the table every completion reads: (key, words). Keys are "<path>|commands",
@@ -230,9 +236,7 @@ std::string manPage(const CommandEntry& root, std::string page) {
 }
 
 std::string bashCompletion(const CommandEntry& root) {
-    std::string out =
-        "# bash completion for dedup: its commands, their options and the values they accept.\n"
-        "# Written at build time from the command's own definitions.\n\n"
+    std::string out = heading("bash") +
         "_dedup_table() {\n    case \"$1\" in\n";
     for (const auto& [key, words] : tableRows(root)) {
         out += "        " + quoted(key) + ") REPLY=" + quoted(joined(words)) + " ;;\n";
@@ -307,9 +311,7 @@ complete -F _dedup dedup
 
 std::string zshCompletion(const CommandEntry& root) {
     std::string out =
-        "#compdef dedup\n"
-        "# zsh completion for dedup: its commands, their options and the values they accept.\n"
-        "# Written at build time from the command's own definitions.\n\n"
+        "#compdef dedup\n" + heading("zsh") +
         "_dedup_table() {\n  case $1 in\n";
     auto row = [&out](const std::string& key, const std::vector<std::string>& words) {
         out += "    " + quoted(key) + ") reply=(";
@@ -385,9 +387,7 @@ _dedup "$@"
 }
 
 std::string fishCompletion(const CommandEntry& root) {
-    std::string out =
-        "# fish completion for dedup: its commands, their options and the values they accept.\n"
-        "# Written at build time from the command's own definitions.\n\n"
+    std::string out = heading("fish") +
         "function __dedup_table\n    switch $argv[1]\n";
     for (const auto& [key, words] : tableRows(root)) {
         out += "        case " + quoted(key) + "\n            printf '%s\\n'";
