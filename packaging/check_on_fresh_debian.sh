@@ -10,6 +10,7 @@ command -v debootstrap >/dev/null || { echo "apt-get install debootstrap first" 
 version=$(dpkg-deb -f "$deb" Version)
 
 root=$(mktemp -d /tmp/fresh-debian.XXXXXX)
+chmod 755 "$root"  # apt in there downloads as its own user, who must reach its lists
 cleanup() {
     # Whatever still runs inside the scratch system ends before it is removed.
     local pid
@@ -24,7 +25,7 @@ trap cleanup EXIT
 
 echo "Making a minimal Debian 12 in $root..."
 debootstrap --variant=minbase bookworm "$root" http://deb.debian.org/debian >"$root.log" 2>&1 ||
-    { tail -20 "$root.log"; exit 1; }
+    { tail -20 "$root.log"; echo "debootstrap failed; its log is $root.log" >&2; exit 1; }
 rm -f "$root.log"
 cp /etc/resolv.conf "$root/etc/resolv.conf"
 cp "$deb" "$root/tmp/"
