@@ -20,8 +20,18 @@ std::vector<std::string> splitChoices(const std::string& list) {
 
 // CLI11 names a value "TEXT", "INT:INT in [1 - 256]" or "TEXT:{auto,in-place,clone}": the head is
 // the value's kind, a braced tail the accepted values.
-void readTypeName(const std::string& typeName, std::string& value, std::vector<std::string>& choices) {
+void readTypeName(const std::string& typeName, std::string& value, std::vector<std::string>& choices,
+                  std::string& range) {
     value = typeName.substr(0, typeName.find(':'));
+    // "[1 - 256]" reads "From 1 to 256"; a bound as large as the type's own says nothing.
+    const auto from = typeName.find(" in [");
+    const auto to = typeName.find(" - ", from);
+    const auto end = typeName.find(']', to);
+    if (from != std::string::npos && to != std::string::npos && end != std::string::npos) {
+        const std::string low = typeName.substr(from + 5, to - from - 5);
+        const std::string high = typeName.substr(to + 3, end - to - 3);
+        range = high.size() > 12 ? "At least " + low : "From " + low + " to " + high;
+    }
     const auto open = typeName.find('{');
     const auto close = typeName.find('}', open == std::string::npos ? 0 : open);
     if (open != std::string::npos && close != std::string::npos) {
@@ -37,8 +47,8 @@ CommandEntry describe(const CLI::App& app, std::vector<std::string> path) {
         if (option->get_positional()) {
             ArgumentEntry argument;
             argument.name = option->get_name(true, false);
-            std::string ignored;
-            readTypeName(option->get_type_name(), ignored, argument.choices);
+            std::string ignored, noRange;
+            readTypeName(option->get_type_name(), ignored, argument.choices, noRange);
             argument.description = option->get_description();
             argument.required = option->get_required();
             argument.many = option->get_expected_max() > 1;
@@ -49,7 +59,9 @@ CommandEntry describe(const CLI::App& app, std::vector<std::string> path) {
         for (const auto& name : option->get_lnames()) named.names.push_back("--" + name);
         for (const auto& name : option->get_snames()) named.names.push_back("-" + name);
         if (named.names.empty()) continue;
-        if (option->get_type_size_max() > 0) readTypeName(option->get_type_name(), named.value, named.choices);
+        if (option->get_type_size_max() > 0) {
+            readTypeName(option->get_type_name(), named.value, named.choices, named.range);
+        }
         named.fallback = option->get_default_str();
         named.description = option->get_description();
         entry.options.push_back(std::move(named));
@@ -118,7 +130,7 @@ std::string roff(const std::string& text) {
 }
 
 std::string sentence(std::string text) {
-    if (!text.empty() && text.back() != '.' && text.back() != ')') text += '.';
+    if (!text.empty() && text.back() != '.') text += '.';
     return text;
 }
 
@@ -139,6 +151,7 @@ std::string optionsRoff(const std::vector<OptionEntry>& options, bool withHelp) 
         // Every command takes --help; the page says so once instead of under each command.
         if (!withHelp && option.names.front() == "--help") continue;
         out += ".TP\n" + optionHead(option) + "\n" + roff(sentence(option.description));
+        if (!option.range.empty()) out += " " + roff(option.range) + ".";
         if (!option.fallback.empty()) out += " Default: " + roff(option.fallback) + ".";
         out += "\n";
     }

@@ -14,6 +14,7 @@ struct OptionEntry {
     std::vector<std::string> names;    // "--json", "-h"; long names first
     std::string value;                 // the value's name ("INT", "TEXT"); empty for a flag
     std::vector<std::string> choices;  // the only values accepted, where there is such a list
+    std::string range;                 // "From 1 to 256", where the parser checks one
     std::string fallback;              // the default, where the parser shows one
     std::string description;
 };
