@@ -43,6 +43,9 @@ CommandEntry describe(const CLI::App& app, std::vector<std::string> path) {
     CommandEntry entry;
     entry.path = std::move(path);
     entry.description = app.get_description();
+    // A second name is said where the first is described, so the page and the completions' hints
+    // show it without a section of its own.
+    for (const auto& alias : app.get_aliases()) entry.description += "; also called " + alias;
     for (const CLI::Option* option : app.get_options()) {
         if (option->get_positional()) {
             ArgumentEntry argument;

@@ -19,3 +19,7 @@ install(DIRECTORY ${_menus}/nemo/ DESTINATION ${CMAKE_INSTALL_DATADIR}/nemo/acti
 install(PROGRAMS "${_menus}/nautilus/Find Identical Files" "${_menus}/nautilus/Reclaim Identical Files"
                  "${_menus}/nautilus/What Deleting a Folder Frees"
         DESTINATION ${CMAKE_INSTALL_DATADIR}/velmora-dedup/nautilus-scripts)
+
+# Dolphin's executable bit on a .desktop file is what Debian's checker would otherwise warn about.
+install(FILES ${_menus}/lintian-overrides DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+        RENAME velmora-dedup)

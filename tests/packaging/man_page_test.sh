@@ -15,7 +15,7 @@ shown=$(MANWIDTH=100 man -l "$page" 2>/dev/null)
 
 # The commands as the parser knows them, from each command's --help.
 commands_of() {  # commands_of WORD...: the subcommands `dedup WORD... --help` lists
-    "$dedup" "$@" --help | awk '/^Subcommands:/ {listing = 1; next} listing && /^  [a-z]/ {print $1} listing && /^$/ {listing = 0}'
+    "$dedup" "$@" --help | awk '/^Subcommands:/ {listing = 1; next} listing && /^  [a-z]/ {sub(/,$/, "", $1); print $1} listing && /^$/ {listing = 0}'
 }
 checked=0
 while read -r command; do
