@@ -39,7 +39,8 @@ MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), 
     screens_ = new QStackedWidget(this);
     screens_->addWidget(scan_);
     screens_->addWidget(trueSize_);
-    screens_->addWidget(new AcrossView(this));
+    across_ = new AcrossView(model_, this);
+    screens_->addWidget(across_);
     screens_->addWidget(automatic_);
     screens_->addWidget(journal_);
 

@@ -12,6 +12,7 @@ class QStackedWidget;
 
 namespace dedup::app {
 
+class AcrossView;
 class AppModel;
 class AutomaticView;
 class JournalView;
@@ -30,6 +31,7 @@ public:
     QWidget* screen(Screen screen) const;
     ScanView* scanView() const { return scan_; }
     TrueSizeView* trueSizeView() const { return trueSize_; }
+    AcrossView* acrossView() const { return across_; }
     AutomaticView* automaticView() const { return automatic_; }
     JournalView* journalView() const { return journal_; }
     // Made on first use, kept afterwards.
@@ -44,6 +46,7 @@ private:
     QStackedWidget* screens_;
     ScanView* scan_;
     TrueSizeView* trueSize_;
+    AcrossView* across_;
     AutomaticView* automatic_;
     JournalView* journal_;
     QDialog* settings_ = nullptr;

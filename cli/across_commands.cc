@@ -102,6 +102,8 @@ std::string absolutePath(const std::string& path) {
 
 int runTrash(const std::string& path, const std::string& keep, bool json) {
     auto journal = openJournal();
+    // A move cut short earlier is closed first, so the journal never holds two open moves of one path.
+    for (const auto& cut : TrashMover::recoverInterrupted(*journal)) std::cerr << cut.describe() << "\n";
     TrashOutcome outcome = TrashMover::moveCopy(absolutePath(path), absolutePath(keep), *journal);
     if (json) {
         nlohmann::json out = {{"result", outcome.result == TrashOutcome::Result::moved     ? "moved"
