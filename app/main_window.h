@@ -18,6 +18,8 @@ class AutomaticView;
 class JournalView;
 class ScanView;
 class TrueSizeView;
+class UpdateBar;
+class UpdateCheck;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -36,9 +38,19 @@ public:
     JournalView* journalView() const { return journal_; }
     // Made on first use, kept afterwards.
     QDialog* settingsWindow();
+    // The check for a newer release; null where the build leaves it out.
+    UpdateCheck* updateCheck() const { return updates_; }
+    UpdateBar* updateBar() const { return updateBar_; }
+    // The About box's text: the version, the licence and the project's address.
+    static QString aboutText();
 
 public slots:
     void showSettings();
+    void showAbout();
+
+protected:
+    // The update check starts once, when the window first appears.
+    void showEvent(QShowEvent* event) override;
 
 private:
     AppModel& model_;
@@ -50,6 +62,9 @@ private:
     AutomaticView* automatic_;
     JournalView* journal_;
     QDialog* settings_ = nullptr;
+    UpdateCheck* updates_ = nullptr;
+    UpdateBar* updateBar_ = nullptr;
+    bool shown_ = false;
 };
 
 }  // namespace dedup::app

@@ -4,7 +4,7 @@
 #include <iostream>
 #include <string>
 
-#include "command.h"
+#include "command_line.h"
 #include "exit_codes.h"
 
 int main(int argc, char** argv) {
@@ -13,16 +13,9 @@ int main(int argc, char** argv) {
     // its own that keeps what it freed: on a tree of 100,000 files that is a tenth of the peak
     // memory. One arena serves them all; they wait on the disk far longer than on its lock.
     mallopt(M_ARENA_MAX, 1);
-    CLI::App app{"Finds files of identical content and gives back the space the extra copies take."};
-    app.name("dedup");
-    app.require_subcommand(1);
-
+    CLI::App app;
     Commands commands;
-    addScanCommands(app, commands);
-    addReclaimCommands(app, commands);
-    addSpaceCommands(app, commands);
-    addAutoCommands(app, commands);
-    addAcrossCommands(app, commands);
+    declareCommandLine(app, commands);
 
     try {
         app.parse(argc, argv);

@@ -479,7 +479,7 @@ void addReclaimCommands(CLI::App& app, Commands& commands) {
         app.add_subcommand("reclaim", "Make the extra copies share the blocks of the copy that is kept");
     addScanOptions(*reclaimCommand, reclaim.scan);
     reclaimCommand->add_flag("--dry-run", reclaim.dryRun, "Show what would be replaced and freed; change nothing");
-    reclaimCommand->add_option("--strategy", reclaim.strategy, "auto, in-place or clone")
+    reclaimCommand->add_option("--strategy", reclaim.strategy, "How copies are replaced: auto, in-place or clone")
         ->check(CLI::IsMember({"auto", "in-place", "clone"}))
         ->capture_default_str();
     reclaimCommand->add_flag("--trash", reclaim.trash, "Move replaced copies to the Trash instead of removing them");
