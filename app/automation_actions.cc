@@ -86,7 +86,8 @@ std::string checkedFolder(const std::optional<std::string>& folder) {
 // The digest cache only saves reading: without it the same groups are found.
 std::unique_ptr<HashCache> openCache(const ActionPlaces& places) {
     try {
-        return std::make_unique<HashCache>(places.cache + "/hashes.sqlite");
+        // The journal of these places: its changes tell the cache that blocks were shared.
+        return std::make_unique<HashCache>(places.cache + "/hashes.sqlite", places.data + "/journal.jsonl");
     } catch (const std::exception&) {
         return nullptr;
     }
