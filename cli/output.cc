@@ -1,6 +1,8 @@
 #include "output.h"
 
 #include <algorithm>
+#include <charconv>
+#include <concepts>
 #include <cctype>
 #include <cstring>
 #include <map>
@@ -10,7 +12,6 @@
 #include <nlohmann/json.hpp>
 
 #include "byte_format.h"
-#include "parallel.h"
 #include "path_text.h"
 #include "reclaim_plan.h"
 #include "replaceability.h"
@@ -26,23 +27,145 @@ std::string jsonLine(const nlohmann::json& value) {
     return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+namespace {
+
+// JSON text written straight into a string, with no tree in between: building nlohmann's tree for
+// each of tens of thousands of grouped files cost more than the grouping itself. The text is the
+// same as jsonLine() gives for the same values (keys sorted, nothing escaped that it leaves as is),
+// so programs reading either see one format.
+class JsonAppender {
+public:
+    explicit JsonAppender(std::string& out) : out_(out) {}
+
+    void number(std::integral auto value) {
+        char digits[24];
+        out_.append(digits, std::to_chars(digits, digits + sizeof digits, value).ptr);
+    }
+
+    // `text` is valid UTF-8 (paths go through pathText first; digests are hexadecimal), so only
+    // quotes, backslashes and control characters need escaping.
+    void string(std::string_view text) {
+        static constexpr char hex[] = "0123456789abcdef";
+        out_.push_back('"');
+        size_t plain = 0;
+        for (size_t i = 0; i < text.size(); ++i) {
+            auto c = static_cast<unsigned char>(text[i]);
+            if (c >= 0x20 && c != '"' && c != '\\') continue;
+            out_.append(text.substr(plain, i - plain));
+            plain = i + 1;
+            switch (c) {
+                case '"': out_.append("\\\""); break;
+                case '\\': out_.append("\\\\"); break;
+                case '\b': out_.append("\\b"); break;
+                case '\f': out_.append("\\f"); break;
+                case '\n': out_.append("\\n"); break;
+                case '\r': out_.append("\\r"); break;
+                case '\t': out_.append("\\t"); break;
+                default:
+                    out_.append("\\u00");
+                    out_.push_back(hex[c >> 4]);
+                    out_.push_back(hex[c & 0xF]);
+            }
+        }
+        out_.append(text.substr(plain));
+        out_.push_back('"');
+    }
+
+    void key(std::string_view name) {
+        out_.push_back('"');
+        out_.append(name);
+        out_.append("\":");
+    }
+
+    void timestamp(const Timestamp& t) {
+        out_.append("{\"nanoseconds\":");
+        number(t.nanoseconds);
+        out_.append(",\"seconds\":");
+        number(t.seconds);
+        out_.push_back('}');
+    }
+
+    void file(const ScannedFile& f) {
+        out_.push_back('{');
+        if (f.clones) {
+            out_.append("\"clones\":{\"cloneID\":");
+            number(f.clones->cloneID);
+            out_.append(",\"privateSize\":");
+            number(f.clones->privateSize);
+            out_.append(",\"references\":");
+            number(f.clones->references);
+            out_.append("},");
+        }
+        key("path");
+        string(pathText(f.path));
+        const FileStatus& s = f.status;
+        out_.append(",\"status\":{\"changed\":");
+        timestamp(s.changed);
+        out_.append(",\"device\":");
+        number(s.device);
+        out_.append(",\"flags\":");
+        number(s.flags);
+        out_.append(",\"gid\":");
+        number(s.gid);
+        out_.append(",\"inode\":");
+        number(s.inode);
+        out_.append(",\"links\":");
+        number(s.links);
+        out_.append(",\"mode\":");
+        number(s.mode);
+        out_.append(",\"modified\":");
+        timestamp(s.modified);
+        out_.append(",\"size\":");
+        number(s.size);
+        out_.append(",\"uid\":");
+        number(s.uid);
+        out_.append("}}");
+    }
+
+    void group(const DuplicateGroup& g) {
+        out_.append("{\"digest\":");
+        string(g.digest);
+        out_.append(",\"files\":[");
+        for (size_t i = 0; i < g.files.size(); ++i) {
+            if (i > 0) out_.push_back(',');
+            file(g.files[i]);
+        }
+        out_.append("],\"reclaimableBytes\":");
+        number(g.reclaimableBytes);
+        out_.push_back('}');
+    }
+
+private:
+    std::string& out_;
+};
+
+}  // namespace
+
+std::string groupJsonLine(const DuplicateGroup& group) {
+    std::string text;
+    JsonAppender(text).group(group);
+    return text;
+}
+
 void writeScanJson(std::ostream& out, const ScanResult& result, const std::string& putRight) {
     const auto text = jsonLine;
     // Keys in sorted order, as every JSON this system writes.
     out << "{\"bytesRead\":" << result.bytesRead << ",\"cancelled\":" << (result.cancelled ? "true" : "false")
         << ",\"filesSeen\":" << result.filesSeen << ",\"groups\":[";
-    // Making a group's text costs more than writing it: the groups of a window are made on every
-    // core at once and written in order, so no more than one window's text is held.
-    constexpr size_t window = 256;
-    std::vector<std::string> texts;
-    for (size_t start = 0; start < result.groups.size(); start += window) {
-        texts.assign(std::min(window, result.groups.size() - start), std::string());
-        parallelFor(texts.size(), workersFor(0, false), [&](size_t k) { texts[k] = text(result.groups[start + k]); });
-        for (size_t k = 0; k < texts.size(); ++k) {
-            if (start + k > 0) out << ",";
-            out << "\n" << texts[k];
+    // Written a few hundred kilobytes at a time, so no more than that is held beside the result.
+    constexpr size_t flushAt = 256 << 10;
+    std::string buffer;
+    buffer.reserve(flushAt + (16 << 10));
+    JsonAppender json(buffer);
+    for (size_t i = 0; i < result.groups.size(); ++i) {
+        buffer.append(i > 0 ? ",\n" : "\n");
+        json.group(result.groups[i]);
+        if (buffer.size() >= flushAt) {
+            out << buffer;
+            buffer.clear();
         }
     }
+    out << buffer;
     out << "],\"leftovers\":" << text(pathTexts(result.leftovers));
     if (!putRight.empty()) out << ",\"putRightWith\":" << text(pathText(putRight));
     out << ",\"unreadableFiles\":" << text(pathTexts(result.unreadableFiles))

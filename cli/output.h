@@ -26,6 +26,8 @@ void printScanText(std::ostream& out, const ScanResult& result, const std::strin
 // The ScanResult's JSON, written one group at a time: building the whole document first would
 // take more memory than the scan itself. `putRight` is written as "putRightWith" when given.
 void writeScanJson(std::ostream& out, const ScanResult& result, const std::string& putRight = "");
+// One group as writeScanJson writes it: the same text as jsonLine(nlohmann::json(group)).
+std::string groupJsonLine(const DuplicateGroup& group);
 
 // The text as one shell word: "dedup journal recover '/home/ana/My Photos'" can be pasted as it is.
 std::string shellQuoted(const std::string& text);
