@@ -343,9 +343,23 @@ PlannedReclaim AppModel::planned() const {
     return plan;
 }
 
+ScanResult* AppModel::editableResult() {
+    if (!result_) return nullptr;
+    // Whoever still holds the value handed out (a reclaim under way, a list being built) keeps
+    // reading it unchanged; we go on with a copy of our own.
+    if (result_.use_count() > 1) result_ = std::make_shared<ScanResult>(*result_);
+    return result_.get();
+}
+
+void AppModel::dropResult() {
+    // A million paths take tens of milliseconds to hand back: that happens on a worker.
+    if (result_) tasks::run([old = std::move(result_)]() mutable { old.reset(); });
+    result_ = nullptr;
+}
+
 void AppModel::keepCopy(size_t group, size_t file) {
-    if (!result_ || group >= result_->groups.size()) return;
-    auto& files = result_->groups[group].files;
+    if (!result_ || group >= result_->groups.size() || file == 0 || file >= result_->groups[group].files.size()) return;
+    auto& files = editableResult()->groups[group].files;
     if (file == 0 || file >= files.size()) return;
     std::rotate(files.begin(), files.begin() + static_cast<std::ptrdiff_t>(file),
                 files.begin() + static_cast<std::ptrdiff_t>(file) + 1);
@@ -356,9 +370,10 @@ void AppModel::keepCopy(size_t group, size_t file) {
 void AppModel::keepCopies(const std::vector<std::pair<size_t, size_t>>& choices) {
     if (!result_) return;
     bool changed = false;
+    ScanResult& result = *editableResult();
     for (auto [group, file] : choices) {
-        if (group >= result_->groups.size()) continue;
-        auto& files = result_->groups[group].files;
+        if (group >= result.groups.size()) continue;
+        auto& files = result.groups[group].files;
         if (file == 0 || file >= files.size()) continue;
         std::rotate(files.begin(), files.begin() + static_cast<std::ptrdiff_t>(file),
                     files.begin() + static_cast<std::ptrdiff_t>(file) + 1);
@@ -412,7 +427,10 @@ bool AppModel::loadScan(const QString& file) {
     }
     const QByteArray bytes = in.readAll();
     try {
-        result_ = Report::load(std::string_view(bytes.constData(), static_cast<size_t>(bytes.size())));
+        auto loaded = std::make_shared<ScanResult>(
+            Report::load(std::string_view(bytes.constData(), static_cast<size_t>(bytes.size()))));
+        dropResult();
+        result_ = std::move(loaded);
     } catch (const std::exception& error) {
         setError(QString("%1 is not a saved scan: %2").arg(file, QString::fromUtf8(error.what())));
         return false;

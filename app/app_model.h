@@ -181,8 +181,10 @@ public:
     // The main-thread half of a scan's progress report: dropped when no scan runs any more.
     void acceptScanProgress(const ScanProgress& progress);
 
-    bool hasResult() const { return result_.has_value(); }
-    const std::optional<ScanResult>& result() const { return result_; }
+    bool hasResult() const { return result_ != nullptr; }
+    // The last scan's result, shared and never changed in place once handed out: views and
+    // background work read it without a copy. A change of the kept copy replaces the value.
+    std::shared_ptr<const ScanResult> result() const { return result_; }
     bool hasSummary() const { return summary_.has_value(); }
     const std::optional<ReclaimSummary>& summary() const { return summary_; }
     const std::optional<SpaceHolders>& spaceHolders() const { return spaceHolders_; }
@@ -312,7 +314,9 @@ private:
     void stopAutomatic();
     void refreshWaitingFor();
     void onAutomaticReclaim(const ReclaimSummary& summary);
-    void finishScan(ScanResult result, const QString& failure);
+    void finishScan(std::shared_ptr<ScanResult> result, const QString& failure);
+    ScanResult* editableResult();
+    void dropResult();
     void acceptReclaimProgress(const ReclaimProgress& progress);
     void finishReclaim(ReclaimSummary summary, std::optional<SpaceHolders> holders);
     void setJournalBusy(bool busy);
@@ -347,7 +351,8 @@ private:
     // Set while a reclaim by hand runs: the automatic reclaimers start no pass meanwhile.
     std::shared_ptr<std::atomic<bool>> reclaimingByHand_ = std::make_shared<std::atomic<bool>>(false);
 
-    std::optional<ScanResult> result_;
+    // Changed in place only while nothing else holds it (see editableResult).
+    std::shared_ptr<ScanResult> result_;
     std::optional<ReclaimSummary> summary_;
     std::optional<SpaceHolders> spaceHolders_;
     QString error_;

@@ -50,7 +50,7 @@ void AppModel::setPhase(Phase phase) {
 void AppModel::scan() {
     if (phase_ != Phase::idle || sources_.empty()) return;
     if (result_) {
-        result_.reset();
+        dropResult();
         emit resultChanged();
         emit reclaimableBytesChanged();
     }
@@ -86,7 +86,7 @@ void AppModel::scan() {
         }
         cache.reset();
         tasks::onMainThread([weak, result, failure] {
-            if (weak->value) weak->value->finishScan(std::move(*result), failure);
+            if (weak->value) weak->value->finishScan(result, failure);
         });
     });
 }
@@ -98,8 +98,9 @@ void AppModel::acceptScanProgress(const ScanProgress& progress) {
     emit progressChanged();
 }
 
-void AppModel::finishScan(ScanResult result, const QString& failure) {
+void AppModel::finishScan(std::shared_ptr<ScanResult> result, const QString& failure) {
     if (failure.isEmpty()) {
+        dropResult();
         result_ = std::move(result);
         emit resultChanged();
         emit reclaimableBytesChanged();
@@ -118,23 +119,28 @@ void AppModel::reclaim() {
         return;
     }
     cancel_ = std::make_shared<CancelFlag>();
-    auto groups = std::make_shared<const std::vector<DuplicateGroup>>(result_->groups);
-    const auto targets = Report::targets(*groups, selection_);
-    reclaimProgress_ = ReclaimProgress{0, static_cast<int64_t>(targets.size()), 0, {}};
+    // The worker reads the result as it is now; a copy of a million files would stall the window.
+    std::shared_ptr<const ScanResult> scanned = result_;
+    reclaimProgress_ = ReclaimProgress{};
     *reclaimingByHand_ = true;
     setPhase(Phase::reclaiming);
     emit progressChanged();
 
     std::optional<std::string> firstSource;
     if (!sources_.empty()) firstSource = sources_.front();
-    tasks::run([groups, selection = selection_, engine = engine(), journal = journal_, weak = weak_,
+    tasks::run([scanned, selection = selection_, engine = engine(), journal = journal_, weak = weak_,
                 cancel = cancel_, firstSource] {
         // `journal` keeps the engine's journal alive even if the model is closed meanwhile.
         (void)journal;
+        // How many copies there are to do is counted here, off the main thread.
+        const auto total = static_cast<int64_t>(Report::targets(scanned->groups, selection).size());
+        tasks::onMainThread([weak, total] {
+            if (weak->value) weak->value->acceptReclaimProgress(ReclaimProgress{0, total, 0, {}});
+        });
         Reclaimer reclaimer{engine};
         auto update = std::make_shared<LastUpdate>();
         auto summary = std::make_shared<ReclaimSummary>(reclaimer.reclaim(
-            *groups, selection,
+            scanned->groups, selection,
             [&](const ReclaimProgress& progress) {
                 if (!update->due()) return;
                 tasks::onMainThread([weak, progress] {

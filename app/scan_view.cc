@@ -257,6 +257,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     connect(&groups_, &GroupsModel::keepRequested, this,
             [this](int group, int file) { model_.keepCopy(static_cast<size_t>(group), static_cast<size_t>(file)); });
     connect(&groups_, &GroupsModel::reclaimableChanged, this, &ScanView::showTotal);
+    connect(&groups_, &GroupsModel::busyChanged, this, &ScanView::showTotal);
 
     connect(&model_, &AppModel::sourcesChanged, this, [this] {
         folders_->clear();
@@ -365,7 +366,6 @@ void ScanView::showPhase() {
     addFolders_->setEnabled(idle);
     removeFolder_->setEnabled(idle && !folders_->selectedItems().isEmpty());
     profile_->setEnabled(idle);
-    keepEvery_->setEnabled(idle && model_.result() && !model_.result()->groups.empty());
     options_->setEnabled(idle);
     folders_->setEnabled(idle);
     showTotal();
@@ -403,7 +403,7 @@ void ScanView::showProgress() {
 void ScanView::showResult() {
     const auto& result = model_.result();
     if (result) {
-        groups_.setResult(*result, model_.selection());
+        groups_.setResult(result, model_.selection());
         list_->header()->setSortIndicator(GroupsModel::freesColumn, Qt::DescendingOrder);
         QStringList notes;
         if (result->groups.empty()) notes << tr("No identical files were found.");
@@ -421,19 +421,24 @@ void ScanView::showResult() {
     } else {
         groups_.clear();
     }
-    keepEvery_->setEnabled(model_.phase() == AppModel::Phase::idle && result && !result->groups.empty());
     showTotal();
 }
 
 void ScanView::showTotal() {
     const bool idle = model_.phase() == AppModel::Phase::idle;
-    const int64_t bytes = model_.result() ? groups_.reclaimableBytes() : 0;
-    if (!model_.result()) {
+    const auto result = model_.result();
+    // While the list is being prepared its figures are not yet those of the result.
+    const bool ready = result && !groups_.busy();
+    const int64_t bytes = ready ? groups_.reclaimableBytes() : 0;
+    if (!result) {
         total_->setText(model_.phase() == AppModel::Phase::scanning ? tr("Scanning…") : tr("Nothing scanned yet"));
+    } else if (!ready) {
+        total_->setText(tr("Preparing the list…"));
     } else {
         total_->setText(tr("%1 to reclaim").arg(bytesText(bytes)));
     }
     reclaim_->setEnabled(idle && bytes > 0);
+    keepEvery_->setEnabled(idle && ready && !result->groups.empty());
 }
 
 QModelIndex ScanView::currentFile() const {
@@ -493,8 +498,10 @@ void ScanView::compareSelected() {
 }
 
 void ScanView::startReclaim() {
-    if (model_.phase() != AppModel::Phase::idle || !model_.result()) return;
-    const PlannedReclaim plan = model_.planned();
+    if (model_.phase() != AppModel::Phase::idle || !model_.result() || groups_.busy()) return;
+    // The list keeps these figures up to date as the selection changes; counting them afresh would
+    // take a pass over every file.
+    const PlannedReclaim plan{groups_.copiesToReclaim(), groups_.groupsToReclaim(), groups_.reclaimableBytes()};
     if (plan.copies == 0) return;
     QMessageBox ask(QMessageBox::Question, tr("Reclaim"),
                     tr("Make %n copies in %1 groups share the blocks of the copy kept, freeing %2?", "",

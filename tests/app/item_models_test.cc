@@ -47,6 +47,9 @@ ScanResult sampleResult() {
     return r;
 }
 
+// The list's workers have answered and their answers are installed.
+bool settled(const GroupsModel& m) { return QTest::qWaitFor([&] { return !m.busy(); }, 20000); }
+
 std::vector<QString> names(const GroupsModel& m) {
     std::vector<QString> result;
     for (int row = 0; row < m.rowCount(); ++row) result.push_back(m.index(row, 0).data().toString());
@@ -71,7 +74,8 @@ void ItemModelsTest::groupsShowLargestFirstKeptCopyFirstAndEngineFigures() {
     GroupsModel m;
     QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
     ScanResult r = sampleResult();
-    m.setResult(r, {});
+    m.setResult(std::make_shared<const ScanResult>(r), {});
+    QVERIFY(settled(m));
     QCOMPARE(m.rowCount(), 4);
     QCOMPARE(m.index(0, GroupsModel::nameColumn).data().toString(), QString("big.iso"));
     QCOMPARE(m.reclaimableBytes(), Report::reclaimableBytes(r.groups, {}));
@@ -95,7 +99,8 @@ void ItemModelsTest::selectionChangesGiveTheEngineTotalForEveryFolderAndFile() {
     GroupsModel m;
     QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
     ScanResult r = sampleResult();
-    m.setResult(r, {});
+    m.setResult(std::make_shared<const ScanResult>(r), {});
+    QVERIFY(settled(m));
     QSignalSpy totals(&m, &GroupsModel::reclaimableChanged);
 
     // Every step goes through the incremental path; the total must match a full computation.
@@ -134,7 +139,8 @@ void ItemModelsTest::untickingAskesForTheExactBytesOfTheName() {
     g.files = {file("/d/kept.txt", 100, 1), file(latin1, 100, 2)};
     r.groups.push_back(g);
     GroupsModel m;
-    m.setResult(r, {});
+    m.setResult(std::make_shared<const ScanResult>(r), {});
+    QVERIFY(settled(m));
     QSignalSpy asked(&m, &GroupsModel::excludeRequested);
     QModelIndex copy = m.index(1, 0, m.index(0, 0));
     QVERIFY(m.setData(copy, Qt::Unchecked, Qt::CheckStateRole));
@@ -154,8 +160,10 @@ void ItemModelsTest::keepingAnotherCopyReordersOnlyThatGroup() {
     QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
     ScanResult r = sampleResult();
     Selection s{{"/d/y/IMG_1.jpg"}};
-    m.setResult(r, s);
+    m.setResult(std::make_shared<const ScanResult>(r), s);
+    QVERIFY(settled(m));
     m.sort(GroupsModel::nameColumn, Qt::AscendingOrder);  // display rows no longer match result order
+    QVERIFY(settled(m));
     QSignalSpy asked(&m, &GroupsModel::keepRequested);
     QModelIndex photos = m.index(0, 0);
     QVERIFY(m.requestKeep(m.index(2, 0, photos)));
@@ -182,22 +190,30 @@ void ItemModelsTest::keepingAnotherCopyReordersOnlyThatGroup() {
 void ItemModelsTest::sortAndFilterReorderGroupsAndKeepFiles() {
     GroupsModel m;
     QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
-    m.setResult(sampleResult(), {});
+    m.setResult(std::make_shared<const ScanResult>(sampleResult()), {});
+    QVERIFY(settled(m));
     m.sort(GroupsModel::nameColumn, Qt::AscendingOrder);
+    QVERIFY(settled(m));
     QCOMPARE(names(m), (std::vector<QString>{"IMG_1.JPG", "big.iso", "notes.txt", "one.bin"}));
     m.sortBy(GroupsModel::SortKey::size, Qt::AscendingOrder);
+    QVERIFY(settled(m));
     QCOMPARE(names(m), (std::vector<QString>{"notes.txt", "one.bin", "IMG_1.JPG", "big.iso"}));
 
     // A group is shown when any of its files matches, whatever the case.
     m.setFilter({"JPG", GroupsModel::FilterField::extension, 0});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), std::vector<QString>{"IMG_1.JPG"});
     m.setFilter({".txt", GroupsModel::FilterField::extension, 0});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), (std::vector<QString>{"notes.txt", "big.iso"}));  // big.iso has a copy named b.txt
     m.setFilter({"COPY", GroupsModel::FilterField::name, 0});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), std::vector<QString>{"IMG_1.JPG"});
     m.setFilter({"/d/a/bc", GroupsModel::FilterField::path, 0});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), std::vector<QString>{"notes.txt"});
     m.setFilter({"", GroupsModel::FilterField::path, 1000});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), (std::vector<QString>{"IMG_1.JPG", "big.iso"}));
     QCOMPARE(m.rowCount(m.index(0, 0)), 4);
 
@@ -206,6 +222,7 @@ void ItemModelsTest::sortAndFilterReorderGroupsAndKeepFiles() {
     QCOMPARE(m.index(1, GroupsModel::freesColumn).data().toString(), QString("0 bytes"));
     QVERIFY(!m.indexOfPath("/d/notes.txt").isValid());  // hidden by the filter
     m.setFilter({});
+    QVERIFY(settled(m));
     QCOMPARE(m.indexOfPath("/d/a/bc/notes.txt").row(), 0);
 }
 
