@@ -225,6 +225,8 @@ void GroupsModel::setResult(std::shared_ptr<const ScanResult> result, const Sele
     table_ = nullptr;
     figures_ = {};
     arrangement_ = {};
+    staleGroups_.clear();
+    figuring_ = false;
     endResetModel();
     if (oldTable) {
         releaseElsewhere(std::move(oldFigures));
@@ -263,6 +265,10 @@ void GroupsModel::install(Build b) {
     endResetModel();
     installedBuild_ = buildSerial_;
     installedArrange_ = arrangeSerial_;
+    touchedAt_.assign(table_->groups.size(), 0);
+    stale_.assign(table_->groups.size(), 0);
+    staleGroups_.clear();
+    figuring_ = false;
     const Selection builtFor = std::move(b.selection);
     const ArrangeJob how = std::move(b.job);
     releaseElsewhere(std::move(b));
@@ -324,36 +330,62 @@ void GroupsModel::install(const ArrangeJob& job, Arrangement arrangement) {
     setBusy(was);
 }
 
-void GroupsModel::computeGroup(int32_t index) {
-    const auto g = static_cast<size_t>(index);
-    const Table::Group& group = table_->groups[g];
+GroupsModel::GroupFigures GroupsModel::figureGroup(const Table& table, const Selection& selection, int32_t index,
+                                                  const int32_t* slot, int64_t* fileFrees, uint8_t* excluded) {
+    const Table::Group& group = table.groups[static_cast<size_t>(index)];
     // The plan's own rules decide what each copy frees, so the figures here and the reclaim agree.
     std::vector<DuplicateGroup> one(1);
     one[0].digest = group.digest;
     one[0].files.reserve(static_cast<size_t>(group.count));
-    for (int32_t i = 0; i < group.count; ++i) one[0].files.push_back(fileIn(index, i).file);
-    auto targets = Report::targets(one, selection_);
-    figures_.reclaimable -= figures_.groupFrees[g];
-    figures_.copies -= figures_.groupTargets[g];
-    if (figures_.groupTargets[g] > 0) --figures_.groupsToReclaim;
-    figures_.groupFrees[g] = 0;
-    figures_.groupTargets[g] = 0;
+    for (int32_t i = 0; i < group.count; ++i) one[0].files.push_back(table.files[static_cast<size_t>(slot[i])].file);
+    auto targets = Report::targets(one, selection);
+    GroupFigures figures;
     size_t t = 0;
     for (int32_t i = 0; i < group.count; ++i) {
-        const auto at = static_cast<size_t>(group.first + i);
         const std::string& path = one[0].files[static_cast<size_t>(i)].path;
-        figures_.excluded[at] = i > 0 && leftOut(selection_, path);
-        figures_.fileFrees[at] = 0;
+        excluded[i] = i > 0 && leftOut(selection, path);
+        fileFrees[i] = 0;
         if (i > 0 && t < targets.size() && targets[t].file.path == path) {
-            figures_.fileFrees[at] = targets[t].frees;
-            figures_.groupFrees[g] += targets[t].frees;
-            ++figures_.groupTargets[g];
+            fileFrees[i] = targets[t].frees;
+            figures.frees += targets[t].frees;
+            ++figures.targets;
             ++t;
         }
     }
-    figures_.reclaimable += figures_.groupFrees[g];
-    figures_.copies += figures_.groupTargets[g];
-    if (figures_.groupTargets[g] > 0) ++figures_.groupsToReclaim;
+    return figures;
+}
+
+void GroupsModel::setGroupTotals(int32_t index, GroupFigures figures) {
+    const auto g = static_cast<size_t>(index);
+    figures_.reclaimable += figures.frees - figures_.groupFrees[g];
+    figures_.copies += figures.targets - figures_.groupTargets[g];
+    figures_.groupsToReclaim += (figures.targets > 0) - (figures_.groupTargets[g] > 0);
+    figures_.groupFrees[g] = figures.frees;
+    figures_.groupTargets[g] = figures.targets;
+}
+
+void GroupsModel::computeGroup(int32_t index) {
+    const auto first = static_cast<size_t>(table_->groups[static_cast<size_t>(index)].first);
+    setGroupTotals(index, figureGroup(*table_, selection_, index, &figures_.slot[first], &figures_.fileFrees[first],
+                                      &figures_.excluded[first]));
+    stale_[static_cast<size_t>(index)] = 0;
+}
+
+void GroupsModel::showChanged(const std::vector<int32_t>& groups) {
+    // Many changed groups: one relayout is cheaper for the view than thousands of signals.
+    if (groups.size() > 2000) {
+        emit layoutAboutToBeChanged();
+        emit layoutChanged();
+        return;
+    }
+    for (int32_t g : groups) {
+        int row = arrangement_.rowOfGroup[static_cast<size_t>(g)];
+        if (row < 0) continue;
+        QModelIndex groupIndex = index(row, 0);
+        emit dataChanged(groupIndex, index(row, columnCount_ - 1));
+        emit dataChanged(index(0, 0, groupIndex),
+                         index(table_->groups[static_cast<size_t>(g)].count - 1, columnCount_ - 1, groupIndex));
+    }
 }
 
 void GroupsModel::setSelection(const Selection& selection) {
@@ -365,6 +397,8 @@ void GroupsModel::setSelection(const Selection& selection) {
     selection_ = selection;
     // Nothing shown yet: the result being tabulated is reconciled with this selection when it lands.
     if (!table_ || buildSerial_ != installedBuild_) return;
+    const bool was = busy();
+    ++selectionSerial_;
 
     // Only files at or below a path that came or went can change, and in the index by path they
     // are two runs: the path itself, and everything from "path/" up to "path0" ('0' follows '/').
@@ -375,38 +409,110 @@ void GroupsModel::setSelection(const Selection& selection) {
             return files[static_cast<size_t>(i)].file.path < k;
         });
     };
-    std::vector<int32_t> touched;
+    auto touch = [&](int32_t file) {
+        const auto g = static_cast<size_t>(files[static_cast<size_t>(file)].group);
+        if (touchedAt_[g] == selectionSerial_) return;
+        touchedAt_[g] = selectionSerial_;
+        stale_[g] = 1;
+        staleGroups_.push_back(static_cast<int32_t>(g));
+    };
     for (const auto& path : changed) {
         for (auto it = firstNotBefore(path); it != byPath.end() && files[static_cast<size_t>(*it)].file.path == path; ++it) {
-            touched.push_back(files[static_cast<size_t>(*it)].group);
+            touch(*it);
         }
         const std::string below = path == "/" ? std::string("/") : path + "/";
         std::string beyond = below;
         beyond.back() = static_cast<char>('/' + 1);
-        for (auto it = firstNotBefore(below), end = firstNotBefore(beyond); it != end; ++it) {
-            touched.push_back(files[static_cast<size_t>(*it)].group);
-        }
+        for (auto it = firstNotBefore(below), end = firstNotBefore(beyond); it != end; ++it) touch(*it);
     }
-    std::sort(touched.begin(), touched.end());
-    touched.erase(std::unique(touched.begin(), touched.end()), touched.end());
-
-    for (int32_t g : touched) computeGroup(g);
-
-    // Many changed groups: one relayout is cheaper for the view than thousands of signals.
-    if (touched.size() > 2000) {
-        emit layoutAboutToBeChanged();
-        emit layoutChanged();
+    if (staleGroups_.empty()) {
+        emit reclaimableChanged(figures_.reclaimable);  // no file of the list is named: the total stands
     } else {
-        for (int32_t g : touched) {
-            int row = arrangement_.rowOfGroup[static_cast<size_t>(g)];
-            if (row < 0) continue;
-            QModelIndex groupIndex = index(row, 0);
-            emit dataChanged(groupIndex, index(row, columnCount_ - 1));
-            emit dataChanged(index(0, 0, groupIndex),
-                             index(table_->groups[static_cast<size_t>(g)].count - 1, columnCount_ - 1, groupIndex));
-        }
+        refigure();
     }
-    emit reclaimableChanged(figures_.reclaimable);
+    setBusy(was);
+}
+
+void GroupsModel::refigure() {
+    if (figuring_ || staleGroups_.empty()) return;
+    std::vector<int32_t> groups;
+    groups.reserve(staleGroups_.size());
+    for (int32_t g : staleGroups_) {
+        if (stale_[static_cast<size_t>(g)]) groups.push_back(g);
+    }
+    staleGroups_.clear();
+    std::sort(groups.begin(), groups.end());
+    groups.erase(std::unique(groups.begin(), groups.end()), groups.end());
+    if (groups.size() <= groupsFiguredInPlace) {
+        for (int32_t g : groups) computeGroup(g);
+        showChanged(groups);
+        emit reclaimableChanged(figures_.reclaimable);
+        return;
+    }
+
+    // A folder of many files: what its groups free is figured on a worker from the immutable table,
+    // a copy of their slots and the selection as it is now.
+    struct Job {
+        std::shared_ptr<const Table> table;
+        Selection selection;
+        uint64_t serial = 0;
+        std::vector<int32_t> groups;
+        std::vector<int32_t> places;  // the groups' slots, one group after the other
+        std::vector<int64_t> fileFrees;
+        std::vector<uint8_t> excluded;
+        std::vector<GroupFigures> figures;
+    };
+    auto job = std::make_shared<Job>();
+    job->table = table_;
+    job->selection = selection_;
+    job->serial = selectionSerial_;
+    for (int32_t g : groups) {
+        const Table::Group& group = table_->groups[static_cast<size_t>(g)];
+        job->places.insert(job->places.end(), figures_.slot.begin() + group.first,
+                           figures_.slot.begin() + group.first + group.count);
+    }
+    job->groups = std::move(groups);
+    staleGroups_ = job->groups;  // still stale until the worker's figures are taken
+    figuring_ = true;
+    tasks::run([job, self = self_] {
+        job->fileFrees.resize(job->places.size());
+        job->excluded.resize(job->places.size());
+        size_t at = 0;
+        for (int32_t g : job->groups) {
+            job->figures.push_back(figureGroup(*job->table, job->selection, g, &job->places[at], &job->fileFrees[at],
+                                               &job->excluded[at]));
+            at += static_cast<size_t>(job->table->groups[static_cast<size_t>(g)].count);
+        }
+        tasks::onMainThread([job, self] {
+            GroupsModel* model = *self;
+            if (!model || job->table != model->table_) return;
+            const bool was = model->busy();
+            model->figuring_ = false;
+            size_t at = 0;
+            for (size_t i = 0; i < job->groups.size(); ++i) {
+                const int32_t g = job->groups[i];
+                const auto gi = static_cast<size_t>(g);
+                const Table::Group& group = model->table_->groups[gi];
+                const auto count = static_cast<size_t>(group.count);
+                // A group touched again since (by the selection or a new kept copy) waits for
+                // figures of its own.
+                if (model->stale_[gi] && model->touchedAt_[gi] <= job->serial) {
+                    std::copy_n(job->fileFrees.begin() + static_cast<std::ptrdiff_t>(at), count,
+                                model->figures_.fileFrees.begin() + group.first);
+                    std::copy_n(job->excluded.begin() + static_cast<std::ptrdiff_t>(at), count,
+                                model->figures_.excluded.begin() + group.first);
+                    model->setGroupTotals(g, job->figures[i]);
+                    model->stale_[gi] = 0;
+                }
+                at += count;
+            }
+            std::erase_if(model->staleGroups_, [&](int32_t g) { return !model->stale_[static_cast<size_t>(g)]; });
+            model->showChanged(job->groups);
+            emit model->reclaimableChanged(model->figures_.reclaimable);
+            model->refigure();
+            model->setBusy(was);
+        });
+    });
 }
 
 void GroupsModel::sortBy(SortKey key, Qt::SortOrder order) {
@@ -463,6 +569,8 @@ void GroupsModel::setGroup(int g, const DuplicateGroup& files) {
         places.push_back(found);
     }
     std::copy(places.begin(), places.end(), figures_.slot.begin() + group.first);
+    // Figures a worker is computing for this group's old order must not land on the new one.
+    touchedAt_[static_cast<size_t>(g)] = ++selectionSerial_;
     computeGroup(g);
     if (int row = arrangement_.rowOfGroup[static_cast<size_t>(g)]; row >= 0) {
         QModelIndex parentIndex = index(row, 0);

@@ -115,8 +115,16 @@ public:
     // comes back to largest reclaimable first. The result is only read, never copied here.
     void setResult(std::shared_ptr<const ScanResult> result, const Selection& selection);
     void clear();
-    // A worker's answer is still to come: a result being tabulated or an order being computed.
-    bool busy() const { return buildSerial_ != installedBuild_ || arrangeSerial_ != installedArrange_; }
+    // A worker's answer is still to come: a result being tabulated, an order being computed, or
+    // the figures of a large selection change.
+    bool busy() const {
+        return buildSerial_ != installedBuild_ || arrangeSerial_ != installedArrange_ || figuring_ || !staleGroups_.empty();
+    }
+    // The totals (reclaimableBytes, copiesToReclaim, groupsToReclaim) are those of the current
+    // result and selection.
+    bool figuresCurrent() const { return table_ && buildSerial_ == installedBuild_ && staleGroups_.empty() && !figuring_; }
+    // Selection changes touching more groups than this are figured on a worker.
+    static constexpr size_t groupsFiguredInPlace = 2000;
     void setSelection(const Selection& selection);
     const Selection& selection() const { return selection_; }
 
@@ -180,8 +188,18 @@ private:
     const Table::File& fileIn(int32_t group, int32_t row) const {
         return table_->files[static_cast<size_t>(figures_.slot[static_cast<size_t>(table_->groups[group].first + row)])];
     }
+    // What one group's copies free under `selection`, its files taken through `slot` (the group's
+    // own slots). Pure: the main thread and the workers share it.
+    struct GroupFigures {
+        int64_t frees = 0;
+        int32_t targets = 0;
+    };
+    static GroupFigures figureGroup(const Table& table, const Selection& selection, int32_t group,
+                                    const int32_t* slot, int64_t* fileFrees, uint8_t* excluded);
     void computeGroup(int32_t group);
-    void applySelection(const Selection& from);
+    void setGroupTotals(int32_t group, GroupFigures figures);
+    void refigure();
+    void showChanged(const std::vector<int32_t>& groups);
     void startArrange();
     void setBusy(bool was);
 
@@ -201,6 +219,13 @@ private:
     uint64_t installedArrange_ = 0;
     // Kept copies chosen while a result was being tabulated: applied when it is installed.
     std::vector<std::pair<int, DuplicateGroup>> pendingGroups_;
+    // Selection changes number themselves; a group remembers the last one that touched it, so a
+    // worker's figures are taken only for groups nothing touched since the worker started.
+    uint64_t selectionSerial_ = 0;
+    std::vector<uint64_t> touchedAt_;
+    std::vector<uint8_t> stale_;          // by group: its figures wait for the current selection
+    std::vector<int32_t> staleGroups_;    // the groups marked stale (may repeat)
+    bool figuring_ = false;
 };
 
 QString displayPath(const std::string& path);
