@@ -427,13 +427,14 @@ void ScanView::showResult() {
 void ScanView::showTotal() {
     const bool idle = model_.phase() == AppModel::Phase::idle;
     const auto result = model_.result();
-    // While the list is being prepared its figures are not yet those of the result.
-    const bool ready = result && !groups_.busy();
+    // While the list is being prepared, or a large change of the selection is being counted, the
+    // figures are not yet those of the result.
+    const bool ready = result && groups_.figuresCurrent();
     const int64_t bytes = ready ? groups_.reclaimableBytes() : 0;
     if (!result) {
         total_->setText(model_.phase() == AppModel::Phase::scanning ? tr("Scanning…") : tr("Nothing scanned yet"));
     } else if (!ready) {
-        total_->setText(tr("Preparing the list…"));
+        total_->setText(groups_.groupCount() == 0 && !result->groups.empty() ? tr("Preparing the list…") : tr("Counting…"));
     } else {
         total_->setText(tr("%1 to reclaim").arg(bytesText(bytes)));
     }
@@ -498,7 +499,7 @@ void ScanView::compareSelected() {
 }
 
 void ScanView::startReclaim() {
-    if (model_.phase() != AppModel::Phase::idle || !model_.result() || groups_.busy()) return;
+    if (model_.phase() != AppModel::Phase::idle || !model_.result() || !groups_.figuresCurrent()) return;
     // The list keeps these figures up to date as the selection changes; counting them afresh would
     // take a pass over every file.
     const PlannedReclaim plan{groups_.copiesToReclaim(), groups_.groupsToReclaim(), groups_.reclaimableBytes()};

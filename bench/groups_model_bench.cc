@@ -1,9 +1,10 @@
 // How the application's list of identical files copes with a million files in 200,000 groups:
 // loading a scan result, sorting by each key, filtering, changing the selection, and a tree view
 // scrolling through it. Work that can be done off the main thread is: each step is timed in its two
-// halves. "Time" is what the main thread spends (what would freeze the window); the counter
-// worker_ms is what a worker thread spends meanwhile. MainThreadLongestTurn runs every step the
-// way the window does (asynchronously) and reports the longest single turn of the event loop.
+// halves. "Time" is the processor time the main thread spends (what would freeze the window); the
+// counter worker_ms is the processor time a worker spends meanwhile. MainThreadLongestTurn runs
+// every step the way the window does (asynchronously) and reports, per step, the main thread's
+// processor time in the longest single turn of its event loop.
 //
 //   build/bench/groups_model_bench                       # 1,000,000 files, 200,000 groups
 //   build/bench/groups_model_bench --benchmark_filter=Sort
@@ -11,6 +12,8 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+
+#include <time.h>
 #include <string>
 
 #include <benchmark/benchmark.h>
@@ -77,7 +80,17 @@ void report(benchmark::State& state) {
     state.counters["groups"] = groupCount;
 }
 
-using Clock = std::chrono::steady_clock;
+// The processor time of the calling thread: on a shared two-core machine, wall-clock time mostly
+// measures the other processes; this is the work the main thread (or the worker) itself does.
+struct Clock {
+    using duration = std::chrono::nanoseconds;
+    using time_point = std::chrono::time_point<Clock, duration>;
+    static time_point now() {
+        timespec t{};
+        clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+        return time_point(duration(static_cast<int64_t>(t.tv_sec) * 1'000'000'000 + t.tv_nsec));
+    }
+};
 double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
 std::shared_ptr<const ScanResult> sharedResult() {
@@ -196,14 +209,20 @@ void SelectionFolder(benchmark::State& state) {
     GroupsModel model;
     loadInto(model);
     int flip = 0;
+    double worker = 0;
     for (auto _ : state) {
-        // One fortieth of every file, spread over all groups.
+        // One fortieth of every file, spread over all groups: figured on a worker. The main thread
+        // finds the groups, then takes the worker's figures in one turn.
         const auto start = Clock::now();
         model.setSelection(flip++ % 2 ? Selection{} : Selection{{"/home/ana/Pictures/12"}});
-        state.SetIterationTime(seconds(Clock::now() - start));
+        const double call = seconds(Clock::now() - start);
+        const auto waited = std::chrono::steady_clock::now();
+        const double turn = settle(model);
+        worker += std::chrono::duration<double>(std::chrono::steady_clock::now() - waited).count();
+        state.SetIterationTime(call + turn);
         benchmark::DoNotOptimize(model.reclaimableBytes());
     }
-    state.counters["worker_ms"] = 0;
+    state.counters["worker_wall_ms"] = worker * 1000 / static_cast<double>(state.iterations());
     report(state);
 }
 
