@@ -160,11 +160,21 @@ public:
     bool startsAtLogin() const;
     void setStartsAtLogin(bool on);
 
-    // Folders, in the order added.
+    // Folders, in the order added. Paths are the file system's bytes; sourceList() spells them as
+    // shown, with each byte of a name that is not UTF-8 written "\xNN".
     const std::vector<std::string>& sources() const { return sources_; }
     QStringList sourceList() const;
+    static QString sourceText(const std::string& path);
+    // Folders as the desktop names them (open dialogs): a name Qt could not decode exactly is found
+    // on disk by the name shown; one that could stand for several folders is refused with `error`.
     Q_INVOKABLE void add(const QStringList& folders);
+    // Folders by their bytes (dropped URLs carry them exactly).
+    void addPaths(const std::vector<std::string>& folders);
+    // By the text shown in the list or the desktop's spelling; removePath by the bytes.
     Q_INVOKABLE void remove(const QString& folder);
+    void removePath(const std::string& folder);
+    // The bytes of the folder the desktop names `folder`, or why it cannot be told.
+    static std::variant<std::string, QString> folderFromText(const QString& folder);
     // Applies a ready-made profile's options and adds the folders it suggests.
     void choose(Profile::Kind kind);
 

@@ -1,5 +1,7 @@
 #include "scan_view.h"
 
+#include <filesystem>
+
 #include <QComboBox>
 #include <QDialog>
 #include <QDialogButtonBox>
@@ -35,6 +37,25 @@ namespace dedup::app {
 namespace {
 
 constexpr int64_t minimumSizes[] = {0, 1000 * 1000, 10 * 1000 * 1000, 100 * 1000 * 1000, 1000 * 1000 * 1000};
+
+// The local files a drop names, as bytes. A uri-list carries each name's bytes percent-encoded,
+// but QUrl decodes them as UTF-8 and turns any other byte into U+FFFD; where the bytes no longer
+// name a file, the name is looked up on disk by the text the desktop shows.
+std::vector<std::string> droppedPaths(const QMimeData& mime) {
+    std::vector<std::string> paths;
+    for (const QUrl& url : mime.urls()) {
+        if (!url.isLocalFile()) continue;
+        const QByteArray bytes = QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1());
+        std::error_code failed;
+        if (std::filesystem::exists(std::filesystem::symlink_status(bytes.toStdString(), failed))) {
+            paths.push_back(bytes.toStdString());
+            continue;
+        }
+        auto found = AppModel::folderFromText(url.toLocalFile());
+        if (auto* path = std::get_if<std::string>(&found)) paths.push_back(*path);
+    }
+    return paths;
+}
 
 }  // namespace
 
@@ -209,7 +230,10 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
 
     connect(addFolders_, &QPushButton::clicked, this, &ScanView::chooseFolders);
     connect(removeFolder_, &QPushButton::clicked, this, [this] {
-        for (QListWidgetItem* item : folders_->selectedItems()) model_.remove(item->text());
+        // By the folder's bytes: the text shown spells a name that is not UTF-8 with escapes.
+        for (QListWidgetItem* item : folders_->selectedItems()) {
+            model_.removePath(item->data(Qt::UserRole).toByteArray().toStdString());
+        }
     });
     connect(folders_, &QListWidget::itemSelectionChanged, this,
             [this] { removeFolder_->setEnabled(!folders_->selectedItems().isEmpty()); });
@@ -260,8 +284,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     connect(&groups_, &GroupsModel::busyChanged, this, &ScanView::showTotal);
 
     connect(&model_, &AppModel::sourcesChanged, this, [this] {
-        folders_->clear();
-        folders_->addItems(model_.sourceList());
+        showFolders();
         showPhase();
     });
     connect(&model_, &AppModel::phaseChanged, this, &ScanView::showPhase);
@@ -287,7 +310,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
         }
     });
 
-    folders_->addItems(model_.sourceList());
+    showFolders();
     showResult();
     showPhase();
     showMessage(model_.error());
@@ -335,18 +358,26 @@ void ScanView::dragEnterEvent(QDragEnterEvent* event) {
     event->acceptProposedAction();
 }
 
+void ScanView::showFolders() {
+    folders_->clear();
+    for (const std::string& source : model_.sources()) {
+        auto* item = new QListWidgetItem(AppModel::sourceText(source), folders_);
+        item->setData(Qt::UserRole, QByteArray::fromStdString(source));
+    }
+}
+
 void ScanView::dropEvent(QDropEvent* event) {
-    QStringList folders;
+    std::vector<std::string> folders;
     QStringList notFolders;
-    for (const QUrl& url : event->mimeData()->urls()) {
-        QString path = url.toLocalFile();
-        if (QFileInfo(path).isDir()) {
-            folders << path;
+    for (const std::string& path : droppedPaths(*event->mimeData())) {
+        std::error_code failed;
+        if (std::filesystem::is_directory(path, failed)) {
+            folders.push_back(path);
         } else {
-            notFolders << QFileInfo(path).fileName();
+            notFolders << AppModel::sourceText(std::filesystem::path(path).filename().string());
         }
     }
-    if (!folders.isEmpty()) model_.add(folders);
+    if (!folders.empty()) model_.addPaths(folders);
     if (!notFolders.isEmpty()) {
         model_.setError(tr("Only folders can be added; left out: %1.").arg(notFolders.join(QStringLiteral(", "))));
     }

@@ -43,6 +43,7 @@ protected:
 
 private:
     void showPhase();
+    void showFolders();
     void showProgress();
     void showResult();
     void showTotal();

@@ -19,6 +19,10 @@
 #include <QTest>
 #include <QTreeView>
 
+#include <filesystem>
+
+#include <QFile>
+
 #include "app_model.h"
 #include "journal_view.h"
 #include "main_window.h"
@@ -63,6 +67,7 @@ private slots:
     void scanOptionsSurviveTheEditorUnchanged();
     void listFiltersAndLeavesOutAFolderThroughItsControls();
     void droppedFileIsRefusedWhereItWasDroppedAndDismissed();
+    void folderNamedInBytesThatAreNotUtf8IsAddedScannedAndRemoved();
     void showInFolderNamesTheFileByItsOwnBytes();
     void journalFiltersByKindAndShowsVerdicts();
     void settingsReachTheModel();
@@ -155,6 +160,64 @@ void ViewsTest::listFiltersAndLeavesOutAFolderThroughItsControls() {
     QVERIFY(model.sources().empty());
     QVERIFY(!view.findChild<QPushButton*>("scan")->isEnabled());
     AppModel::waitForTasks();
+}
+
+void ViewsTest::folderNamedInBytesThatAreNotUtf8IsAddedScannedAndRemoved() {
+    test::TempDir dir;
+    const std::string odd = dir.path("caf\xff");  // Latin-1 from an old disk: not UTF-8
+    const std::string bytes = test::randomBytes(300000, 7);
+    test::writeFile(odd + "/a.bin", bytes);
+    test::writeFile(odd + "/sub/b.bin", bytes);
+    const QString shown = QString::fromStdString(dir.path("caf") + "\\xff");
+    {
+        AppModel model(placesIn(dir));
+        ScanView view(model);
+        view.show();
+        // An open dialog hands the name over as Qt decoded it, with U+FFFD for the byte.
+        model.add({QFile::decodeName(QByteArray::fromStdString(odd))});
+        QCOMPARE(model.sources(), std::vector<std::string>{odd});
+        auto* folders = named<QListWidget>(&view, "Folders to look in");
+        QCOMPARE(folders->item(0)->text(), shown);
+
+        model.scan();
+        QTRY_VERIFY_WITH_TIMEOUT(model.phase() == AppModel::Phase::idle && model.hasResult(), 60000);
+        QCOMPARE(model.result()->groups.size(), size_t{1});
+        QCOMPARE(model.result()->groups[0].files[0].path.substr(0, odd.size()), odd);
+        model.setSelection(Selection{{odd + "/sub"}});
+        QCOMPARE(Selection::load(dir.path("data/selection.json")).excluded, std::set<std::string>{odd + "/sub"});
+
+        folders->setCurrentRow(0);
+        QTest::mouseClick(view.findChild<QPushButton*>("removeFolder"), Qt::LeftButton);
+        QVERIFY(model.sources().empty());
+
+        // Dropped from a file manager: by the time Qt hands the URL over, the byte is U+FFFD too.
+        QMimeData mime;
+        mime.setData("text/uri-list", "file://" + QUrl::toPercentEncoding(QByteArray::fromStdString(odd), "/") + "\r\n");
+        QVERIFY(mime.urls().at(0).toLocalFile().contains(QChar(0xfffd)));
+        QDragEnterEvent enter(view.rect().center(), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(&view, &enter);
+        QDropEvent drop(view.rect().center(), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(&view, &drop);
+        QVERIFY2(model.error().isEmpty(), qPrintable(model.error()));
+        QCOMPARE(model.sources(), std::vector<std::string>{odd});
+        AppModel::waitForTasks();
+    }
+    {
+        // Saved and read back byte for byte; removed by the text the list shows.
+        AppModel model(placesIn(dir));
+        QCOMPARE(model.sources(), std::vector<std::string>{odd});
+        QCOMPARE(model.selection().excluded, std::set<std::string>{odd + "/sub"});
+        model.remove(shown);
+        QVERIFY(model.sources().empty());
+
+        // A second folder whose name differs only in that byte: the dialog's name could be either.
+        const std::string twin = dir.path("caf\xfe");
+        std::filesystem::create_directories(twin);
+        model.add({QFile::decodeName(QByteArray::fromStdString(odd))});
+        QVERIFY(model.sources().empty());
+        QVERIFY2(model.error().contains("drag the one you mean"), qPrintable(model.error()));
+        AppModel::waitForTasks();
+    }
 }
 
 void ViewsTest::droppedFileIsRefusedWhereItWasDroppedAndDismissed() {
