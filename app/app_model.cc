@@ -494,6 +494,7 @@ bool AppModel::loadScan(const QString& file) {
             Report::load(std::string_view(bytes.constData(), static_cast<size_t>(bytes.size()))));
         dropResult();
         result_ = std::move(loaded);
+        scanSeconds_.reset();
     } catch (const std::exception& error) {
         setError(QString("%1 is not a saved scan: %2").arg(file, QString::fromUtf8(error.what())));
         return false;

@@ -195,6 +195,8 @@ public:
     // The last scan's result, shared and never changed in place once handed out: views and
     // background work read it without a copy. A change of the kept copy replaces the value.
     std::shared_ptr<const ScanResult> result() const { return result_; }
+    // How long the last scan took, in seconds; absent for a scan loaded from a file.
+    std::optional<double> scanSeconds() const { return scanSeconds_; }
     bool hasSummary() const { return summary_.has_value(); }
     const std::optional<ReclaimSummary>& summary() const { return summary_; }
     const std::optional<SpaceHolders>& spaceHolders() const { return spaceHolders_; }
@@ -363,6 +365,8 @@ private:
 
     // Changed in place only while nothing else holds it (see editableResult).
     std::shared_ptr<ScanResult> result_;
+    std::chrono::steady_clock::time_point scanStarted_;
+    std::optional<double> scanSeconds_;
     std::optional<ReclaimSummary> summary_;
     std::optional<SpaceHolders> spaceHolders_;
     QString error_;

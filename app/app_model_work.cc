@@ -56,6 +56,8 @@ void AppModel::scan() {
     }
     cancel_ = std::make_shared<CancelFlag>();
     scanProgress_ = {};
+    scanStarted_ = std::chrono::steady_clock::now();
+    scanSeconds_.reset();
     setPhase(Phase::scanning);
     emit progressChanged();
 
@@ -102,6 +104,7 @@ void AppModel::finishScan(std::shared_ptr<ScanResult> result, const QString& fai
     if (failure.isEmpty()) {
         dropResult();
         result_ = std::move(result);
+        scanSeconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - scanStarted_).count();
         emit resultChanged();
         emit reclaimableBytesChanged();
     } else {

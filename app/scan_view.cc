@@ -126,6 +126,20 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     messageRow->addWidget(message_, 1);
     messageRow->addWidget(dismiss_);
 
+    // What the last scan did, as `dedup scan` says it at its end.
+    scanFigures_ = new QLabel(this);
+    scanFigures_->setObjectName(QStringLiteral("scanFigures"));
+    scanFigures_->setAccessibleName(tr("Scan figures"));
+    scanFigures_->setTextFormat(Qt::PlainText);
+    scanFigures_->setWordWrap(true);
+    scanFigures_->setVisible(false);
+    showUnreadable_ = new QPushButton(tr("Show Unreadable…"), this);
+    showUnreadable_->setObjectName(QStringLiteral("showUnreadable"));
+    showUnreadable_->setVisible(false);
+    auto* figuresRow = new QHBoxLayout;
+    figuresRow->addWidget(scanFigures_, 1);
+    figuresRow->addWidget(showUnreadable_);
+
     // The groups, their filter and what can be done with a file.
     filterField_ = new QComboBox(this);
     filterField_->addItems({tr("Path"), tr("Name"), tr("Extension")});
@@ -224,6 +238,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     layout->addLayout(scanRow);
     layout->addWidget(currentPath_);
     layout->addLayout(messageRow);
+    layout->addLayout(figuresRow);
     layout->addLayout(filterRow);
     layout->addWidget(list_, 1);
     layout->addLayout(actionRow);
@@ -259,6 +274,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
         }
     });
     connect(compare_, &QPushButton::clicked, this, &ScanView::compareSelected);
+    connect(showUnreadable_, &QPushButton::clicked, this, &ScanView::showUnreadable);
     connect(list_, &QTreeView::doubleClicked, this, [this](const QModelIndex& index) {
         if (groups_.fileAt(index)) open_->click();
     });
@@ -439,18 +455,44 @@ void ScanView::showResult() {
         QStringList notes;
         if (result->groups.empty()) notes << tr("No identical files were found.");
         if (result->cancelled) notes << tr("The scan was cancelled: what is shown was found before that.");
-        if (!result->unreadableFolders.empty()) {
-            notes << tr("%n folder(s) could not be read and were left out, first %1.", "",
-                        static_cast<int>(result->unreadableFolders.size()))
-                         .arg(displayPath(result->unreadableFolders.front()));
-        }
         if (!result->leftovers.empty()) {
             notes << tr("%n temporary file(s) of an interrupted reclaim remain; Recover in the Journal puts them right.",
                         "", static_cast<int>(result->leftovers.size()));
         }
         if (model_.error().isEmpty()) showMessage(notes.join(' '));
+
+        int64_t reclaimable = 0;
+        for (const auto& group : result->groups) reclaimable += group.reclaimableBytes;
+        const QLocale locale;
+        auto count = [&](size_t n, const QString& one, const QString& many) {
+            return n == 1 ? tr("1 %1").arg(one) : tr("%1 %2").arg(locale.toString(static_cast<qulonglong>(n)), many);
+        };
+        QString figures = tr("Looked at %1 files; read %2 to compare them. %3 can be reclaimed in %4.")
+                              .arg(locale.toString(static_cast<qlonglong>(result->filesSeen)), bytesText(result->bytesRead),
+                                   bytesText(reclaimable), count(result->groups.size(), tr("group"), tr("groups")));
+        if (auto seconds = model_.scanSeconds()) {
+            figures += ' ' + (*seconds < 60 ? tr("Took %1 s.").arg(locale.toString(*seconds, 'f', 1))
+                                            : tr("Took %1 min %2 s.")
+                                                  .arg(static_cast<int>(*seconds) / 60)
+                                                  .arg(static_cast<int>(*seconds) % 60));
+        }
+        QStringList unreadable;
+        if (!result->unreadableFolders.empty()) {
+            unreadable << count(result->unreadableFolders.size(), tr("folder"), tr("folders"));
+        }
+        if (!result->unreadableFiles.empty()) {
+            unreadable << count(result->unreadableFiles.size(), tr("file"), tr("files"));
+        }
+        if (!unreadable.isEmpty()) {
+            figures += ' ' + tr("%1 could not be read and were left out.").arg(unreadable.join(tr(" and ")));
+        }
+        scanFigures_->setText(figures);
+        scanFigures_->setVisible(true);
+        showUnreadable_->setVisible(!unreadable.isEmpty());
     } else {
         groups_.clear();
+        scanFigures_->setVisible(false);
+        showUnreadable_->setVisible(false);
     }
     showTotal();
 }
@@ -546,6 +588,32 @@ void ScanView::startReclaim() {
     ask.setObjectName(QStringLiteral("reclaimConfirmation"));
     ask.exec();
     if (ask.clickedButton() == go) model_.reclaim();
+}
+
+void ScanView::showUnreadable() {
+    const auto result = model_.result();
+    if (!result) return;
+    auto* dialog = new QDialog(this);
+    dialog->setObjectName(QStringLiteral("unreadable"));
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setWindowTitle(tr("Could Not Be Read"));
+    auto* explanation = new QLabel(tr("These were left out of the scan: their permissions do not let you read them, "
+                                      "or they went away while the scan ran."),
+                                   dialog);
+    explanation->setWordWrap(true);
+    auto* list = new QListWidget(dialog);
+    list->setAccessibleName(tr("Folders and files that could not be read"));
+    list->setUniformItemSizes(true);
+    for (const auto& folder : result->unreadableFolders) list->addItem(tr("Folder: %1").arg(AppModel::sourceText(folder)));
+    for (const auto& file : result->unreadableFiles) list->addItem(tr("File: %1").arg(AppModel::sourceText(file)));
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, dialog);
+    connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::reject);
+    auto* layout = new QVBoxLayout(dialog);
+    layout->addWidget(explanation);
+    layout->addWidget(list, 1);
+    layout->addWidget(buttons);
+    dialog->resize(fontMetrics().horizontalAdvance(QLatin1Char('M')) * 50, fontMetrics().height() * 20);
+    dialog->show();
 }
 
 void ScanView::showSummary() {

@@ -2,6 +2,7 @@
 // byte of a folder's name, the list's filter and folder exclusion, the journal's filter and
 // verdicts, the settings reaching the model.
 #include <QCheckBox>
+#include <QDialog>
 #include <QComboBox>
 #include <QDBusConnection>
 #include <QApplication>
@@ -24,6 +25,7 @@
 #include <QFile>
 
 #include "app_model.h"
+#include "report_export.h"
 #include "journal_view.h"
 #include "main_window.h"
 #include "scan_options_editor.h"
@@ -67,6 +69,7 @@ private slots:
     void scanOptionsSurviveTheEditorUnchanged();
     void listFiltersAndLeavesOutAFolderThroughItsControls();
     void droppedFileIsRefusedWhereItWasDroppedAndDismissed();
+    void unreadableFoldersAndFilesOfAScanCanBeSeen();
     void folderNamedInBytesThatAreNotUtf8IsAddedScannedAndRemoved();
     void showInFolderNamesTheFileByItsOwnBytes();
     void journalFiltersByKindAndShowsVerdicts();
@@ -113,6 +116,12 @@ void ViewsTest::listFiltersAndLeavesOutAFolderThroughItsControls() {
     QVERIFY(settled());
     QTreeView* list = view.groupList();
     QCOMPARE(list->model()->rowCount(), 2);
+    // What the scan did, as the command says it at its end.
+    const QString figures = named<QLabel>(&view, "Scan figures")->text();
+    QVERIFY2(figures.startsWith("Looked at 5 files; read ") &&
+                 figures.contains("800.0 kB can be reclaimed in 2 groups.") && figures.contains("Took "),
+             qPrintable(figures));
+    QVERIFY(!view.findChild<QPushButton*>("showUnreadable")->isVisibleTo(&view));
     QVERIFY(!view.findChild<QPushButton*>("leaveOutFolder")->isEnabled());  // nothing chosen yet
 
     named<QComboBox>(&view, "Filter by")->setCurrentIndex(2);  // extension
@@ -218,6 +227,34 @@ void ViewsTest::folderNamedInBytesThatAreNotUtf8IsAddedScannedAndRemoved() {
         QVERIFY2(model.error().contains("drag the one you mean"), qPrintable(model.error()));
         AppModel::waitForTasks();
     }
+}
+
+void ViewsTest::unreadableFoldersAndFilesOfAScanCanBeSeen() {
+    test::TempDir dir;
+    ScanResult saved;
+    saved.filesSeen = 1234567;
+    saved.bytesRead = 5'000'000;
+    saved.unreadableFolders = {"/d/locked"};
+    saved.unreadableFiles = {"/d/gone\xff.jpg", "/d/moved.jpg"};
+    test::writeFile(dir.path("saved.json"), Report::json(saved));
+    AppModel model(placesIn(dir));
+    ScanView view(model);
+    view.show();
+    QVERIFY(model.loadScan(QString::fromStdString(dir.path("saved.json"))));
+    const QString figures = named<QLabel>(&view, "Scan figures")->text();
+    QCOMPARE(figures, QString("Looked at 1,234,567 files; read 5.0 MB to compare them. 0 bytes can be reclaimed in 0 "
+                              "groups. 1 folder and 2 files could not be read and were left out."));
+    auto* show = view.findChild<QPushButton*>("showUnreadable");
+    QVERIFY(show->isVisibleTo(&view));
+    QTest::mouseClick(show, Qt::LeftButton);
+    auto* dialog = view.findChild<QDialog*>("unreadable");
+    QVERIFY(dialog && dialog->isVisible());
+    auto* list = dialog->findChild<QListWidget*>();
+    QCOMPARE(list->count(), 3);
+    QCOMPARE(list->item(0)->text(), QString("Folder: /d/locked"));
+    QCOMPARE(list->item(1)->text(), QString("File: /d/gone\\xff.jpg"));  // the byte as it is, not U+FFFD
+    dialog->close();
+    AppModel::waitForTasks();
 }
 
 void ViewsTest::droppedFileIsRefusedWhereItWasDroppedAndDismissed() {
