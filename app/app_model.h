@@ -242,6 +242,9 @@ public:
 
     // Automatic mode as the Automatic screen shows it.
     bool automaticRunning() const;
+    // A run switched off still finishes the replacement under way, off the main thread; a new run
+    // starts (and the journal is put right) only once it has stopped.
+    bool automaticStopping() const { return stopping_ > 0; }
     // The process that does the automatic work for this user instead of us; empty when none does.
     QString automaticHolder() const { return automaticHolder_; }
     // The chosen folders automatic mode leaves unwatched because their disk cannot make clones.
@@ -324,6 +327,7 @@ private:
     void applyAutomatic();
     void startAutomatic(const std::shared_ptr<AutomaticRun>& run);
     void stopAutomatic();
+    void automaticStopped();
     void refreshWaitingFor();
     void onAutomaticReclaim(const ReclaimSummary& summary);
     void finishScan(std::shared_ptr<ScanResult> result, const QString& failure);
@@ -384,6 +388,9 @@ private:
     // The running automatic mode (reclaimer, watcher and the per-user lock); absent when off or
     // when another process does the work.
     std::shared_ptr<AutomaticRun> run_;
+    int stopping_ = 0;
+    bool startWhenStopped_ = false;
+    bool recoverWhenStopped_ = false;
     QTimer* waitingTimer_ = nullptr;
     QString automaticWaitingFor_;
     QString automaticHolder_;

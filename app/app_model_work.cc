@@ -115,6 +115,11 @@ void AppModel::finishScan(std::shared_ptr<ScanResult> result, const QString& fai
 
 void AppModel::reclaim() {
     if (!result_ || phase_ != Phase::idle) return;
+    if (stopping_ > 0) {
+        // Its replacement under way could be of a copy this reclaim is about to replace too.
+        setError(tr("Automatic reclaiming is still finishing the file it was replacing. Reclaim again in a moment."));
+        return;
+    }
     if (selectionUnreadable_) {
         // Reclaiming now could replace copies the user had chosen to keep apart.
         setError("The files you left out of reclaiming cannot be read, so nothing is reclaimed. Choose again "
@@ -243,8 +248,14 @@ void AppModel::recoverJournal() {
         return;
     }
     // Our own automatic reclaimer's replacements under way would look interrupted too: it rests
-    // while the journal is put right.
+    // while the journal is put right, and the recovery waits until it has stopped.
     stopAutomatic();
+    if (stopping_ > 0) {
+        recoverWhenStopped_ = true;
+        startWhenStopped_ = false;  // recovery brings it back afterwards
+        setJournalBusy(true);
+        return;
+    }
     setJournalBusy(true);
     tasks::run([journal = journal_, data = places_.data, weak = weak_] {
         std::variant<size_t, std::string> outcome;
