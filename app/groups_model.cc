@@ -7,6 +7,7 @@
 
 #include "app_tasks.h"
 #include "byte_format.h"
+#include "path_text.h"
 
 namespace dedup::app {
 
@@ -37,7 +38,9 @@ bool equalFolded(std::string_view a, std::string_view b) {
 
 }  // namespace
 
-QString displayPath(const std::string& path) { return QFile::decodeName(QByteArray::fromStdString(path)); }
+// A name that is not UTF-8 is shown with each such byte as "\xNN", the way the command and the
+// reports spell it, rather than as a row of replacement marks that hide which file it is.
+QString displayPath(const std::string& path) { return QString::fromStdString(pathText(path)); }
 
 namespace {
 

@@ -471,7 +471,8 @@ void ScanView::showResult() {
                               .arg(locale.toString(static_cast<qlonglong>(result->filesSeen)), bytesText(result->bytesRead),
                                    bytesText(reclaimable), count(result->groups.size(), tr("group"), tr("groups")));
         if (auto seconds = model_.scanSeconds()) {
-            figures += ' ' + (*seconds < 60 ? tr("Took %1 s.").arg(locale.toString(*seconds, 'f', 1))
+            figures += ' ' + (*seconds < 1    ? tr("Took less than a second.")
+                              : *seconds < 60 ? tr("Took %1 s.").arg(locale.toString(*seconds, 'f', 1))
                                             : tr("Took %1 min %2 s.")
                                                   .arg(static_cast<int>(*seconds) / 60)
                                                   .arg(static_cast<int>(*seconds) % 60));
