@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   btrfs-progs xfsprogs e2fsprogs util-linux attr acl libcap2-bin
   qt6-base-dev qt6-base-dev-tools qt6-svg-dev qt6-qpa-plugins dbus xvfb desktop-file-utils appstream
+  dpkg-dev lintian groff-base man-db librsvg2-bin zsh fish
 )
 
 missing=()

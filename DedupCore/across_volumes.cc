@@ -4,8 +4,11 @@
 #include <atomic>
 #include <map>
 #include <set>
+#include <string>
+#include <string_view>
 #include <thread>
 #include <unordered_map>
+#include <unordered_set>
 
 #include <nlohmann/json.hpp>
 
@@ -384,13 +387,20 @@ private:
         }
         // Files inside the reported trees are already said; a group is left out when all its
         // copies are among them.
-        std::vector<std::string> reported;
-        for (const auto& group : treeGroups_) reported.insert(reported.end(), group.folders.begin(), group.folders.end());
+        // Looked up by each folder above a file, not by trying every reported tree against it: a
+        // search finds thousands of trees and tens of thousands of file groups.
+        std::unordered_set<std::string_view> reported;
+        for (const auto& group : treeGroups_) reported.insert(group.folders.begin(), group.folders.end());
         auto insideReported = [&](const std::string& path) {
-            return std::any_of(reported.begin(), reported.end(), [&](const std::string& folder) {
-                return path.size() > folder.size() && path.compare(0, folder.size(), folder) == 0 &&
-                       (folder == "/" || path[folder.size()] == '/');
-            });
+            std::string_view above(path);
+            while (!above.empty()) {
+                size_t slash = above.rfind('/');
+                if (slash == std::string_view::npos) return false;
+                above = slash == 0 ? std::string_view("/") : above.substr(0, slash);
+                if (reported.contains(above)) return true;
+                if (slash == 0) return false;
+            }
+            return false;
         };
         std::erase_if(fileGroups_, [&](const AcrossFileGroup& group) {
             return std::all_of(group.files.begin(), group.files.end(),

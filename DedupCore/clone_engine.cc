@@ -98,8 +98,21 @@ struct CloneEngine::Swapped {
     platform::FileDescriptor source;
     platform::FileDescriptor clone;
     Snapshot before;
+    // The copy as verified after sharing in place, on its descriptor: what the journal records.
+    std::optional<Snapshot> after;
     Attributes attributes;
     bool leases = true;  // the kernel answers whether the copy is open elsewhere
+};
+
+// The list of every process's open files, read only when the kernel cannot answer for one file
+// (no lease can be tried on it), and then once per phase of a batch: reading it walks /proc, whose
+// cost grows with every process on the machine, not with the work.
+struct CloneEngine::OpenList {
+    std::optional<OpenFiles> files;
+    const OpenFiles& get() {
+        if (!files) files = OpenFiles::now();
+        return *files;
+    }
 };
 
 void CloneEngine::step(Step s, const std::string& temporary) const {
@@ -110,12 +123,12 @@ void CloneEngine::step(Step s, const std::string& temporary) const {
 // answer, else looked up in the list of every process's open files. A lease held for coordination
 // is itself the answer.
 bool CloneEngine::openElsewhere(Swapped& s, const platform::FileDescriptor& fd, const FileStatus& status,
-                                const OpenFiles& open) const {
+                                OpenList& open) const {
     if (coordinate && &fd == &s.held) return !platform::leaseHeld(s.held);
     auto answer = platform::openElsewhere(fd);
     if (answer) return *answer;
     s.leases = false;
-    return open.contains(status);
+    return open.get().contains(status);
 }
 
 // Whether the volume could make a clone of the kept copy beside this one: a nameless trial clone
@@ -233,7 +246,7 @@ std::string keepBeside(const platform::FileDescriptor& folder, const std::string
     throw SystemError("renameat2", folderPath + "/" + temporaryName, errno);
 }
 
-CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& entry, const OpenFiles& open) {
+CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& entry, OpenList& open) {
     FileStatus status = FileStatus::read(r.target);
     checkReplaceable(r.target, status, parentOf(r.target), r.source, r.expected);
 
@@ -325,6 +338,7 @@ bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacemen
     if (after.attributeNames != s.before.attributeNames) differs.push_back("xattr names");
     if (after.acl != s.before.acl) differs.push_back("acl");
     if (!differs.empty()) throw VerificationError(r.target, differs);
+    s.after = std::move(after);
     step(Step::verified, "");
     s.freed = std::max<int64_t>(0, s.freed - targetClones->privateSize);
     return true;
@@ -437,7 +451,7 @@ void CloneEngine::undoSwap(Swapped& s) {
     }
 }
 
-void CloneEngine::finish(Swapped& s, const OpenFiles& open) {
+void CloneEngine::finish(Swapped& s, OpenList& open) {
     if (s.temporary.empty()) return;
     const std::string folder = parentOf(s.target.target);
     FolderDates dates{s.folder, folder, s.folderTimes};
@@ -551,16 +565,8 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
                           const std::function<bool(const Replacement&)>& willStart,
                           const std::function<void(const Replacement&, const Outcome&)>& done) {
     // Only clone and swap needs the list of every process's open files, and only as a fallback
-    // where the kernel cannot answer for one file.
-    OpenFiles open;
-    if (strategy == Strategy::cloneAndSwap) {
-        try {
-            open = OpenFiles::now();
-        } catch (...) {
-            for (const auto& r : batch) done(r, {0, std::current_exception()});
-            return;
-        }
-    }
+    // where the kernel cannot answer for one file: it is read on the first such file, if any.
+    OpenList open;
     // Every started entry of the batch is written and synced in one go before the batch changes
     // anything: one wait for the disk per batch rather than one per copy.
     std::vector<JournalEntry> announced;
@@ -586,6 +592,28 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
             return;
         }
     }
+    auto replaced = [&](Swapped& s) {
+        s.held.reset();
+        JournalEntry entry = s.entry;
+        entry.event = JournalEntry::Event::replaced;
+        entry.time = std::time(nullptr);
+        entry.freedBytes = s.freed;
+        if (s.after) {
+            entry.after = std::move(s.after);
+        } else {
+            try {
+                entry.after = Snapshot::take(s.target.target);
+            } catch (const std::exception&) {
+            }
+        }
+        if (journal) {
+            try {
+                journal->append(entry);
+            } catch (...) {
+            }
+        }
+        done(s.target, {s.freed, nullptr});
+    };
     std::vector<Swapped> swapped;
     size_t next = 0;
     for (; next < batch.size(); ++next) {
@@ -593,7 +621,14 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         if (willStart && !willStart(r)) break;
         JournalEntry& entry = announced[next];
         try {
-            swapped.push_back(swapIn(r, entry, open));
+            Swapped s = swapIn(r, entry, open);
+            // Shared in place, the copy is done: nothing waits under a temporary name, so its
+            // descriptors are let go now rather than held to the end of the batch.
+            if (s.temporary.empty()) {
+                replaced(s);
+            } else {
+                swapped.push_back(std::move(s));
+            }
         } catch (...) {
             auto error = explained(vanishedAsSkip(std::current_exception(), r), r.target);
             close(journal, entry, error);
@@ -614,10 +649,12 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
             // Left open, they are closed as "nothing left over" by the next recovery.
         }
     }
-    OpenFiles again;
+    // Read afresh for the removals, and only if some file could not be asked of the kernel. Read
+    // before any removal, so that a list that cannot be read leaves every entry open for recovery.
+    OpenList again;
     bool listNeeded = std::any_of(swapped.begin(), swapped.end(), [](const Swapped& s) { return !s.leases; });
     try {
-        if (listNeeded) again = OpenFiles::now();
+        if (listNeeded) again.get();
     } catch (...) {
         for (auto& s : swapped) done(s.target, {0, std::current_exception()});
         return;
@@ -631,22 +668,7 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
             done(s.target, {0, error});
             continue;
         }
-        s.held.reset();
-        JournalEntry entry = s.entry;
-        entry.event = JournalEntry::Event::replaced;
-        entry.time = std::time(nullptr);
-        entry.freedBytes = s.freed;
-        try {
-            entry.after = Snapshot::take(s.target.target);
-        } catch (const std::exception&) {
-        }
-        if (journal) {
-            try {
-                journal->append(entry);
-            } catch (...) {
-            }
-        }
-        done(s.target, {s.freed, nullptr});
+        replaced(s);
     }
 }
 

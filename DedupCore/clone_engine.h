@@ -116,21 +116,22 @@ struct CloneEngine {
 
 private:
     struct Swapped;
+    struct OpenList;
     // Whether each volume can clone, found out on its first copy that cannot be shared in place;
     // shared by copies of the engine.
     struct Volumes {
         std::mutex mutex;
         std::map<uint64_t, bool> clones;
     };
-    Swapped swapIn(const Replacement& replacement, JournalEntry& entry, const OpenFiles& open);
+    Swapped swapIn(const Replacement& replacement, JournalEntry& entry, OpenList& open);
     void undoSwap(Swapped& swapped);
     bool shareInPlace(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
     void swapByClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
-    void finish(Swapped& swapped, const OpenFiles& open);
+    void finish(Swapped& swapped, OpenList& open);
     void step(Step step, const std::string& temporary) const;
     bool canClone(const Swapped& swapped) const;
     bool openElsewhere(Swapped& swapped, const platform::FileDescriptor& fd, const FileStatus& status,
-                       const OpenFiles& open) const;
+                       OpenList& open) const;
 
     std::shared_ptr<Volumes> volumes_ = std::make_shared<Volumes>();
 };

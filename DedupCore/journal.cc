@@ -375,6 +375,8 @@ Journal::Recovery Journal::recover(const std::function<std::string(const std::st
     openEntries(&gone, &alive);
     result.underway = alive.size();
     for (const auto& entry : gone) {
+        // Closing it here would lose where the copy went: the Trash's own recovery finds it.
+        if (entry.isTrashMove()) continue;
         JournalEntry closing = entry;
         closing.time = std::time(nullptr);
         closing.event = JournalEntry::Event::recovered;

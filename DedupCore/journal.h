@@ -75,6 +75,10 @@ struct JournalEntry {
 
     // A fresh id and the current time.
     static JournalEntry make(Event event, std::string target);
+    // The `detail` of a started entry that moves a copy to the Trash rather than replacing it:
+    // such a move is put right by TrashMover::recoverInterrupted, not by Journal::recover.
+    static constexpr std::string_view trashMove = "move to the Trash";
+    bool isTrashMove() const { return event == Event::started && detail == trashMove; }
     // What the journal list shows: "clone", "left alone: open in another app", "put right", ...
     std::string label() const;
 };
@@ -126,7 +130,7 @@ public:
     };
     // Puts every interrupted replacement right with `recoverLeftover` (given the temporary path,
     // answers the outcome's name: "removed", "restored", "kept") and journals a "recovered" entry
-    // for each. One leftover that cannot be put right is reported and passed over; an entry that
+    // for each. Moves to the Trash are left to TrashMover::recoverInterrupted. One leftover that cannot be put right is reported and passed over; an entry that
     // cannot be written stops it (with the error) as nothing could then be recorded.
     Recovery recover(const std::function<std::string(const std::string&)>& recoverLeftover);
     std::vector<JournalEntry> recoverInterrupted(const std::function<std::string(const std::string&)>& recoverLeftover) {

@@ -1,5 +1,7 @@
 #include "reclaimer.h"
 
+#include <cstdint>
+
 #include <nlohmann/json.hpp>
 
 #include "path_text.h"
@@ -33,11 +35,14 @@ std::vector<CloneEngine::Replacement> Reclaimer::replacements(const std::vector<
 }
 
 std::vector<std::vector<CloneEngine::Replacement>> Reclaimer::batches(
-    const std::vector<CloneEngine::Replacement>& replacements) {
+    const std::vector<CloneEngine::Replacement>& replacements, CloneEngine::Strategy strategy) {
+    bool swaps = strategy == CloneEngine::Strategy::cloneAndSwap;
+    size_t count = swaps ? batchCount : inPlaceBatchCount;
+    int64_t byteLimit = swaps ? batchBytes : INT64_MAX;
     std::vector<std::vector<CloneEngine::Replacement>> result;
     int64_t bytes = 0;
     for (const auto& replacement : replacements) {
-        if (result.empty() || result.back().size() >= batchCount || bytes >= batchBytes) {
+        if (result.empty() || result.back().size() >= count || bytes >= byteLimit) {
             result.emplace_back();
             bytes = 0;
         }
@@ -54,7 +59,7 @@ ReclaimSummary Reclaimer::reclaim(const std::vector<DuplicateGroup>& groups, con
     auto planned = replacements(groups, selection);
     ReclaimProgress state;
     state.total = static_cast<int64_t>(planned.size());
-    for (const auto& batch : batches(planned)) {
+    for (const auto& batch : batches(planned, engine.strategy)) {
         if (summary.cancelled) break;
         engine.replace(
             batch,

@@ -41,6 +41,9 @@ struct Reclaimer {
 
     static constexpr size_t batchCount = 64;
     static constexpr int64_t batchBytes = int64_t{1} << 30;
+    // Shared in place, a copy is finished as soon as it is shared and nothing waits under a
+    // temporary name: a batch is only the copies whose started entries share one sync.
+    static constexpr size_t inPlaceBatchCount = 1024;
 
     ReclaimSummary reclaim(const std::vector<DuplicateGroup>& groups, const Selection& selection,
                            const std::function<void(const ReclaimProgress&)>& progress,
@@ -49,10 +52,11 @@ struct Reclaimer {
     // What reclaim() will do, in its order: one replacement per target of the plan.
     static std::vector<CloneEngine::Replacement> replacements(const std::vector<DuplicateGroup>& groups,
                                                               const Selection& selection);
-    // At most 64 replacements or 2^30 bytes a batch (a batch may end above it by its last member):
-    // bounds how many replaced copies wait under temporary names.
+    // Clone and swap: at most 64 replacements or 2^30 bytes a batch (a batch may end above it by its
+    // last member), which bounds how many replaced copies wait under temporary names. In place (and
+    // automatic, which is in place): at most 1024 replacements, whatever their size.
     static std::vector<std::vector<CloneEngine::Replacement>> batches(
-        const std::vector<CloneEngine::Replacement>& replacements);
+        const std::vector<CloneEngine::Replacement>& replacements, CloneEngine::Strategy strategy);
 };
 
 }  // namespace dedup

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include <openssl/evp.h>
@@ -206,7 +207,70 @@ CopyComparison CopyComparison::of(const std::string& copy, const std::string& ke
     return Comparer(copy, kept).run();
 }
 
+std::string TrashRecovery::describe() const {
+    switch (found) {
+        case Found::inPlace:
+            return "The move of " + started.target + " to the Trash was cut short before it went; it stays where it is.";
+        case Found::inTrash:
+            return "The move of " + started.target + " to the Trash was cut short after it went; it is in the Trash at " +
+                   location + " and \"dedup journal restore\" puts it back.";
+        case Found::nowhere: break;
+    }
+    return "The move of " + started.target + " to the Trash was cut short, and it is now neither there nor in its disk's "
+           "Trash: it was moved, or the Trash emptied, since.";
+}
+
 namespace TrashMover {
+
+std::string trashFolderFor(const std::string& path) { return platform::trashFolderFor(path); }
+
+std::vector<TrashRecovery> recoverInterrupted(Journal& journal) {
+    auto held = journal.lockRecovery();
+    std::vector<TrashRecovery> found;
+    for (auto& entry : journal.interrupted()) {
+        if (!entry.isTrashMove()) continue;
+        TrashRecovery recovery;
+        recovery.started = entry;
+        JournalEntry closing = entry;
+        closing.detail.reset();
+        closing.time = JournalEntry::make(JournalEntry::Event::recovered, entry.target).time;
+        std::optional<FileStatus> now;
+        try {
+            now = FileStatus::read(entry.target);
+        } catch (const SystemError&) {
+        }
+        const FileStatus* before = entry.before ? &entry.before->status : nullptr;
+        // Something at the old place that is not the copy (a new file saved there since) says
+        // nothing of where the copy went.
+        bool inPlace = now && (!before || (now->device == before->device && now->inode == before->inode));
+        if (!inPlace && before) recovery.location = platform::findInTrash(entry.target, before->device, before->inode);
+        if (inPlace) {
+            recovery.found = TrashRecovery::Found::inPlace;
+            // GIO writes the Trash's record before it moves the item: a record without its item
+            // would list in the Trash a copy that is not there.
+            if (before) platform::forgetUnfinishedTrashInfo(entry.target, before->device);
+            closing.event = JournalEntry::Event::recovered;
+            closing.detail = "never reached the Trash; it stays where it is";
+        } else if (!recovery.location.empty()) {
+            recovery.found = TrashRecovery::Found::inTrash;
+            platform::ensureTrashInfo(recovery.location, entry.target);
+            closing.event = JournalEntry::Event::trashed;
+            closing.detail = recovery.location;
+            try {
+                closing.after = Snapshot::take(recovery.location);
+            } catch (const SystemError&) {
+            }
+            if (before && before->isRegularFile()) closing.freedBytes = before->size;
+        } else {
+            recovery.found = TrashRecovery::Found::nowhere;
+            closing.event = JournalEntry::Event::recovered;
+            closing.detail = "neither at its place nor in its disk's Trash";
+        }
+        journal.append(closing);
+        found.push_back(std::move(recovery));
+    }
+    return found;
+}
 
 TrashOutcome moveCopy(const std::string& copy, const std::string& kept, Journal& journal) {
     TrashOutcome outcome;
@@ -261,6 +325,7 @@ TrashOutcome moveCopy(const std::string& copy, const std::string& kept, Journal&
     if (!moved.empty()) return changed(std::move(moved));
 
     JournalEntry started = JournalEntry::make(JournalEntry::Event::started, copy);
+    started.detail = std::string(JournalEntry::trashMove);
     started.source = kept;
     started.digest = comparison.digest;
     try {
@@ -274,6 +339,7 @@ TrashOutcome moveCopy(const std::string& copy, const std::string& kept, Journal&
 
     platform::TrashMove move = platform::moveToTrashOfItsDisk(copy);
     JournalEntry closing = started;
+    closing.detail.reset();
     closing.time = JournalEntry::make(JournalEntry::Event::trashed, copy).time;
     if (!move.moved) {
         closing.event = JournalEntry::Event::failed;
@@ -298,6 +364,7 @@ TrashOutcome moveCopy(const std::string& copy, const std::string& kept, Journal&
 
 RestoreOutcome restore(Journal& journal, const std::string& idOrPath) {
     RestoreOutcome outcome;
+    recoverInterrupted(journal);
     auto entries = journal.entries();
     const JournalEntry* found = nullptr;
     for (const auto& entry : entries) {

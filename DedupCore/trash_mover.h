@@ -46,12 +46,38 @@ struct RestoreOutcome {
     std::string target;  // the path it went back to
 };
 
+// A move to the Trash that was cut short (the process killed, the power gone) between announcing
+// it and recording where the copy went, as the next recovery found it.
+struct TrashRecovery {
+    enum class Found {
+        inPlace,  // the copy never left: it stays, and a Trash record left half-made is removed
+        inTrash,  // the copy reached the Trash: the move is recorded, so restore can take it back
+        nowhere,  // neither at its place nor in a Trash of its disk (moved or emptied since)
+    };
+    JournalEntry started;
+    Found found = Found::nowhere;
+    std::string location;  // inTrash: where it lies
+    // For a person: what became of the copy.
+    std::string describe() const;
+};
+
 namespace TrashMover {
 // Moves `copy` to the Trash once both it and `kept` have been checked again. Paths are absolute.
 TrashOutcome moveCopy(const std::string& copy, const std::string& kept, Journal& journal);
 
+// The Trash folder `path` would go to now (its disk's, or the home Trash), to tell the user before
+// the move; "" when `path` is gone.
+std::string trashFolderFor(const std::string& path);
+
+// Finds every move to the Trash whose process died before it was recorded, and closes it in the
+// journal as it stands: still in place ("recovered"), or in the Trash ("trashed", with its place
+// there and a ".trashinfo" written again if the crash lost it). Moves of processes still alive are
+// left to them. Takes the journal's recovery lock.
+std::vector<TrashRecovery> recoverInterrupted(Journal& journal);
+
 // Puts back the copy a "trashed" entry moved, named by the entry's id or by the path it had (the
-// latest such move). Records a "recovered" entry with the same id.
+// latest such move). Records a "recovered" entry with the same id. A move cut short is found first
+// (recoverInterrupted), so a copy the crash left in the Trash comes back too.
 RestoreOutcome restore(Journal& journal, const std::string& idOrPath);
 }  // namespace TrashMover
 

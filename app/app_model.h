@@ -38,6 +38,8 @@
 #include "space_holders.h"
 #include "true_size.h"
 #include "backup_disks.h"
+#include "across_volumes.h"
+#include "trash_mover.h"
 
 class QSettings;
 class QTimer;
@@ -396,6 +398,42 @@ private:
     QString automaticHolder_;
     QStringList automaticUnwatched_;
     QString lastAutomatic_;
+
+    // ---- Across disks (app_model_across.cc): identical files and folder trees on different
+    // disks, and moving one copy to the Trash of its disk. Independent of the scan's phase.
+public:
+    // Searches `roots` on a background thread, at most one search or move at a time; the answer
+    // comes by acrossResultChanged(), a failure through `error`. Paths are the file system's bytes.
+    void searchAcross(const std::vector<std::string>& roots, bool folders);
+    Q_INVOKABLE void cancelAcross();
+    bool acrossBusy() const { return acrossBusy_; }
+    const ScanProgress& acrossProgress() const { return acrossProgress_; }
+    const std::optional<AcrossResult>& acrossResult() const { return acrossResult_; }
+    // Moves `copy` to its disk's Trash once it and `kept` have been checked again, in the
+    // background; the outcome comes by acrossMoved(). A copy that went leaves the result.
+    void moveAcrossToTrash(const std::string& copy, const std::string& kept);
+    const std::optional<TrashOutcome>& trashOutcome() const { return trashOutcome_; }
+    // The outcome in the user's words.
+    static QString describe(const TrashOutcome& outcome, const std::string& copy);
+    // The Trash `path` would go to, to name it before the move; "" when `path` is gone.
+    static std::string trashFolderFor(const std::string& path) { return TrashMover::trashFolderFor(path); }
+    // Takes `path`, and everything inside it, out of a result: what is left of each group.
+    static void removeFromAcross(AcrossResult& result, const std::string& path);
+signals:
+    void acrossBusyChanged();
+    void acrossProgressChanged();
+    void acrossResultChanged();
+    void acrossMoved(const QString& text, bool moved);
+
+private:
+    void finishAcross(AcrossResult result, const QString& failure);
+    void finishTrashMove(const std::string& copy, const TrashOutcome& outcome);
+    void setAcrossBusy(bool busy);
+    bool acrossBusy_ = false;
+    ScanProgress acrossProgress_;
+    std::optional<AcrossResult> acrossResult_;
+    std::optional<TrashOutcome> trashOutcome_;
+    std::shared_ptr<CancelFlag> acrossCancel_;
 };
 
 }  // namespace dedup::app

@@ -8,6 +8,7 @@
 #include "app_tasks.h"
 #include "auto_lock.h"
 #include "hash_cache.h"
+#include "trash_mover.h"
 
 namespace dedup::app {
 
@@ -26,7 +27,9 @@ std::variant<size_t, std::string> AppModel::recoverInterrupted(Journal& journal,
     // starting meanwhile.
     auto lock = AutoLock::acquire(dataDirectory, "VELMORA.dedup");
     if (auto* holder = std::get_if<AutoLock::Holder>(&lock)) return dedup::describe(*holder);
-    return journal
+    // Moves to the Trash cut short are closed first, so the journal says where each copy went.
+    const size_t moves = TrashMover::recoverInterrupted(journal).size();
+    return moves + journal
         .recoverInterrupted(
             [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); })
         .size();

@@ -50,14 +50,18 @@ void quitOnTerminationSignals() {
     for (int signal : {SIGTERM, SIGINT, SIGHUP}) ::sigaction(signal, &action, nullptr);
 }
 
-bool postDesktopNotification(const QString& title, const QString& body) {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    if (!bus.isConnected()) return false;
+QDBusMessage notificationCall(const QString& title, const QString& body) {
     QDBusMessage message = QDBusMessage::createMethodCall(
         "org.freedesktop.Notifications", "/org/freedesktop/Notifications", "org.freedesktop.Notifications", "Notify");
     message << QString("VELMORA.dedup") << uint(0) << QString("org.velmora.dedup") << title << body << QStringList()
             << QVariantMap() << int(-1);
-    return bus.send(message);
+    return message;
+}
+
+bool postDesktopNotification(const QString& title, const QString& body) {
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected()) return false;
+    return bus.send(notificationCall(title, body));
 }
 
 SingleInstance::SingleInstance(QDBusConnection bus, QObject* parent) : QObject(parent), bus_(std::move(bus)) {}

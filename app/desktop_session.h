@@ -9,6 +9,7 @@
 #pragma once
 
 #include <QDBusConnection>
+#include <QDBusMessage>
 #include <QObject>
 #include <QString>
 
@@ -18,6 +19,9 @@ class QWidget;
 namespace dedup::app {
 
 class AppModel;
+
+// The org.freedesktop.Notifications call that shows `body` under `title`.
+QDBusMessage notificationCall(const QString& title, const QString& body);
 
 // Posts a desktop notification through org.freedesktop.Notifications without waiting for an
 // answer; false when there is no session bus. A missing notification server loses only the note.

@@ -6,6 +6,7 @@
 #include <QDialogButtonBox>
 #include <QHBoxLayout>
 #include <QListWidget>
+#include <QMessageBox>
 #include <QMenuBar>
 #include <QScrollArea>
 #include <QStackedWidget>
@@ -21,6 +22,10 @@
 #include "scan_view.h"
 #include "settings_view.h"
 #include "true_size_view.h"
+#if DEDUP_UPDATE_CHECK
+#include "update_bar.h"
+#include "update_check.h"
+#endif
 
 // The icon is compiled into a static library, whose resources are registered only when asked.
 static void loadResources() { Q_INIT_RESOURCE(app_resources); }
@@ -39,7 +44,8 @@ MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), 
     screens_ = new QStackedWidget(this);
     screens_->addWidget(scan_);
     screens_->addWidget(trueSize_);
-    screens_->addWidget(new AcrossView(this));
+    across_ = new AcrossView(model_, this);
+    screens_->addWidget(across_);
     screens_->addWidget(automatic_);
     screens_->addWidget(journal_);
 
@@ -70,11 +76,20 @@ MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), 
     connect(sidebar_, &QListWidget::currentRowChanged, screens_, &QStackedWidget::setCurrentIndex);
 
     auto* central = new QWidget(this);
-    auto* layout = new QHBoxLayout(central);
+    auto* column = new QVBoxLayout(central);
+    column->setContentsMargins(0, 0, 0, 0);
+    column->setSpacing(0);
+#if DEDUP_UPDATE_CHECK
+    updates_ = new UpdateCheck(model_.places().settingsFile, this);
+    updateBar_ = new UpdateBar(*updates_, central);
+    column->addWidget(updateBar_);
+#endif
+    auto* layout = new QHBoxLayout;
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
     layout->addWidget(sidebar_);
     layout->addWidget(screens_, 1);
+    column->addLayout(layout, 1);
     setCentralWidget(central);
 
     QMenu* file = menuBar()->addMenu(tr("&File"));
@@ -94,6 +109,8 @@ MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), 
         QAction* go = view->addAction(entries[i].name, this, [this, i] { showScreen(static_cast<Screen>(i)); });
         go->setShortcut(QKeySequence(Qt::CTRL | static_cast<Qt::Key>(Qt::Key_1 + i)));
     }
+    QMenu* help = menuBar()->addMenu(tr("&Help"));
+    help->addAction(tr("&About VELMORA.dedup"), this, &MainWindow::showAbout);
 
     // Errors the model reports reach the status bar as well as the screen they happened on, so a
     // failure behind another screen is not missed.
@@ -124,7 +141,9 @@ QDialog* MainWindow::settingsWindow() {
         auto* area = new QScrollArea(settings_);
         area->setWidgetResizable(true);
         area->setFrameShape(QFrame::NoFrame);
-        area->setWidget(new SettingsView(model_, area));
+        auto* view = new SettingsView(model_, area);
+        if (updates_) view->addUpdateSwitch(*updates_);
+        area->setWidget(view);
         auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, settings_);
         connect(buttons, &QDialogButtonBox::rejected, settings_, &QDialog::close);
         auto* layout = new QVBoxLayout(settings_);
@@ -134,6 +153,28 @@ QDialog* MainWindow::settingsWindow() {
         settings_->resize(line * 38, line * 42);
     }
     return settings_;
+}
+
+QString MainWindow::aboutText() {
+    QString version = QCoreApplication::applicationVersion();
+    if (version.isEmpty()) version = tr("unknown");
+    return tr("<h3>VELMORA.dedup</h3>"
+              "<p>Version %1</p>"
+              "<p>Gives back the space that identical files take, without deleting any.</p>"
+              "<p>Proprietary software. Copyright VELMORA. All rights reserved.</p>"
+              "<p><a href=\"https://velmora.example/dedup\">https://velmora.example/dedup</a></p>")
+        .arg(version.toHtmlEscaped());
+}
+
+void MainWindow::showAbout() { QMessageBox::about(this, tr("About VELMORA.dedup"), aboutText()); }
+
+void MainWindow::showEvent(QShowEvent* event) {
+    QMainWindow::showEvent(event);
+    if (shown_) return;
+    shown_ = true;
+#if DEDUP_UPDATE_CHECK
+    updates_->check();
+#endif
 }
 
 void MainWindow::showSettings() {

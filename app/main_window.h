@@ -12,11 +12,14 @@ class QStackedWidget;
 
 namespace dedup::app {
 
+class AcrossView;
 class AppModel;
 class AutomaticView;
 class JournalView;
 class ScanView;
 class TrueSizeView;
+class UpdateBar;
+class UpdateCheck;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -30,13 +33,24 @@ public:
     QWidget* screen(Screen screen) const;
     ScanView* scanView() const { return scan_; }
     TrueSizeView* trueSizeView() const { return trueSize_; }
+    AcrossView* acrossView() const { return across_; }
     AutomaticView* automaticView() const { return automatic_; }
     JournalView* journalView() const { return journal_; }
     // Made on first use, kept afterwards.
     QDialog* settingsWindow();
+    // The check for a newer release; null where the build leaves it out.
+    UpdateCheck* updateCheck() const { return updates_; }
+    UpdateBar* updateBar() const { return updateBar_; }
+    // The About box's text: the version, the licence and the project's address.
+    static QString aboutText();
 
 public slots:
     void showSettings();
+    void showAbout();
+
+protected:
+    // The update check starts once, when the window first appears.
+    void showEvent(QShowEvent* event) override;
 
 private:
     AppModel& model_;
@@ -44,9 +58,13 @@ private:
     QStackedWidget* screens_;
     ScanView* scan_;
     TrueSizeView* trueSize_;
+    AcrossView* across_;
     AutomaticView* automatic_;
     JournalView* journal_;
     QDialog* settings_ = nullptr;
+    UpdateCheck* updates_ = nullptr;
+    UpdateBar* updateBar_ = nullptr;
+    bool shown_ = false;
 };
 
 }  // namespace dedup::app

@@ -6,6 +6,9 @@
 
 #include "app_model.h"
 #include "scan_options_editor.h"
+#if DEDUP_UPDATE_CHECK
+#include "update_check.h"
+#endif
 
 namespace dedup::app {
 
@@ -20,9 +23,9 @@ SettingsView::SettingsView(AppModel& model, QWidget* parent) : QWidget(parent), 
     auto* reclaimLayout = new QVBoxLayout(reclaimBox);
     for (QCheckBox* box : {trash_, folderDates_, coordinate_}) reclaimLayout->addWidget(box);
     auto* appBox = new QGroupBox(tr("Application"), this);
-    auto* appLayout = new QVBoxLayout(appBox);
-    appLayout->addWidget(notify_);
-    appLayout->addWidget(startAtLogin_);
+    appLayout_ = new QVBoxLayout(appBox);
+    appLayout_->addWidget(notify_);
+    appLayout_->addWidget(startAtLogin_);
     auto* scanBox = new QGroupBox(tr("Scanning"), this);
     auto* scanLayout = new QVBoxLayout(scanBox);
     options_ = new ScanOptionsEditor(scanBox);
@@ -49,6 +52,26 @@ SettingsView::SettingsView(AppModel& model, QWidget* parent) : QWidget(parent), 
     });
     options_->setOptions(model_.options());
     showSettings();
+}
+
+void SettingsView::addUpdateSwitch([[maybe_unused]] UpdateCheck& check) {
+#if DEDUP_UPDATE_CHECK
+    if (updates_) return;
+    updates_ = new QCheckBox(tr("Look once a day whether a newer version is out"), this);
+    updates_->setObjectName(QStringLiteral("updateCheck"));
+    updates_->setToolTip(tr("Asks %1; nothing is downloaded").arg(check.feed().host()));
+    appLayout_->addWidget(updates_);
+    auto show = [this, &check] {
+        const QSignalBlocker blocker(updates_);
+        updates_->setChecked(check.consent() == UpdateCheck::Consent::allowed);
+    };
+    show();
+    connect(&check, &UpdateCheck::consentChanged, updates_, show);
+    connect(updates_, &QCheckBox::toggled, &check, [&check](bool on) {
+        check.setConsent(on);
+        if (on) check.check();
+    });
+#endif
 }
 
 void SettingsView::showSettings() {

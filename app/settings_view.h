@@ -6,16 +6,21 @@
 #include <QWidget>
 
 class QCheckBox;
+class QVBoxLayout;
 
 namespace dedup::app {
 
 class AppModel;
 class ScanOptionsEditor;
+class UpdateCheck;
 
 class SettingsView : public QWidget {
     Q_OBJECT
 public:
     explicit SettingsView(AppModel& model, QWidget* parent = nullptr);
+    // The switch of the daily check for a newer release, where the build has it.
+    void addUpdateSwitch(UpdateCheck& check);
+    QCheckBox* updateSwitch() const { return updates_; }
 
 private:
     void showSettings();
@@ -26,6 +31,8 @@ private:
     QCheckBox* coordinate_;
     QCheckBox* notify_;
     QCheckBox* startAtLogin_;
+    QCheckBox* updates_ = nullptr;
+    QVBoxLayout* appLayout_;
     ScanOptionsEditor* options_;
 };
 

@@ -2,19 +2,21 @@
 # Times `dedup scan` and other duplicate finders on one generated tree, in one run, and checks that
 # they all find the same duplicate bytes.
 #
-#   bench/compare.sh [--scale N] [--dir DIR] [--tools "dedup jdupes ..."] [--threads N] [--reflink]
+#   bench/compare.sh [--shape mixed|home] [--scale N] [--dir DIR] [--tools "dedup jdupes ..."] [--threads N] [--reflink]
 #
 # Every tool only looks for duplicates: nothing is deleted or linked. Each is timed twice: with a
 # warm page cache (a first, untimed run reads the tree into memory) and, when run as root, right
 # after the kernel dropped its caches. dedup also gets a second scan of the unchanged tree that
-# reuses the digest cache of its first one.
+# reuses the digest cache of its first one and, on the home shape, a scan after one folder of
+# small files was rewritten; duperemove gets its rescan from its hash file. The home shape ends
+# with the speed goals, each with its measured ratio and whether it holds.
 #
 # Settings are made equivalent where the tools allow it (see set_command): every regular file of
 # one byte or more, hidden files included, symbolic links never followed, hard links to one file
 # never counted as copies of each other. What still differs is printed under the table.
 set -euo pipefail
 
-readonly all_tools="dedup jdupes rmlint fdupes rdfind"
+readonly all_tools="listing dedup jdupes rmlint fdupes rdfind duperemove"
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 # shellcheck source=common.sh
 . "$here/common.sh"
@@ -22,13 +24,19 @@ repo="$(dirname "$here")"
 
 usage() {
   cat <<EOF
-usage: bench/compare.sh [--scale N] [--dir DIR] [--volume xfs|btrfs|none] [--tools "LIST"] [--threads N] [--reflink]
+usage: bench/compare.sh [--shape mixed|home] [--scale N] [--dir DIR] [--volume xfs|btrfs|none] [--tools "LIST"] [--threads N] [--reflink]
+  --shape S      mixed: edge cases (default); home: a home folder, ~100,000 files and ~4.6 GB at
+                 scale 1, on btrfs with clones, timed against the speed goals
   --scale N      size of the generated tree; 1 is ~60,000 files and ~2.7 GB (default 1)
   --dir DIR      where the tree and the results go; not on tmpfs (default /var/tmp/dedup-bench)
-  --volume KIND  make the tree on a loop-mounted xfs or btrfs image in DIR, or none (default xfs)
-  --tools LIST   which tools to run, out of: $all_tools (default: all)
+  --volume KIND  make the tree on a loop-mounted xfs or btrfs image in DIR, or none
+                 (default xfs; btrfs for the home shape)
+  --tools LIST   which tools to run, out of: $all_tools
+                 (default: all but listing and duperemove; for the home shape
+                 "listing dedup jdupes rdfind duperemove")
   --threads N    passed to dedup as --threads N
   --reflink      generate the tree with block-sharing clones where the file system allows it
+                 (always on for the home shape)
 Needs build/dedup and build/bench/make_dataset: run ./setup.sh first.
 EOF
 }
@@ -37,17 +45,20 @@ die() { echo "compare.sh: $*" >&2; exit 1; }
 say() { echo "compare.sh: $*" >&2; }
 
 scale=1
-dir=/var/tmp/dedup-bench
-volume=xfs
+shape=mixed
+dir=""
+volume=""
 volume_size=12G
 unmount_at_exit=""
-tools="$all_tools"
+tools=""
 threads=""
 reflink=0
 while [ $# -gt 0 ]; do
   case "$1" in
     --scale) [ $# -ge 2 ] || die "--scale needs a value"; scale="$2"; shift 2 ;;
     --scale=*) scale="${1#*=}"; shift ;;
+    --shape) [ $# -ge 2 ] || die "--shape needs mixed or home"; shape="$2"; shift 2 ;;
+    --shape=*) shape="${1#*=}"; shift ;;
     --dir) [ $# -ge 2 ] || die "--dir needs a value"; dir="$2"; shift 2 ;;
     --volume) [ $# -ge 2 ] || die "--volume needs xfs, btrfs or none"; volume="$2"; shift 2 ;;
     --volume=*) volume="${1#*=}"; shift ;;
@@ -61,6 +72,19 @@ while [ $# -gt 0 ]; do
     *) usage >&2; die "unknown argument: $1" ;;
   esac
 done
+
+case "$shape" in
+  mixed)
+    [ -n "$dir" ] || dir=/var/tmp/dedup-bench
+    [ -n "$volume" ] || volume=xfs
+    [ -n "$tools" ] || tools="dedup jdupes rmlint fdupes rdfind" ;;
+  home)
+    [ -n "$dir" ] || dir=/var/tmp/dedup-bench-home
+    [ -n "$volume" ] || volume=btrfs
+    [ -n "$tools" ] || tools="listing dedup jdupes rdfind duperemove"
+    reflink=1 ;;
+  *) die "--shape is mixed or home, not '$shape'" ;;
+esac
 
 [[ "$scale" =~ ^([0-9]+\.?[0-9]*|\.[0-9]+)$ ]] || die "--scale must be a positive number, not '$scale'"
 [ -z "$threads" ] || [[ "$threads" =~ ^[1-9][0-9]*$ ]] || die "--threads must be a positive integer"
@@ -88,7 +112,7 @@ fi
 
 missing=()
 for t in "${tool_list[@]}"; do
-  [ "$t" = dedup ] || command -v "$t" >/dev/null || missing+=("$t")
+  [ "$t" = dedup ] || [ "$t" = listing ] || command -v "$t" >/dev/null || missing+=("$t")
 done
 [ -x /usr/bin/time ] || missing+=(time)
 command -v jq >/dev/null || missing+=(jq)
@@ -145,8 +169,8 @@ fs_type="$(findmnt -n -o FSTYPE -T "$dir" 2>/dev/null | tail -n 1)"
 tree="$dir/tree"
 stamp="$dir/stamp"
 summary="$dir/summary.txt"
-want_stamp="scale=$scale reflink=$reflink generator=$(sha256sum "$here/make_dataset.cc" | cut -c1-16)"
-gen_args=(--scale "$scale")
+want_stamp="shape=$shape scale=$scale reflink=$reflink generator=$(sha256sum "$here/make_dataset.cc" | cut -c1-16)"
+gen_args=(--shape "$shape" --scale "$scale")
 [ "$reflink" -eq 0 ] || gen_args+=(--reflink)
 ensure_tree "$dir" "$want_stamp" "" "${gen_args[@]}"
 sed 's/^/  /' "$summary" >&2
@@ -194,13 +218,20 @@ drop_caches() { sync; echo 3 >/proc/sys/vm/drop_caches; }
 #    -minsize 1, -followsymlinks false and -removeidentinode true (one name per inode) are its
 #    defaults, spelled out.
 #  - dedup: scan --min-size 1 --json, --threads N when asked.
+#  - duperemove: -r without -d only finds duplicate extents; --hashfile keeps what it read, so its
+#    second run over one hash file is its rescan. It lists extents, not files: no figure is taken.
+#  - listing: find -printf '%s %i', the size and inode of every entry: the floor of any scan.
 set_command() {
   local tool="$1" base="$2"
   out="$base.out"
   case "$tool" in
+    listing) cmd=(find "$tree" -printf '%s %i\n') ;;
+    duperemove) cmd=(duperemove -r "--hashfile=$hashfile" "$tree") ;;
     dedup)
       cmd=("$dedup" scan --min-size 1 --json)
       [ -z "$threads" ] || cmd+=(--threads "$threads")
+      # A full check reads every extent map again instead of trusting what the cache kept.
+      [[ "$base" != *.full ]] || cmd+=(--full-check)
       cmd+=("$tree") ;;
     jdupes) cmd=(jdupes -r -q -S "$tree") ;;
     fdupes) cmd=(fdupes -r -n -q -S "$tree") ;;
@@ -277,11 +308,18 @@ dedup_figures() {
 # ---- Results ----------------------------------------------------------------------------------------
 
 rows=()   # "label|condition|secs|kib|dup bytes|dup bytes once per inode, or ref|files" per timed run
+declare -A once_of=()
 notes=()
 dedup_ref=""
 dedup_by_size=""
 
 add_note() { [[ " ${notes[*]-} " == *" $1 "* ]] || notes+=("$1"); }
+
+# A row for a command timed by the caller (secs, kib and status already set).
+measure_row_only() {
+  [ "$status" -eq 0 ] || add_note "$1 exited with status $status."
+  rows+=("$1|$2|$secs|$kib|-|-|$candidates")
+}
 
 # One timed run of a tool under a condition; label tells the table row apart.
 measure() {
@@ -311,6 +349,11 @@ measure() {
     fi
     return 0
   fi
+  if [ "$tool" = listing ] || [ "$tool" = duperemove ] || [ "$tool" = reading ]; then
+    [ "$status" -eq 0 ] || add_note "$label exited with status $status."
+    rows+=("$label|$condition|$secs|$kib|-|-|$candidates")
+    return 0
+  fi
   # An empty list is a valid answer from jdupes and fdupes; rmlint and rdfind always write a file.
   if [ "$status" -ne 0 ] || [ ! -f "$out" ]; then
     rows+=("$label|$condition|$secs|$kib|failed (exit $status)|-|-")
@@ -324,9 +367,24 @@ measure() {
   rows+=("$label|$condition|$secs|$kib|$listed|$once|$candidates")
 }
 
+# The home shape's folder that a program rewrote: every file saved anew under its name (a new
+# inode, new times, the same bytes), as editors and build tools save. The bytes stay, so every
+# expected figure stays; cp --reflink=never, or Btrfs would share the blocks behind our back.
+readonly rewritten="$tree/Projects/build cache"
+rewrite_folder() {
+  local f
+  for f in "$rewritten"/*; do
+    cp --reflink=never --preserve=mode "$f" "$f.rewritten" && mv -f "$f.rewritten" "$f"
+  done
+  sync
+}
+
 run_condition() {
   local condition="$1" t
   for t in "${tool_list[@]}"; do
+    if [ "$condition" = warm ] && [ "$t" = duperemove ]; then
+      hashfile="$work/duperemove.warmup.hash"
+    fi
     if [ "$condition" = warm ]; then
       # The untimed run brings the tree into the page cache; for dedup it gets a digest database
       # of its own, so the timed run that follows is still a first scan.
@@ -344,12 +402,35 @@ run_condition() {
       export DEDUP_DATA_DIR
       measure dedup "$condition" dedup "$work/dedup.$condition.1"
       measure dedup "$condition" "dedup, 2nd scan" "$work/dedup.$condition.2"
+      if [ "$has_full_check" -eq 1 ]; then
+        measure dedup "$condition" "dedup, full check" "$work/dedup.$condition.full"
+      fi
+      if [ "$shape" = home ] && [ -d "$rewritten" ]; then
+        say "$condition: rewriting $(find "$rewritten" -type f | wc -l) files in $rewritten"
+        rewrite_folder
+        measure dedup "$condition" "dedup, after change" "$work/dedup.$condition.3"
+        # What the scan after the change could not help reading: the rewritten files themselves.
+        cmd=(find "$rewritten" -type f -exec cat {} +)
+        out="$work/reading.$condition.out"
+        [ "$condition" = warm ] || drop_caches
+        say "$condition: reading the rewritten files"
+        timed "$work/reading.$condition"
+        measure_row_only "reading the change" "$condition"
+      fi
       unset DEDUP_DATA_DIR
+    elif [ "$t" = duperemove ]; then
+      hashfile="$work/duperemove.$condition.hash"
+      measure duperemove "$condition" duperemove "$work/duperemove.$condition.1"
+      measure duperemove "$condition" "duperemove, rescan" "$work/duperemove.$condition.2"
     else
       measure "$t" "$condition" "$t" "$work/$t.$condition"
     fi
   done
 }
+
+hashfile=""
+has_full_check=0
+if wants dedup && "$dedup" scan --help 2>/dev/null | grep -q -- --full-check; then has_full_check=1; fi
 
 sync
 run_condition warm
@@ -419,7 +500,7 @@ report() {
   [ "$expected_apart" = "$expected" ] || echo "  with clones counted as copies, as the peers count them: $expected_apart"
   echo "Machine: $(nproc) cores, kernel $(uname -r). Tools: $(versions | sed 's/; $//')"
   echo
-  printf '%-16s %-5s %8s %8s %8s %7s %14s  %s\n' tool cache seconds "vs dedup" "peak MiB" "B/file" "dup bytes" "= $reference_name"
+  printf '%-26s %-5s %8s %8s %8s %7s %14s  %s\n' tool cache seconds "vs dedup" "peak MiB" "B/file" "dup bytes" "= $reference_name"
   for row in "${rows[@]}"; do
     IFS='|' read -r tool condition secs kib dup once files <<<"$row"
     mib="$(awk -v k="$kib" 'BEGIN { printf "%.1f", k / 1024 }')"
@@ -427,7 +508,7 @@ report() {
     [[ ! "$files" =~ ^[1-9][0-9]*$ ]] || per_file="$(awk -v k="$kib" -v f="$files" 'BEGIN { printf "%.0f", k * 1024 / f }')"
     ratio="-"
     case "$tool" in
-      "dedup, 2nd scan") ratio="$(ratio_of "$secs" "${dedup_secs[$condition]:-0}")" ;;
+      "dedup, 2nd scan"|"dedup, after change"|"dedup, full check") ratio="$(ratio_of "$secs" "${dedup_secs[$condition]:-0}")" ;;
       *) [ -z "${dedup_secs[$condition]:-}" ] || ratio="$(ratio_of "$secs" "${dedup_secs[$condition]}")" ;;
     esac
     match="-"
@@ -438,7 +519,8 @@ report() {
         "no: clones") add_note "$tool counts files that already share all their blocks as copies (the expected figure counted that way is $expected_apart)." ;;
       esac
     fi
-    printf '%-16s %-5s %8s %8s %8s %7s %14s  %s\n' "$tool" "$condition" "$secs" "$ratio" "$mib" "$per_file" "$dup" "$match"
+    once_of["$tool/$condition"]="$once"
+    printf '%-26s %-5s %8s %8s %8s %7s %14s  %s\n' "$tool" "$condition" "$secs" "$ratio" "$mib" "$per_file" "$dup" "$match"
   done
   echo
   echo "vs dedup: seconds divided by dedup's first scan under the same cache; for dedup's 2nd scan, by its 1st."
@@ -457,6 +539,64 @@ report() {
       "file above 64 KiB byte for byte as it digests them and trusts the digest below; rmlint and rdfind trust the digest."
   fi
   [ "${#notes[@]}" -eq 0 ] || printf 'Note: %s\n' "${notes[@]}"
+  [ "$shape" != home ] || goals
+}
+
+# The speed goals, each as measured in this run: the ratio, the limit, and whether it holds.
+goals() {
+  local row tool condition secs kib dup once files
+  declare -A t=() mem=() seen=() dupof=()
+  for row in "${rows[@]}"; do
+    IFS='|' read -r tool condition secs kib dup once files <<<"$row"
+    t["$tool/$condition"]="$secs"
+    mem["$tool/$condition"]="$kib"
+    seen["$tool/$condition"]="$files"
+    dupof["$tool/$condition"]="$dup"
+  done
+  goal() {  # goal TEXT MEASURED REFERENCE LIMIT
+    local text="$1" a="$2" b="$3" limit="$4"
+    if [[ ! "$a" =~ ^[0-9.]+$ ]] || [[ ! "$b" =~ ^[0-9.]+$ ]]; then
+      printf '  %-62s %7s  (not measured)\n' "$text" "-"
+      return
+    fi
+    awk -v text="$text" -v a="$a" -v b="$b" -v limit="$limit" 'BEGIN {
+      r = b > 0 ? a / b : 0
+      printf "  %-62s %7.2f  limit %.2f  %s\n", text, r, limit, (r <= limit ? "holds" : "NOT MET") }'
+  }
+  fastest() {  # the fastest peer's first run under a condition
+    local c="$1" best="" p v
+    for p in jdupes rdfind duperemove rmlint fdupes; do
+      v="${t[$p/$c]:-}"
+      [[ "$v" =~ ^[0-9.]+$ ]] || continue
+      if [ -z "$best" ] || awk -v a="$v" -v b="$best" 'BEGIN { exit !(a < b) }'; then best="$v"; fi
+    done
+    echo "$best"
+  }
+  echo
+  echo "Goals (ratio = dedup's seconds / the other's):"
+  local c
+  for c in warm cold; do
+    [ -n "${t[dedup/$c]:-}" ] || continue
+    goal "2nd scan vs duperemove's rescan, $c" "${t[dedup, 2nd scan/$c]:-}" "${t[duperemove, rescan/$c]:-}" 0.5
+    goal "2nd scan vs listing the tree, $c" "${t[dedup, 2nd scan/$c]:-}" "${t[listing/$c]:-}" 2
+    local after="${t[dedup, after change/$c]:-}" second="${t[dedup, 2nd scan/$c]:-}" reading="${t[reading the change/$c]:-}"
+    local budget=""
+    [[ ! "$second" =~ ^[0-9.]+$ && ! "$reading" =~ ^[0-9.]+$ ]] || budget="$(awk -v a="$second" -v b="$reading" 'BEGIN { print a + b }')"
+    goal "after a change vs 2nd scan + reading the change, $c" "$after" "$budget" 1
+  done
+  goal "first scan vs jdupes -r, warm" "${t[dedup/warm]:-}" "${t[jdupes/warm]:-}" 0.5
+  goal "first scan vs the fastest peer, cold" "${t[dedup/cold]:-}" "$(fastest cold)" 0.6
+  local k="${mem[dedup/warm]:-}" f="${seen[dedup/warm]:-}"
+  if [[ "$k" =~ ^[0-9]+$ ]] && [[ "$f" =~ ^[1-9][0-9]*$ ]]; then
+    awk -v k="$k" -v f="$f" 'BEGIN { b = k * 1024 / f
+      printf "  %-62s %7.0f  limit 800   %s\n", "peak memory per file, bytes (first scan, warm)", b, (b < 800 ? "holds" : "NOT MET") }'
+  fi
+  local p d
+  for p in jdupes rdfind; do
+    d="${dupof[$p/warm]:-}"
+    [ -n "$d" ] || continue
+    printf '  %-62s %s\n' "same duplicate bytes as $p" "$(match_of "$d" "${once_of[$p/warm]:-$d}")"
+  done
 }
 
 report | tee "$dir/last-results.txt"

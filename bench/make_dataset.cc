@@ -1,7 +1,7 @@
 // make_dataset: writes a reproducible folder tree on which duplicate finders are timed and
 // checked against each other.
 //
-//   make_dataset [--scale N] [--reflink] DIR
+//   make_dataset [--shape mixed|home] [--scale N] [--reflink] DIR
 //
 // The same scale gives the same names and the same bytes on every run and every machine, so
 // figures taken on different days stay comparable. At scale 1 the tree holds about 60,000 files
@@ -245,6 +245,7 @@ public:
                 const Inode& original = inodes_[inodeOf(source)];
                 remember(relative, original.size, original.digest, original.unit);
                 ++clonesMade_;
+                clonedBytes_ += original.size;
                 return;
             }
             // EOPNOTSUPP on ext4 and tmpfs, EXDEV across file systems: the answer will not change.
@@ -264,7 +265,8 @@ public:
         std::uint64_t folders = 0, fileNames = 0, symlinks = 0, emptyFiles = 0;
         std::uint64_t inodes = 0, candidates = 0, bytes = 0;
         std::uint64_t duplicateSets = 0, expected = 0, expectedClonesApart = 0, setsNoneReplaceable = 0;
-        std::uint64_t clonesAsked = 0, clonesMade = 0;
+        std::uint64_t clonesAsked = 0, clonesMade = 0, clonedBytes = 0;
+        std::uint64_t candidatesInSharedSizes = 0;
     };
 
     Summary summarize() const {
@@ -314,6 +316,14 @@ public:
         }
         s.clonesAsked = clonesAsked_;
         s.clonesMade = clonesMade_;
+        s.clonedBytes = clonedBytes_;
+        std::map<std::uint64_t, std::uint64_t> filesOfSize;
+        for (const Inode& inode : inodes_) {
+            if (inode.size > 0) ++filesOfSize[inode.size];
+        }
+        for (const auto& [size, files] : filesOfSize) {
+            if (files > 1) s.candidatesInSharedSizes += files;
+        }
         return s;
     }
 
@@ -392,7 +402,7 @@ private:
     fs::path root_;
     bool reflink_;
     bool clonesWork_ = true;
-    std::uint64_t clonesAsked_ = 0, clonesMade_ = 0;
+    std::uint64_t clonesAsked_ = 0, clonesMade_ = 0, clonedBytes_ = 0;
     std::vector<std::uint8_t> buffer_;
     std::set<std::string> madeFolders_;
     std::unordered_map<std::string, std::size_t> inodeOfPath_;
@@ -427,12 +437,23 @@ std::string number(std::uint64_t value, int width) {
     return digits;
 }
 
+enum class Shape { mixed, home };
+
+// The folder of the home shape that benchmarks rewrite, relative to the tree.
+constexpr std::string_view rewrittenFolder = "Projects/build cache";
+
 class Plan {
 public:
     Plan(TreeWriter& writer, double scale) : w_(writer), scale_(scale) {}
 
     // The order of the steps is part of the dataset: every draw depends on the ones before it.
-    void build() {
+    void build(Shape shape) {
+        if (shape == Shape::home) {
+            homeFolders();
+            homeUniqueFiles();
+            homeCopies();
+            return;
+        }
         folders();
         smallFiles();
         emptyFiles();
@@ -689,6 +710,85 @@ private:
         }
     }
 
+
+    // ---- The home-folder shape ----
+    // A home folder as scans meet it every day: a hundred thousand files, most of them small, in
+    // a few thousand folders; nearly every file (95%) has a size another file shares, so a finder
+    // must read almost all of them; a third of them are copies, in 15,000 sets, mostly small
+    // (dependency trees, checkouts, exports), a few large. A tenth of the duplicate bytes already
+    // share blocks where the file system clones (--reflink). One folder of 1,000 small files stands
+    // apart, for benchmarks that rewrite it to time a scan after a small change.
+
+    void homeFolders() {
+        constexpr std::array<std::string_view, 9> homeAreas = {
+            "Documents", "Pictures", "Music", "Downloads", "Projects", ".config", ".local/share", "Desktop",
+            "Проекты"};
+        std::vector<std::pair<fs::path, int>> made;
+        for (auto area : homeAreas) made.emplace_back(fs::path(area), 0);
+        const std::size_t n = count(4000, 20);
+        for (std::size_t i = 0; i < n; ++i) {
+            auto [parent, depth] = made[random_.below(made.size())];
+            if (depth >= 5) std::tie(parent, depth) = made[random_.below(homeAreas.size())];
+            made.emplace_back(parent / (std::string(random_.pick(folderWords)) + " " + std::to_string(i)),
+                              depth + 1);
+        }
+        for (const auto& entry : made) smallFolders_.push_back(entry.first);
+    }
+
+    // Files with no copy. The small ones share their sizes with many others all the same (there
+    // are only so many sizes under 4 KiB), so only their bytes tell them apart; the larger ones
+    // mostly have sizes of their own.
+    void homeUniqueFiles() {
+        const std::size_t rewritten = count(1000, 10);
+        for (std::size_t i = 0; i < rewritten; ++i) {
+            w_.write(fs::path(std::string(rewrittenFolder)) / ("module " + number(i, 5) + ".js"),
+                     fresh(random_.spread(64, 4 * KiB)));
+        }
+        const std::size_t small = count(44000, 40);
+        for (std::size_t i = 0; i < small; ++i) {
+            w_.write(random_.pick(smallFolders_) / fileName(), fresh(random_.spread(32, 4 * KiB)));
+        }
+        const std::size_t larger = count(5000, 5);
+        for (std::size_t i = 0; i < larger; ++i) {
+            w_.write(random_.pick(smallFolders_) / fileName(), fresh(random_.spread(4 * KiB, bytes(1 * MiB, 64 * KiB))));
+        }
+    }
+
+    // The sets of copies: small ones in many copies, middling ones in a few, large ones in two.
+    void homeCopies() {
+        struct Kind {
+            double sets;
+            std::uint64_t low, high;
+            unsigned fewest, most;
+        };
+        const std::array<Kind, 3> kinds = {Kind{11000, 64, 16 * KiB, 2, 5}, Kind{3800, 16 * KiB, 512 * KiB, 2, 4},
+                                           Kind{200, 1 * MiB, bytes(8 * MiB, 2 * MiB), 2, 2}};
+        for (const Kind& kind : kinds) {
+            const std::size_t sets = count(kind.sets, 2);
+            for (std::size_t s = 0; s < sets; ++s) {
+                const Content content = fresh(random_.spread(kind.low, kind.high));
+                const std::string name = fileName();
+                const std::size_t copies = random_.between(kind.fewest, kind.most);
+                // One set in six above 64 KiB already shares its blocks between two of its copies:
+                // about a tenth of the duplicate bytes. Small files are left out, as Btrfs keeps
+                // them inside its metadata, where nothing is shared.
+                const bool cloned = content.size > 64 * KiB && random_.below(6) == 0;
+                std::vector<fs::path> written;
+                for (std::size_t c = 0; c < copies; ++c) {
+                    fs::path folder = random_.pick(smallFolders_);
+                    fs::path path = folder / name;
+                    if (std::find(written.begin(), written.end(), path) != written.end())
+                        path = folder / ("Copy " + std::to_string(c) + " of " + name);
+                    if (cloned && c == 1)
+                        w_.clone(written.front(), path, content);
+                    else
+                        w_.write(path, content);
+                    written.push_back(path);
+                }
+            }
+        }
+    }
+
     TreeWriter& w_;
     double scale_;
     Random random_{0x56454C4D4F524131ull};         // draws that shape the tree
@@ -703,7 +803,9 @@ private:
 [[noreturn]] void usage(int status) {
     std::fprintf(
         status == 0 ? stdout : stderr,
-        "usage: make_dataset [--scale N] [--reflink] DIR\n"
+        "usage: make_dataset [--shape mixed|home] [--scale N] [--reflink] DIR\n"
+        "  --shape S   mixed: edge cases, photos, links (default); home: a home folder, ~100,000 files,\n"
+        "              ~4.6 GB, 15,000 sets of copies, and the folder \"Projects/build cache\" to rewrite\n"
         "  --scale N   multiply file counts and large-file sizes (default 1: ~60,000 files, ~2.7 GB)\n"
         "  --reflink   make the files under Clones/ with FICLONE where the file system can\n"
         "DIR must not exist or be empty.\n");
@@ -718,6 +820,8 @@ void printSummary(const fs::path& root, double scale, bool reflink, const TreeWr
     std::printf("files (one per inode): %llu\n", static_cast<unsigned long long>(s.inodes));
     std::printf("empty files: %llu\n", static_cast<unsigned long long>(s.emptyFiles));
     std::printf("files a scan takes: %llu\n", static_cast<unsigned long long>(s.candidates));
+    std::printf("files in a size another file shares: %llu\n",
+                static_cast<unsigned long long>(s.candidatesInSharedSizes));
     std::printf("symbolic links: %llu\n", static_cast<unsigned long long>(s.symlinks));
     std::printf("bytes: %llu\n", static_cast<unsigned long long>(s.bytes));
     std::printf("duplicate sets: %llu\n", static_cast<unsigned long long>(s.duplicateSets));
@@ -734,6 +838,7 @@ void printSummary(const fs::path& root, double scale, bool reflink, const TreeWr
                         ? " (the file system refused FICLONE: written as plain copies)"
                         : "");
     }
+    std::printf("duplicate bytes already shared by clones: %llu\n", static_cast<unsigned long long>(s.clonedBytes));
     if (s.setsNoneReplaceable > 0) {
         std::printf("warning: %llu sets have only hard-linked copies and are left out of the expectation\n",
                     static_cast<unsigned long long>(s.setsNoneReplaceable));
@@ -745,12 +850,23 @@ void printSummary(const fs::path& root, double scale, bool reflink, const TreeWr
 int main(int argc, char** argv) {
     double scale = 1.0;
     bool reflink = false;
+    Shape shape = Shape::mixed;
     fs::path root;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
         if (arg == "-h" || arg == "--help") usage(0);
         if (arg == "--reflink") {
             reflink = true;
+        } else if (arg == "--shape" || arg.starts_with("--shape=")) {
+            const std::string_view text = arg == "--shape" ? (i + 1 < argc ? argv[++i] : "") : arg.substr(8);
+            if (text == "home") {
+                shape = Shape::home;
+            } else if (text == "mixed") {
+                shape = Shape::mixed;
+            } else {
+                std::fprintf(stderr, "make_dataset: --shape is mixed or home\n");
+                return 2;
+            }
         } else if (arg == "--scale" || arg.starts_with("--scale=")) {
             const char* text = arg == "--scale" ? (i + 1 < argc ? argv[++i] : nullptr) : argv[i] + 8;
             char* end = nullptr;
@@ -780,7 +896,7 @@ int main(int argc, char** argv) {
         fs::create_directories(root);
         root = fs::canonical(root);
         TreeWriter writer(root, reflink);
-        Plan(writer, scale).build();
+        Plan(writer, scale).build(shape);
         printSummary(root, scale, reflink, writer.summarize());
     } catch (const std::exception& error) {
         std::fprintf(stderr, "make_dataset: %s\n", error.what());

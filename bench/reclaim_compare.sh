@@ -3,10 +3,13 @@
 # tools that share blocks (duperemove, jdupes -B), in one run, on Btrfs and on XFS, and checks what
 # each one kept: the bytes of every file, and every metadata field a user could miss.
 #
-#   sudo bench/reclaim_compare.sh [--scale N] [--dir DIR] [--fs "btrfs xfs"] [--tools "LIST"] [--min-size BYTES]
+#   sudo bench/reclaim_compare.sh [--shape home|mixed] [--scale N] [--dir DIR] [--fs "btrfs xfs"]
+#                                 [--tools "LIST"] [--min-size BYTES] [--holders N]
 #
 # Every tool gets a volume of its own, formatted afresh, holding the same tree copied in with
-# `cp -a --reflink=never` (so no two files share a block at the start). Around the timed run:
+# `cp -a --reflink=never` (so no two files share a block at the start). While the tools run,
+# several hundred other processes hold files open, as on a desktop: a reclaim that reads the list
+# of every process's open files pays for each of them. Around the timed run:
 #   sync, used bytes (df), a checksum of every file and a record of its metadata;
 #   the page cache dropped, so every tool starts from the same cold cache;
 #   the tool, under /usr/bin/time;
@@ -16,6 +19,9 @@
 set -euo pipefail
 
 readonly all_tools="dedup dedup-clone duperemove jdupes"
+readonly default_tools="dedup dedup-clone jdupes"
+# The goal: a reclaim takes at most this share of jdupes -rB's time on the same tree.
+readonly goal_ratio=0.5
 readonly all_fs="btrfs xfs"
 # Bump when the metadata given to the tree (decorate below) changes, so an old tree is not reused.
 readonly decoration_version=1
@@ -26,15 +32,20 @@ repo="$(dirname "$here")"
 
 usage() {
   cat <<EOF
-usage: sudo bench/reclaim_compare.sh [--scale N] [--dir DIR] [--fs "LIST"] [--tools "LIST"] [--min-size BYTES]
-  --scale N         size of the generated tree (default 0.25: ~15,000 files, ~0.7 GB, a few minutes
-                    on two cores; 1 is ~60,000 files and ~2.7 GB, about four times as long)
+usage: sudo bench/reclaim_compare.sh [--shape S] [--scale N] [--dir DIR] [--fs "LIST"] [--tools "LIST"]
+                                    [--min-size BYTES] [--holders N]
+  --shape S         home: a home folder (default; scale 1 is ~100,000 files and ~4.6 GB, mostly
+                    small); mixed: edge cases, photos and links (scale 1 is ~60,000 files, ~2.7 GB)
+  --scale N         size of the generated tree (default 0.25: ~25,000 files, ~1.1 GB of the home
+                    shape, a few minutes per tool on two cores)
   --dir DIR         where the tree, the volumes and the results go; not on tmpfs
                     (default /var/tmp/dedup-reclaim-bench)
   --fs LIST         file systems to run on, out of: $all_fs (default: both)
-  --tools LIST      out of: $all_tools (default: all)
+  --tools LIST      out of: $all_tools (default: $default_tools)
                     dedup-clone is dedup reclaim --strategy clone
   --min-size BYTES  smallest file dedup looks at (default 1, as the peers: every non-empty file)
+  --holders N       other processes holding files open while the tools run (default 400, 32
+                    files each; 0 for none)
 Needs build/dedup and build/bench/make_dataset: run ./setup.sh first.
 EOF
 }
@@ -42,13 +53,19 @@ EOF
 die() { echo "reclaim_compare.sh: $*" >&2; exit 1; }
 say() { echo "reclaim_compare.sh: $*" >&2; }
 
+shape=home
 scale=0.25
 dir=/var/tmp/dedup-reclaim-bench
 fs_list="$all_fs"
-tools="$all_tools"
+tools="$default_tools"
 min_size=1
+holders=400
 while [ $# -gt 0 ]; do
   case "$1" in
+    --shape) [ $# -ge 2 ] || die "--shape needs home or mixed"; shape="$2"; shift 2 ;;
+    --shape=*) shape="${1#*=}"; shift ;;
+    --holders) [ $# -ge 2 ] || die "--holders needs a value"; holders="$2"; shift 2 ;;
+    --holders=*) holders="${1#*=}"; shift ;;
     --scale) [ $# -ge 2 ] || die "--scale needs a value"; scale="$2"; shift 2 ;;
     --scale=*) scale="${1#*=}"; shift ;;
     --dir) [ $# -ge 2 ] || die "--dir needs a value"; dir="$2"; shift 2 ;;
@@ -68,6 +85,8 @@ done
 scale="$(LC_ALL=C awk -v s="$scale" 'BEGIN { printf "%g", s }')"
 [ "$scale" != 0 ] || die "--scale must be above 0"
 [[ "$min_size" =~ ^[0-9]+$ ]] || die "--min-size must be a number of bytes"
+[[ "$holders" =~ ^[0-9]+$ ]] || die "--holders must be a number of processes"
+case "$shape" in home|mixed) ;; *) die "--shape is home or mixed, not '$shape'" ;; esac
 
 read -r -a tool_list <<<"$tools"
 [ ${#tool_list[@]} -gt 0 ] || die "--tools is empty"
@@ -130,7 +149,7 @@ dir="$(cd "$dir" && pwd -P)"
 tree="$dir/tree"
 stamp="$dir/stamp"
 summary="$dir/summary.txt"
-want_stamp="scale=$scale generator=$(sha256sum "$here/make_dataset.cc" | cut -c1-16) decorations=$decoration_version"
+want_stamp="shape=$shape scale=$scale generator=$(sha256sum "$here/make_dataset.cc" | cut -c1-16) decorations=$decoration_version"
 
 # Gives a fifth of the files (every fifth name in byte order, so the same ones on every run) one of
 # eight kinds of metadata a careless reclaim would lose: user extended attributes, an ACL, other
@@ -176,7 +195,7 @@ decorate_noisily() {
   say "giving a fifth of the files other owners, modes, attributes, ACLs and dates"
   decorate "$1"
 }
-ensure_tree "$dir" "$want_stamp" decorate_noisily --scale "$scale"
+ensure_tree "$dir" "$want_stamp" decorate_noisily --shape "$shape" --scale "$scale"
 # The records below are lines of tab-separated fields ending in the path.
 if find "$tree" \( -name $'*\n*' -o -name $'*\t*' -o -name '*\\*' \) -print -quit | grep -q .; then
   die "a name in $tree holds a tab, newline or backslash; the records cannot hold it"
@@ -203,7 +222,44 @@ detach() {
   if mountpoint -q "$mount_point"; then umount "$mount_point" 2>/dev/null || umount -l "$mount_point"; fi
   if [ -n "$loop_device" ]; then losetup -d "$loop_device" 2>/dev/null || true; loop_device=""; fi
 }
+# ---- Other programs holding files open ------------------------------------------------------------
+# A desktop runs hundreds of processes with thousands of open files. Each holder is a `sleep` that
+# inherits 32 descriptors on files of its own folder, outside the tree, so that no tool has a
+# reason to leave a copy alone because of them; only a reclaim that reads every process's list
+# of open files pays for them.
+holder_pids=()
+start_holders() {
+  [ "$holders" -gt 0 ] || return 0
+  local held="$work/held" i j fd
+  mkdir -p "$held"
+  for ((i = 0; i < 256; i++)); do echo "held $i" >"$held/f$i"; done
+  for ((i = 0; i < holders; i++)); do
+    (
+      for ((j = 0; j < 32; j++)); do exec {fd}<"$held/f$(((i * 7 + j) % 256))"; done
+      exec sleep infinity
+    ) &
+    holder_pids+=("$!")
+  done
+  say "$holders processes hold 32 files open each"
+}
+stop_holders() {
+  local pid
+  for pid in "${holder_pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${holder_pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  holder_pids=()
+}
+# Processes and open descriptors on the whole machine, for the report.
+machine_load() {
+  local processes=0 fds=0 p n
+  for p in /proc/[0-9]*; do
+    n="$(ls "$p/fd" 2>/dev/null | wc -l)" || n=0
+    processes=$((processes + 1)); fds=$((fds + n))
+  done
+  echo "$processes processes with $fds open descriptors"
+}
+
 cleanup() {
+  stop_holders
   detach
   rm -rf -- "$work"
 }
@@ -469,6 +525,7 @@ run_tool() {
   record "$tree_on_volume" "$base.after" after "$base.before.paths"
   compare "$base.before" "$base.after" "$details/$fs.$tool.examples.tsv" >"$base.diff"
   cp "$base.diff" "$details/$fs.$tool.fields.txt"
+  cp "$base.diff" "$work/diff.$fs.$tool"
   cp "$base.stdout" "$details/$fs.$tool.stdout"
   cp "$base.stderr" "$details/$fs.$tool.stderr"
 
@@ -503,11 +560,14 @@ run_tool() {
 
 # ---- The run -----------------------------------------------------------------------------------------
 
+start_holders
 load_before="$(uptime)"
+processes_during="$(machine_load)"
 for fs in "${fs_names[@]}"; do
   for t in "${tool_list[@]}"; do run_tool "$fs" "$t"; done
 done
 load_after="$(uptime)"
+stop_holders
 
 # ---- The table --------------------------------------------------------------------------------------
 
@@ -530,6 +590,7 @@ report() {
     "$(summary_value "files a scan takes") non-empty files, $(summary_value bytes) bytes"
   echo "Expected duplicate bytes (from the generator, by file size): $expected ($(human "$expected"))"
   echo "Machine: $(nproc) cores, kernel $(uname -r). Tools: $(versions | sed 's/; $//')"
+  echo "While the tools ran: $processes_during (of them $holders holders started here)"
   echo "Load before: $load_before"
   echo "Load after:  $load_after"
   echo "Metadata given to the tree, as found on the copies:"
@@ -564,6 +625,54 @@ report() {
   echo "Per field (files/folders changed; missing and new paths):"
   sed 's/^/  /' "$work/fields"
   [ "${#notes[@]}" -eq 0 ] || { echo; printf 'Note: %s\n' "${notes[@]}"; }
+  goals
+}
+
+# One line per goal and file system, with the measured figure and whether it is met:
+#   time: at most $goal_ratio x jdupes -rB's seconds on the same tree, for both strategies;
+#   space: 100% of the duplicate bytes its rules allow it to free ("of own");
+#   nothing but the blocks: no content and no metadata field changed. Clone and swap puts a new
+#   file at the path, so its inode, birth time and ctime (and its folder's ctime) are expected to
+#   change; any other field counts.
+goals() {
+  local fs tool row rfs label secs kib freed content meta status jd ratio verdict extra
+  echo
+  echo "Goals:"
+  for fs in "${fs_names[@]}"; do
+    jd=""
+    for row in "${rows[@]}"; do
+      IFS='|' read -r rfs label secs _ <<<"$row"
+      [ "$rfs" = "$fs" ] && [ "$label" = jdupes ] && jd="$secs"
+    done
+    for tool in dedup dedup-clone; do
+      wants "$tool" || continue
+      for row in "${rows[@]}"; do
+        IFS='|' read -r rfs label secs kib freed content meta status <<<"$row"
+        [ "$rfs" = "$fs" ] && [ "$label" = "$(label_of "$tool")" ] || continue
+        if [ -n "$jd" ]; then
+          read -r ratio verdict < <(awk -v a="$secs" -v b="$jd" -v g="$goal_ratio" \
+            'BEGIN { if (a ~ /^[0-9.]+$/ && b > 0) { r = a / b; printf "%.2f %s\n", r, (r <= g ? "met" : "NOT met") } else print "- unknown" }')
+          printf '  %-6s %-14s time: %s s against jdupes -rB %s s = %s (goal at most %s): %s\n' \
+            "$fs" "$label" "$secs" "$jd" "$ratio" "$goal_ratio" "$verdict"
+        else
+          printf '  %-6s %-14s time: %s s; jdupes not run, no ratio\n' "$fs" "$label" "$secs"
+        fi
+        awk -v f="$freed" -v e="${own_bytes[$fs]:-0}" -v fs="$fs" -v l="$label" 'BEGIN {
+          if (e <= 0) { printf "  %-6s %-14s space: nothing to free\n", fs, l; exit }
+          p = 100 * f / e; printf "  %-6s %-14s space: freed %.1f%% of what it may free (goal 100%%): %s\n", fs, l, p, (p >= 99.5 ? "met" : "NOT met") }'
+        if [ "$tool" = dedup-clone ]; then
+          extra="$(awk '$1 == "inode" || $1 == "btime" || $1 == "ctime" || $1 == "missing" || $1 == "new" { next }
+                        ($2 + $3) > 0 { s = s (s == "" ? "" : ", ") $1 " " $2 (($3 > 0) ? "+" $3 "d" : "") }
+                        END { print (s == "" ? "none" : s) }' "$work/diff.$fs.$tool")"
+          printf '  %-6s %-14s kept: content changed in %s files; beyond inode, birth time and ctime: %s: %s\n' \
+            "$fs" "$label" "$content" "$extra" "$([ "$content" = 0 ] && [ "$extra" = none ] && echo met || echo "NOT met")"
+        else
+          printf '  %-6s %-14s kept: content changed in %s files; metadata changed: %s: %s\n' \
+            "$fs" "$label" "$content" "$meta" "$([ "$content" = 0 ] && [ "$meta" = none ] && echo met || echo "NOT met")"
+        fi
+      done
+    done
+  done
 }
 
 report | tee "$dir/last-reclaim-results.txt"

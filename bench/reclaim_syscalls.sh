@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Counts the system calls of one `dedup reclaim` with strace -c -f, on a fresh loop-mounted Btrfs
 # holding PAIRS pairs of identical files, for each strategy. Shows what the list of every process's
-# open files costs a reclaim: in place needs none; clone and swap asks once per batch.
+# open files costs a reclaim (in place needs none; clone and swap only where a lease cannot tell),
+# and how many journal syncs it waits for.
 #
 #   sudo bench/reclaim_syscalls.sh [--pairs N] [--dedup BINARY]
 set -euo pipefail
@@ -44,5 +45,5 @@ for strategy in in-place clone; do
   sync
   echo "== $strategy, $pairs pairs, $(ls /proc | grep -c '^[0-9]') processes on the machine"
   strace -c -f -o "$work/strace.txt" "$dedup" reclaim --no-cache --min-size 1 --strategy "$strategy" "$work/mnt/tree" | tail -1
-  awk '$NF ~ /^(total|openat|readlinkat|newfstatat|statx|getdents64)$/ {printf "    %-11s %8d calls\n", $NF, $4}' "$work/strace.txt"
+  awk '$NF ~ /^(total|openat|readlinkat|newfstatat|statx|getdents64|fdatasync)$/ {printf "    %-11s %8d calls\n", $NF, $4}' "$work/strace.txt"
 done

@@ -102,6 +102,8 @@ std::string absolutePath(const std::string& path) {
 
 int runTrash(const std::string& path, const std::string& keep, bool json) {
     auto journal = openJournal();
+    // A move cut short earlier is closed first, so the journal never holds two open moves of one path.
+    for (const auto& cut : TrashMover::recoverInterrupted(*journal)) std::cerr << cut.describe() << "\n";
     TrashOutcome outcome = TrashMover::moveCopy(absolutePath(path), absolutePath(keep), *journal);
     if (json) {
         nlohmann::json out = {{"result", outcome.result == TrashOutcome::Result::moved     ? "moved"
@@ -150,9 +152,12 @@ void addAcrossCommands(CLI::App& app, Commands& commands) {
     auto* acrossCommand = app.add_subcommand("across", "Find identical files and folders on different disks");
     acrossCommand->add_flag("--folders", across.folders, "Also find whole identical folder trees");
     acrossCommand->add_option("--min-size", across.minimumSize, "Smallest file or folder size reported, in bytes")
+        ->type_name("BYTES")
         ->check(CLI::Range(int64_t{0}, std::numeric_limits<int64_t>::max()))
         ->capture_default_str();
-    acrossCommand->add_option("--threads", across.threads, "Files read at once on each disk")->check(CLI::Range(1, 256));
+    acrossCommand->add_option("--threads", across.threads, "Files read at once on each disk")
+        ->type_name("N")
+        ->check(CLI::Range(1, 256));
     acrossCommand->add_flag("--no-cache", across.noCache, "Neither use nor fill the digest cache");
     acrossCommand->add_flag("--json", across.json, "Print the result as JSON for programs");
     acrossCommand->add_option("ROOT", across.roots, "Folders to look in, on two or more disks")->required();
@@ -162,7 +167,8 @@ void addAcrossCommands(CLI::App& app, Commands& commands) {
     static bool trashJson = false;
     auto* trash = app.add_subcommand("trash", "Move one of two identical copies to the Trash of its disk");
     trash->add_option("PATH", trashPath, "The copy that goes")->required();
-    trash->add_option("--keep", keepPath, "The copy that stays; both are checked again first")->required();
+    trash->add_option("--keep", keepPath, "The copy that stays; both are checked again first")
+        ->type_name("PATH")->required();
     trash->add_flag("--json", trashJson, "Print the outcome as JSON");
     commands.push_back({trash, [] { return runTrash(trashPath, keepPath, trashJson); }});
 

@@ -336,6 +336,7 @@ void addAutoCommands(CLI::App& app, Commands& commands) {
     autoCommand->add_flag("--anytime", automatic.anytime,
                           "Also work while the user is active, on battery, in low-power mode or when hot");
     autoCommand->add_option("--quiet-period", automatic.quietPeriod, "Seconds a folder must stay unchanged")
+        ->type_name("SECONDS")
         ->check(CLI::Range(0.1, 86400.0))
         ->capture_default_str();
     autoCommand->add_flag("--backup-disks", automatic.backupDisks, "Also keep the connected backup disks reclaimed");

@@ -2,21 +2,14 @@
 #include <iostream>
 #include <string>
 
-#include "command.h"
+#include "command_line.h"
 #include "exit_codes.h"
 
 int main(int argc, char** argv) {
     using namespace dedup::cli;
-    CLI::App app{"Finds files of identical content and gives back the space the extra copies take."};
-    app.name("dedup");
-    app.require_subcommand(1);
-
+    CLI::App app;
     Commands commands;
-    addScanCommands(app, commands);
-    addReclaimCommands(app, commands);
-    addSpaceCommands(app, commands);
-    addAutoCommands(app, commands);
-    addAcrossCommands(app, commands);
+    declareCommandLine(app, commands);
 
     try {
         app.parse(argc, argv);

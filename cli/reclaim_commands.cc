@@ -21,6 +21,7 @@
 #include "platform/process.h"
 #include "progress_line.h"
 #include "reclaim_commands.h"
+#include "trash_mover.h"
 #include "reclaimer.h"
 #include "replaceability.h"
 #include "scan_command.h"
@@ -63,7 +64,11 @@ Selection loadSelection(const std::vector<std::string>& roots) {
 }
 
 size_t recoverInterrupted(Journal& journal, std::ostream& out) {
+    // A move to the Trash cut short is found first, while the journal still says where it began.
+    auto moves = TrashMover::recoverInterrupted(journal);
+    for (const auto& move : moves) out << move.describe() << "\n";
     auto interrupted = journal.interrupted();
+    std::erase_if(interrupted, [](const JournalEntry& entry) { return entry.isTrashMove(); });
     if (!interrupted.empty()) {
         out << interrupted.size() << " files are left from an interrupted reclaim; the Journal puts them right.\n";
     }
@@ -91,7 +96,7 @@ size_t recoverInterrupted(Journal& journal, std::ostream& out) {
         out << plural(static_cast<int64_t>(result.underway), "file is", "files are")
             << " being replaced by another dedup right now; they are left to it.\n";
     }
-    return interrupted.size();
+    return interrupted.size() + moves.size();
 }
 
 std::vector<std::string> leftoversToPutRight(const std::vector<std::string>& found) {
@@ -473,7 +478,7 @@ void addReclaimCommands(CLI::App& app, Commands& commands) {
         app.add_subcommand("reclaim", "Make the extra copies share the blocks of the copy that is kept");
     addScanOptions(*reclaimCommand, reclaim.scan);
     reclaimCommand->add_flag("--dry-run", reclaim.dryRun, "Show what would be replaced and freed; change nothing");
-    reclaimCommand->add_option("--strategy", reclaim.strategy, "auto, in-place or clone")
+    reclaimCommand->add_option("--strategy", reclaim.strategy, "How copies are replaced: auto, in-place or clone")
         ->check(CLI::IsMember({"auto", "in-place", "clone"}))
         ->capture_default_str();
     reclaimCommand->add_flag("--trash", reclaim.trash, "Move replaced copies to the Trash instead of removing them");

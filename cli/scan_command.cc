@@ -31,14 +31,18 @@ namespace fs = std::filesystem;
 
 void addScanOptions(CLI::App& command, ScanArguments& arguments) {
     command.add_option("--min-size", arguments.minimumSize, "Smallest file size looked at, in bytes")
+        ->type_name("BYTES")
         ->check(CLI::Range(int64_t{0}, std::numeric_limits<int64_t>::max()))
         ->capture_default_str();
     command.add_option("--ext", arguments.extensions, "Only files with these extensions (jpg,png)")
+        ->type_name("LIST")
         ->delimiter(',');
-    command.add_option("--exclude", arguments.excluded, "Leave out this file or folder and all below it");
+    command.add_option("--exclude", arguments.excluded, "Leave out this file or folder and all below it")
+        ->type_name("PATH");
     command.add_flag("--include-library", arguments.includeLibrary, "Also look inside the home folder's .cache");
     command.add_option("--threads", arguments.threads,
                        "Files read at once (default: one per core on solid-state and virtual disks, one on spinning disks)")
+        ->type_name("N")
         ->check(CLI::Range(1, 256));
     command.add_flag("--no-cache", arguments.noCache, "Neither use nor fill the digest cache");
     command.add_flag("--json", arguments.json, "Print the result as JSON for programs");
@@ -179,10 +183,14 @@ int runScan(const ScanArguments& arguments, std::ostream& out) { return scanAndR
 void addScanCommands(CLI::App& app, Commands& commands) {
     static ScanArguments arguments;
     auto* scan = app.add_subcommand("scan", "Find identical files and show what reclaiming them would free");
+    // The name of the desktop's "Find Identical Files" action, for scripts written against it.
+    scan->alias("find");
     addScanOptions(*scan, arguments);
     static ReportFiles reports;
-    scan->add_option("--csv", reports.csv, "Also write every file found, with what replacing it frees, as CSV");
-    scan->add_option("--save", reports.save, "Also save the scan, to be shown again with dedup show");
+    scan->add_option("--csv", reports.csv, "Also write every file found, with what replacing it frees, as CSV")
+        ->type_name("FILE");
+    scan->add_option("--save", reports.save, "Also save the scan, to be shown again with dedup show")
+        ->type_name("FILE");
     commands.push_back({scan, [] { return scanAndReport(arguments, std::cout, reports); }});
 }
 

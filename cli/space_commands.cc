@@ -179,7 +179,7 @@ int runShow(const ShowArguments& arguments, std::ostream& out) {
 void addSpaceCommands(CLI::App& app, Commands& commands) {
     static TrueSizeArguments trueSize;
     auto* measure = app.add_subcommand("true-size", "Show what deleting a folder and each of its subfolders frees");
-    measure->add_option("--depth", trueSize.depth, "Levels of subfolders shown")
+    measure->add_option("--depth", trueSize.depth, "Levels of subfolders shown")->type_name("LEVELS")
         ->check(CLI::NonNegativeNumber)
         ->capture_default_str();
     measure->add_flag("--json", trueSize.json, "Print the result as JSON for programs");

@@ -23,6 +23,8 @@
 #include "app_model.h"
 #include "auto_lock.h"
 #include "journal.h"
+#include "platform/trash.h"
+#include "trash_mover.h"
 #include "saved_selection.h"
 #include "support/loop_volume.h"
 #include "support/test_files.h"
@@ -290,6 +292,41 @@ private slots:
                  QString("{\"excluded\": [\"/home/x/keep"));
         QVERIFY(dedup::Selection::load(saved).excludes(dir.path("files/keep/c.bin")));
         QVERIFY(dedup::app::SavedSelection::forPass(saved) == model.selection());
+    }
+
+    // The application starts after a move to the Trash was killed once the copy was in the Trash:
+    // the journal then says where the copy went, so it can be put back.
+    void startUpFindsAMoveToTheTrashCutShort() {
+        const std::string unavailable = test::LoopVolume::unavailableReason(test::LoopVolume::Kind::xfs);
+        if (!unavailable.empty()) QSKIP(unavailable.c_str());
+        auto volume = test::LoopVolume::create(test::LoopVolume::Kind::xfs);
+        test::TempDir dir;
+        const std::string copy = volume->path("film.mkv");
+        test::writeRandomFile(copy, 50000, 9);
+        std::string id;
+        {
+            dedup::Journal journal(dir.path("data/journal.jsonl"));
+            auto started = dedup::JournalEntry::make(dedup::JournalEntry::Event::started, copy);
+            started.detail = std::string(dedup::JournalEntry::trashMove);
+            started.before = dedup::Snapshot::take(copy);
+            started.owner = dedup::makeUUID();  // a process that is gone
+            journal.append(started);
+            id = started.id;
+        }
+        QVERIFY(dedup::platform::moveToTrashOfItsDisk(copy).moved);
+        {
+            AppModel model(placesIn(dir));
+            model.reloadJournal();
+            QTRY_VERIFY_WITH_TIMEOUT(!model.journalEntries().empty(), workTimeout);
+            const auto& last = model.journalEntries().back();
+            QCOMPARE(last.id, id);
+            QCOMPARE(last.event, dedup::JournalEntry::Event::trashed);
+            QVERIFY(last.detail && std::filesystem::exists(*last.detail));
+        }
+        AppModel::waitForTasks();
+        dedup::Journal journal(dir.path("data/journal.jsonl"));
+        QVERIFY(dedup::TrashMover::restore(journal, copy).restored);
+        QCOMPARE(test::readFile(copy), test::randomBytes(50000, 9));
     }
 
     void scanAndReclaimOfABtrfsVolumeHonourTheSelection() {

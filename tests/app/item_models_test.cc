@@ -4,6 +4,8 @@
 #include <QSignalSpy>
 #include <QTest>
 
+#include "across_model.h"
+#include "app_model.h"
 #include "folder_size_model.h"
 #include "groups_model.h"
 #include "journal_model.h"
@@ -56,6 +58,26 @@ std::vector<QString> names(const GroupsModel& m) {
     return result;
 }
 
+// Identical trees, files and nearly identical folders on the disks "A", "B" and "C".
+AcrossResult acrossSample() {
+    AcrossResult r;
+    r.trees.push_back({"t1", 900, 3, 900, {"/a/Photos", "/b/Photos"}, {"A", "B"}});
+    r.trees.push_back({"t2", 300, 1, 300, {"/a/Music", "/b/Music", "/c/Music"}, {"A", "B", "C"}});
+    AcrossFileGroup film;
+    film.digest = "f1";
+    film.size = film.freedBytes = 500;
+    film.files = {file("/a/film.mkv", 500, 10), file("/b/film.mkv", 500, 11), file("/b/old/film.mkv", 500, 12)};
+    film.volumes = {"A", "B", "B"};
+    r.files.push_back(film);
+    AcrossNearGroup near;
+    near.folders = {"/a/Docs", "/b/Docs"};
+    near.sameFiles = 9;
+    near.sameBytes = 5000;  // more than anything else, yet it frees nothing as it stands
+    near.changed = {"letter.odt"};
+    r.nearlyIdentical.push_back(near);
+    return r;
+}
+
 }  // namespace
 
 class ItemModelsTest : public QObject {
@@ -70,6 +92,7 @@ private slots:
     void answersForAnOlderResultOrOrderAreDropped();
     void folderTreeFollowsTheMeasurement();
     void journalIsNewestFirstFilterableWithVerdicts();
+    void acrossListsCopiesThatCanGoFirstAndForgetsWhatMoved();
 };
 
 void ItemModelsTest::groupsShowLargestFirstKeptCopyFirstAndEngineFigures() {
@@ -367,6 +390,44 @@ void ItemModelsTest::journalIsNewestFirstFilterableWithVerdicts() {
     m.setFilter(std::nullopt, "/e/t");
     QCOMPARE(m.rowCount(), 2);
     QCOMPARE(m.entryAt(m.index(1, 0))->id, skipped.id);
+}
+
+void ItemModelsTest::acrossListsCopiesThatCanGoFirstAndForgetsWhatMoved() {
+    AcrossModel m;
+    QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
+    AcrossResult result = acrossSample();
+    m.setResult(result);
+    QCOMPARE(m.rowCount(), 4);
+    QCOMPARE(m.kindOf(m.index(0, 0)), AcrossModel::Kind::tree);  // 900 freed
+    QCOMPARE(m.kindOf(m.index(1, 0)), AcrossModel::Kind::file);  // 500
+    QCOMPARE(m.kindOf(m.index(2, 0)), AcrossModel::Kind::tree);  // 300
+    QCOMPARE(m.kindOf(m.index(3, 0)), AcrossModel::Kind::near);
+    QCOMPARE(m.rowCount(m.index(1, 0)), 3);
+    QCOMPARE(m.index(2, 0, m.index(1, 0)).data(AcrossModel::PathRole).toByteArray(), QByteArray("/b/old/film.mkv"));
+    QCOMPARE(m.pathOf(m.index(1, 0)), std::string());  // a group row names no copy
+    QVERIFY(m.index(3, AcrossModel::detailsColumn).data().toString().contains("1 changed"));
+
+    // One copy of the film goes: two copies remain on two disks, so the group stays.
+    AppModel::removeFromAcross(result, "/b/film.mkv");
+    QCOMPARE(result.files.size(), 1u);
+    QCOMPARE(result.files[0].files.size(), 2u);
+    QCOMPARE(result.files[0].volumes, (std::vector<std::string>{"A", "B"}));
+    // The other copy on disk B goes too: what is left lies on one disk only.
+    AppModel::removeFromAcross(result, "/b/old");
+    QVERIFY(result.files.empty());
+    // A file taken out of one copy of a tree leaves the trees different; a folder holding a copy
+    // takes the copy with it, and a tree left on two disks stays.
+    AppModel::removeFromAcross(result, "/a/Photos/2024/x.jpg");
+    AppModel::removeFromAcross(result, "/c");
+    QCOMPARE(result.trees.size(), 1u);
+    QCOMPARE(result.trees[0].folders, (std::vector<std::string>{"/a/Music", "/b/Music"}));
+    // A name that merely begins like a folder is not inside it.
+    AppModel::removeFromAcross(result, "/a/Doc");
+    QCOMPARE(result.nearlyIdentical.size(), 1u);
+    AppModel::removeFromAcross(result, "/b");
+    QVERIFY(result.trees.empty() && result.nearlyIdentical.empty());
+    m.setResult(result);
+    QCOMPARE(m.rowCount(), 0);
 }
 
 QTEST_GUILESS_MAIN(ItemModelsTest)

@@ -3,15 +3,18 @@
 // once it has something to show.
 #include <QApplication>
 #include <QBuffer>
+#include <QDialog>
 #include <QDir>
 #include <QImage>
 #include <QLabel>
+#include <QPushButton>
 #include <QPainter>
 #include <QSignalSpy>
 #include <QTest>
 #include <QTreeView>
 #include <QTreeWidget>
 
+#include "across_view.h"
 #include "automatic_view.h"
 
 #include "app_model.h"
@@ -20,6 +23,7 @@
 #include "journal_view.h"
 #include "main_window.h"
 #include "scan_view.h"
+#include "support/loop_volume.h"
 #include "support/test_files.h"
 #include "true_size_view.h"
 
@@ -142,6 +146,44 @@ void ScreenshotsTest::everyScreenWithAScanLoaded() {
 
     QTest::keyClick(&window, Qt::Key_3, Qt::ControlModifier);
     QCOMPARE(window.currentScreen(), MainWindow::acrossScreen);
+    // Copies across two real disks: a photo library backed up to a second disk, a film, and a
+    // folder of documents that has drifted apart a little.
+    std::unique_ptr<test::LoopVolume> second, third;
+    if (test::LoopVolume::unavailableReason(test::LoopVolume::Kind::btrfs).empty() &&
+        test::LoopVolume::unavailableReason(test::LoopVolume::Kind::xfs).empty()) {
+        second = test::LoopVolume::create(test::LoopVolume::Kind::btrfs);
+        third = test::LoopVolume::create(test::LoopVolume::Kind::xfs);
+        for (const auto& top : {second->path("Pictures"), third->path("Backup/Pictures")}) {
+            writePicture(top + "/2024/Holiday/IMG_0412.png", 20);
+            writePicture(top + "/2024/Garden/IMG_0533.png", 200);
+            test::writeRandomFile(top + "/2023/Snow/IMG_0101.jpg", 2'300'000, 5);
+            test::writeRandomFile(top + "/2023/Snow/IMG_0102.jpg", 2'100'000, 6);
+            test::writeFile(top + "/Documents/notes.txt", notes);
+            test::writeRandomFile(top + "/Documents/tax-2023.pdf", 420'000, 4);
+        }
+        test::writeFile(third->path("Backup/Pictures/Documents/notes.txt"), notes + "- milk\n");
+        test::writeFile(third->path("Backup/Pictures/Documents/letter.odt"), "Dear Ana");
+        test::writeRandomFile(second->path("Videos/birthday.mov"), 3'400'000, 3);
+        test::writeRandomFile(third->path("Backup/Videos/birthday.mov"), 3'400'000, 3);
+        AcrossView* across = window.acrossView();
+        across->setFolders({second->mountPoint(), third->path("Backup")});
+        QTest::mouseClick(across->findChild<QPushButton*>("search"), Qt::LeftButton);
+        QTRY_VERIFY_WITH_TIMEOUT(!model.acrossBusy() && model.acrossResult(), 60000);
+        QVERIFY(across->results().rowCount() >= 3);
+        across->list()->expandAll();
+        // The nearly identical folders side by side, as Compare shows them.
+        const int last = across->results().rowCount() - 1;
+        QCOMPARE(across->results().kindOf(across->results().index(last, 0)), AcrossModel::Kind::near);
+        across->list()->setCurrentIndex(across->results().index(last, 0));
+        QTest::mouseClick(across->findChild<QPushButton*>("compare"), Qt::LeftButton);
+        auto* folders = across->findChild<QDialog*>("compareFolders");
+        QVERIFY(folders && folders->isVisible());
+        save(folders, "across-compare");
+        folders->close();
+        QApplication::setActiveWindow(&window);
+        QVERIFY(QTest::qWaitForWindowActive(&window));
+        across->list()->setCurrentIndex(across->results().index(1, 0, across->results().index(0, 0)));
+    }
     save(&window, "across-disks");
     model.setBackupDisk(QString::fromStdString(root), true);
     model.setAutomatic(true);

@@ -7,6 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "core/volumes.h"
+#include "journal.h"
+#include "platform/trash.h"
 #include "support/test_files.h"
 
 namespace dedup {
@@ -67,6 +69,36 @@ TEST(AcrossCommandTest, FindsTreesMovesACopyToTheTrashAndRestoresIt) {
     EXPECT_EQ(test::readFile(right + "/Copy of Project/README"), "read me");
     EXPECT_EQ(dedupCommand({"journal", "restore", right + "/Copy of Project"}).exitCode, 1);
     EXPECT_EQ(dedupCommand({"trash", left + "/nothing", "--keep", left + "/Project"}).exitCode, 1);
+}
+
+// A dedup trash killed once the copy was in the Trash but before the journal said so: recover
+// says where the copy is, and restore brings it back.
+TEST(AcrossCommandTest, MoveKilledAfterTheRenameIsFoundByRecoverAndRestored) {
+    DEDUP_REQUIRE_VOLUME(LoopVolume::Kind::xfs);
+    test::TempDir data;
+    ::setenv("DEDUP_DATA_DIR", data.path().c_str(), 1);
+    std::string folder = test::freshFolder(test::sharedVolume(LoopVolume::Kind::xfs), "across-killed");
+    const std::string copy = folder + "/report.pdf";
+    test::writeRandomFile(copy, 70000, 14);
+    {
+        Journal journal(data.path("journal.jsonl"));
+        JournalEntry started = JournalEntry::make(JournalEntry::Event::started, copy);
+        started.detail = std::string(JournalEntry::trashMove);
+        started.before = Snapshot::take(copy);
+        started.owner = makeUUID();  // a process that is gone
+        journal.append(started);
+    }
+    ASSERT_TRUE(platform::moveToTrashOfItsDisk(copy).moved);
+
+    auto recovered = dedupCommand({"journal", "recover"});
+    ASSERT_EQ(recovered.exitCode, 0) << recovered.stderrText;
+    EXPECT_NE(recovered.stdoutText.find(copy + " to the Trash was cut short after it went"), std::string::npos)
+        << recovered.stdoutText;
+    auto journal = dedupCommand({"journal"});
+    EXPECT_NE(journal.stdoutText.find("to the Trash"), std::string::npos) << journal.stdoutText;
+    auto restored = dedupCommand({"journal", "restore", copy});
+    ASSERT_EQ(restored.exitCode, 0) << restored.stderrText;
+    EXPECT_EQ(test::readFile(copy), test::randomBytes(70000, 14));
 }
 
 }  // namespace

@@ -59,6 +59,10 @@ TEST_F(ScanCommandTest, PrintsGroupsLargestFirstAndTheTotal) {
     // The default minimum size leaves the small pair out.
     auto defaults = dedup({"scan", tree_.path()});
     EXPECT_TRUE(defaults.stdoutText.ends_with("400.0 kB can be reclaimed in 1 groups.\n")) << defaults.stdoutText;
+    // "find" is the scan under the name the desktop's actions use.
+    auto found = dedup({"find", tree_.path()});
+    EXPECT_EQ(found.exitCode, 0) << found.stderrText;
+    EXPECT_EQ(found.stdoutText, defaults.stdoutText);
 }
 
 TEST_F(ScanCommandTest, JsonIsTheScanResultAndFiltersApply) {

@@ -12,6 +12,7 @@
 #include "journal.h"
 #include "path_names.h"
 #include "support/test_files.h"
+#include "platform/trash.h"
 #include "trash_mover.h"
 
 namespace dedup {
@@ -274,6 +275,76 @@ TEST_F(TrashMoverTest, ChangedCopiesAndUnsafePairsStayWhereTheyAre) {
     EXPECT_TRUE(fs::exists(disks.right + "/Photos/2024/beach.jpg"));
     EXPECT_TRUE(fs::exists(disks.left + "/Photos/2024"));
     EXPECT_TRUE(journal->entries().empty());
+}
+
+// A move killed between announcing itself and recording where the copy went, at each point GIO
+// can be stopped: before anything, after the Trash record only, after the rename, and after the
+// rename with the record lost. The next recovery says where the copy is, and restore brings back
+// whatever reached the Trash.
+TEST_F(TrashMoverTest, MoveCutShortAtEachStepIsFoundAndPutRight) {
+    const std::string trash = parentOf(trashFiles(disks.rightVolume));
+    enum class Step { announced, recordWritten, renamed, renamedRecordLost };
+    for (Step step : {Step::announced, Step::recordWritten, Step::renamed, Step::renamedRecordLost}) {
+        const std::string name = "cut-" + std::to_string(static_cast<int>(step)) + ".bin";
+        const std::string copy = disks.right + "/" + name;
+        test::writeRandomFile(copy, 100000, 20);
+        test::writeRandomFile(disks.left + "/" + name, 100000, 20);
+        // What moveCopy announces, by a process that is gone (its lock names nobody).
+        JournalEntry started = JournalEntry::make(JournalEntry::Event::started, copy);
+        started.detail = std::string(JournalEntry::trashMove);
+        started.source = disks.left + "/" + name;
+        started.before = Snapshot::take(copy);
+        started.owner = makeUUID();
+        journal->append(started);
+
+        std::string location;
+        if (step == Step::recordWritten) {
+            fs::create_directories(trash + "/info");  // GIO makes the Trash before its record
+            ASSERT_TRUE(platform::ensureTrashInfo(trash + "/files/" + name, copy));
+        } else if (step != Step::announced) {
+            location = platform::moveToTrashOfItsDisk(copy).location;
+            ASSERT_EQ(location, trash + "/files/" + name);
+            if (step == Step::renamedRecordLost) fs::remove(trash + "/info/" + name + ".trashinfo");
+        }
+        // Replacements' recovery leaves the move to the Trash's own.
+        EXPECT_TRUE(journal->recover([](const std::string&) { return std::string("removed"); }).recovered.empty());
+
+        auto found = TrashMover::recoverInterrupted(*journal);
+        ASSERT_EQ(found.size(), 1u);
+        EXPECT_TRUE(journal->interrupted().empty());
+        EXPECT_TRUE(TrashMover::recoverInterrupted(*journal).empty());  // closed once, not again
+        if (step == Step::announced || step == Step::recordWritten) {
+            EXPECT_EQ(found[0].found, TrashRecovery::Found::inPlace);
+            EXPECT_EQ(test::readFile(copy), test::randomBytes(100000, 20));
+            EXPECT_FALSE(fs::exists(trash + "/info/" + name + ".trashinfo"));
+            EXPECT_FALSE(TrashMover::restore(*journal, copy).restored);
+            continue;
+        }
+        EXPECT_EQ(found[0].found, TrashRecovery::Found::inTrash);
+        EXPECT_EQ(found[0].location, location);
+        EXPECT_NE(found[0].describe().find("dedup journal restore"), std::string::npos) << found[0].describe();
+        // The Trash lists it with its original place, so a file manager can put it back too.
+        std::string record = test::readFile(trash + "/info/" + name + ".trashinfo");
+        // Named from the top of its disk, as GIO names what it puts in a disk's Trash.
+        EXPECT_NE(record.find("Path=" + nameOf(disks.right) + "/" + name + "\n"), std::string::npos) << record;
+        auto back = TrashMover::restore(*journal, copy);
+        ASSERT_TRUE(back.restored) << back.reason;
+        EXPECT_EQ(test::readFile(copy), test::randomBytes(100000, 20));
+        EXPECT_FALSE(fs::exists(trash + "/info/" + name + ".trashinfo"));
+    }
+
+    // Killed after the rename, with restore the first thing run afterwards: it finds the move itself.
+    const std::string copy = disks.right + "/late.bin";
+    test::writeRandomFile(copy, 5000, 21);
+    JournalEntry started = JournalEntry::make(JournalEntry::Event::started, copy);
+    started.detail = std::string(JournalEntry::trashMove);
+    started.before = Snapshot::take(copy);
+    started.owner = makeUUID();
+    journal->append(started);
+    ASSERT_TRUE(platform::moveToTrashOfItsDisk(copy).moved);
+    auto back = TrashMover::restore(*journal, copy);
+    ASSERT_TRUE(back.restored) << back.reason;
+    EXPECT_EQ(test::readFile(copy), test::randomBytes(5000, 21));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
@@ -219,6 +220,53 @@ TEST_P(CloneEngineOnVolume, OnlyLinksOfRootOrOfTheRunningUserAreFollowedOnTheWay
     EXPECT_EQ(engine_.replace(mine, kept(), FileStatus::read(mine)), 200000);
     fs::remove(dir_ + "-theirs");
     fs::remove(dir_ + "-mine");
+}
+
+// Shared in place, a copy is finished the moment it is shared: its descriptors are let go then,
+// so a batch of a thousand copies never needs a thousand open files, and what the journal records
+// as the copy afterwards is the copy itself.
+TEST_P(CloneEngineOnVolume, InPlaceBatchLetsEachCopyGoOnceShared) {
+    if (GetParam().strategy != Strategy::inPlace) GTEST_SKIP() << "clone and swap holds each copy to its batch's end";
+    constexpr int copies = 120;
+    test::writeRandomFile(kept(), 8192, 7);
+    std::vector<CloneEngine::Replacement> batch;
+    for (int i = 0; i < copies; ++i) {
+        std::string path = dir_ + "/copy" + std::to_string(i);
+        test::writeRandomFile(path, 8192, 7);
+        batch.push_back({path, kept(), FileStatus::read(path), "digest", std::nullopt});
+    }
+    struct rlimit saved {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    struct rlimit low = saved;
+    low.rlim_cur = 64;  // far fewer than the two descriptors per copy a held batch would need
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    int replaced = 0;
+    std::vector<std::string> errors;
+    engine_.replace(batch, nullptr, [&](const CloneEngine::Replacement& r, const CloneEngine::Outcome& outcome) {
+        if (!outcome.error) {
+            ++replaced;
+            return;
+        }
+        try {
+            std::rethrow_exception(outcome.error);
+        } catch (const std::exception& error) {
+            errors.push_back(r.target + ": " + error.what());
+        }
+    });
+    ::setrlimit(RLIMIT_NOFILE, &saved);
+    EXPECT_EQ(replaced, copies) << (errors.empty() ? "" : errors.front());
+
+    int recorded = 0;
+    for (const auto& entry : journal_->entries()) {
+        if (entry.event != JournalEntry::Event::replaced) continue;
+        ++recorded;
+        ASSERT_TRUE(entry.after) << entry.target;
+        EXPECT_EQ(entry.after->status, FileStatus::read(entry.target)) << entry.target;
+        ASSERT_TRUE(entry.before) << entry.target;
+        EXPECT_EQ(entry.after->status.inode, entry.before->status.inode) << entry.target;
+    }
+    EXPECT_EQ(recorded, copies);
+    EXPECT_TRUE(journal_->interrupted().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, CloneEngineOnVolume,

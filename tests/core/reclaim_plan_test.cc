@@ -128,18 +128,28 @@ std::vector<CloneEngine::Replacement> sized(int count, int64_t size) {
 }
 
 TEST(ReclaimerTest, BatchesAreBoundedByCountAndBytes) {
-    auto small = Reclaimer::batches(sized(65, 10));
+    constexpr auto swap = CloneEngine::Strategy::cloneAndSwap;
+    auto small = Reclaimer::batches(sized(65, 10), swap);
     ASSERT_EQ(small.size(), 2u);
     EXPECT_EQ(small[0].size(), 64u);
     EXPECT_EQ(small[1].size(), 1u);
     EXPECT_EQ(small[1][0].target, "/t64");
 
     // The second 600 MB copy takes a batch past 2^30 bytes, so the third starts the next.
-    auto large = Reclaimer::batches(sized(5, 600000000));
+    auto large = Reclaimer::batches(sized(5, 600000000), swap);
     ASSERT_EQ(large.size(), 3u);
     EXPECT_EQ(large[0].size(), 2u);
     EXPECT_EQ(large[2].size(), 1u);
-    EXPECT_TRUE(Reclaimer::batches({}).empty());
+    EXPECT_TRUE(Reclaimer::batches({}, swap).empty());
+
+    // In place nothing waits under a temporary name: only the count bounds a batch, and the
+    // automatic choice is in place.
+    for (auto strategy : {CloneEngine::Strategy::inPlace, CloneEngine::Strategy::automatic}) {
+        auto shared = Reclaimer::batches(sized(1025, 600000000), strategy);
+        ASSERT_EQ(shared.size(), 2u);
+        EXPECT_EQ(shared[0].size(), 1024u);
+        EXPECT_EQ(shared[1][0].target, "/t1024");
+    }
 }
 
 TEST(ReclaimerTest, ReclaimsCountsSkipsAndStopsWhenCancelled) {
