@@ -11,6 +11,7 @@
 
 #include "file_records.h"
 #include "path_names.h"
+#include "path_text.h"
 #include "platform/clone_probe.h"
 #include "platform/file_io.h"
 #include "platform/system.h"
@@ -25,10 +26,12 @@ ScanOptions ScanOptions::recommended() {
     return options;
 }
 
+// Paths are written in the escaped form of path_text.h: a folder whose name is not UTF-8 would
+// otherwise make the whole file unwritable.
 void to_json(nlohmann::json& j, const ScanOptions& o) {
-    j = {{"minimumSize", o.minimumSize},         {"excludedPaths", o.excludedPaths},
+    j = {{"minimumSize", o.minimumSize},         {"excludedPaths", pathTexts(o.excludedPaths)},
          {"includePackages", o.includePackages}, {"includeLibrary", o.includeLibrary},
-         {"includeCloudFiles", o.includeCloudFiles}, {"homeFolder", o.homeFolder}};
+         {"includeCloudFiles", o.includeCloudFiles}, {"homeFolder", pathText(o.homeFolder)}};
     if (o.allowedExtensions) j["allowedExtensions"] = *o.allowedExtensions;
 }
 
@@ -38,11 +41,11 @@ void from_json(const nlohmann::json& j, ScanOptions& o) {
     if (auto it = j.find("allowedExtensions"); it != j.end() && !it->is_null()) {
         o.allowedExtensions = it->get<std::set<std::string>>();
     }
-    j.at("excludedPaths").get_to(o.excludedPaths);
+    o.excludedPaths = pathsFromTexts(j.at("excludedPaths").get<std::vector<std::string>>());
     j.at("includePackages").get_to(o.includePackages);
     j.at("includeLibrary").get_to(o.includeLibrary);
     j.at("includeCloudFiles").get_to(o.includeCloudFiles);
-    j.at("homeFolder").get_to(o.homeFolder);
+    o.homeFolder = pathFromText(j.at("homeFolder").get<std::string>());
 }
 
 std::string toString(Profile::Kind kind) {
@@ -160,11 +163,11 @@ SourceSet SourceSet::make(std::string name, const std::vector<std::string>& fold
 std::vector<std::string> SourceSet::resolve() const { return bookmarks; }
 
 void to_json(nlohmann::json& j, const SourceSet& s) {
-    j = {{"name", s.name}, {"bookmarks", s.bookmarks}, {"options", s.options}};
+    j = {{"name", s.name}, {"bookmarks", pathTexts(s.bookmarks)}, {"options", s.options}};
 }
 void from_json(const nlohmann::json& j, SourceSet& s) {
     j.at("name").get_to(s.name);
-    j.at("bookmarks").get_to(s.bookmarks);
+    s.bookmarks = pathsFromTexts(j.at("bookmarks").get<std::vector<std::string>>());
     j.at("options").get_to(s.options);
 }
 

@@ -17,6 +17,7 @@
 #include <nlohmann/json.hpp>
 
 #include "app_tasks.h"
+#include "path_text.h"
 #include "auto_reclaimer.h"
 #include "backup_disks.h"
 #include "clone_engine.h"
@@ -240,18 +241,71 @@ void AppModel::setStartsAtLogin(bool on) {
     emit startsAtLoginChanged();
 }
 
+QString AppModel::sourceText(const std::string& path) { return QString::fromStdString(pathText(path)); }
+
 QStringList AppModel::sourceList() const {
     QStringList list;
-    for (const auto& source : sources_) list << fromPath(source);
+    for (const auto& source : sources_) list << sourceText(source);
     return list;
 }
 
+std::variant<std::string, QString> AppModel::folderFromText(const QString& folder) {
+    const QString absolute = QDir::cleanPath(QDir(folder).absolutePath());
+    const std::string direct = toPath(absolute);
+    std::error_code failed;
+    if (fs::exists(fs::symlink_status(direct, failed))) return direct;
+    // Qt reads each byte of a name that is not valid in the locale's encoding as U+FFFD, so such a
+    // name from an open dialog cannot be encoded back. Each part that does not exist as written is
+    // found among its folder's entries by the name the desktop showed.
+    std::string resolved;
+    for (const QString& part : absolute.split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
+        const std::string parent = resolved.empty() ? std::string("/") : resolved;
+        std::string next = resolved + "/" + toPath(part);
+        if (!fs::exists(fs::symlink_status(next, failed))) {
+            std::vector<std::string> matches;
+            for (fs::directory_iterator it(parent, failed), end; !failed && it != end; it.increment(failed)) {
+                const std::string name = it->path().filename().string();
+                if (fromPath(name) == part) matches.push_back(name);
+            }
+            if (matches.size() > 1) {
+                return tr("%1 could stand for %n folders whose names are not readable text; drag the one you mean "
+                          "onto the window instead.",
+                          "", static_cast<int>(matches.size()))
+                    .arg(folder);
+            }
+            // Not there at all: taken as written, like any folder that is missing now.
+            if (matches.empty()) return direct;
+            next = resolved + "/" + matches.front();
+        }
+        resolved = std::move(next);
+    }
+    return resolved.empty() ? std::string("/") : resolved;
+}
+
 void AppModel::add(const QStringList& folders) {
-    bool changed = false;
+    std::vector<std::string> paths;
+    QStringList problems;
     for (const QString& folder : folders) {
+        auto found = folderFromText(folder);
+        if (auto* path = std::get_if<std::string>(&found)) {
+            paths.push_back(std::move(*path));
+        } else {
+            problems << std::get<QString>(found);
+        }
+    }
+    addPaths(paths);
+    if (!problems.isEmpty()) setError(problems.join(QLatin1Char(' ')));
+}
+
+void AppModel::addPaths(const std::vector<std::string>& folders) {
+    bool changed = false;
+    for (const std::string& folder : folders) {
+        if (folder.empty()) continue;
         // The engine works on absolute paths; a folder given relative or with a trailing slash is
-        // the same folder the user meant.
-        std::string path = toPath(QDir::cleanPath(QDir(folder).absolutePath()));
+        // the same folder the user meant. Done on the bytes, so no name is re-encoded on the way.
+        std::string path = fs::path(folder).is_absolute() ? folder : (fs::current_path() / folder).string();
+        path = fs::path(path).lexically_normal().string();
+        while (path.size() > 1 && path.back() == '/') path.pop_back();
         if (std::find(sources_.begin(), sources_.end(), path) != sources_.end()) continue;
         sources_.push_back(std::move(path));
         changed = true;
@@ -262,8 +316,19 @@ void AppModel::add(const QStringList& folders) {
 }
 
 void AppModel::remove(const QString& folder) {
-    // Matched as shown, so even a name the desktop cannot spell exactly can be removed.
-    if (std::erase_if(sources_, [&](const std::string& source) { return fromPath(source) == folder; }) == 0) return;
+    // Matched as shown (with a name that is not UTF-8 spelled byte by byte) or as the desktop spells it.
+    const std::string text = folder.toStdString();
+    if (std::erase_if(sources_, [&](const std::string& source) {
+            return pathText(source) == text || fromPath(source) == folder;
+        }) == 0) {
+        return;
+    }
+    emit sourcesChanged();
+    saveSources();
+}
+
+void AppModel::removePath(const std::string& folder) {
+    if (std::erase(sources_, folder) == 0) return;
     emit sourcesChanged();
     saveSources();
 }
@@ -271,9 +336,7 @@ void AppModel::remove(const QString& folder) {
 void AppModel::choose(Profile::Kind kind) {
     Profile profile(kind, QDir::homePath().toStdString(), Profile::externalCloneVolumes());
     setOptions(profile.options);
-    QStringList roots;
-    for (const auto& root : profile.roots) roots << fromPath(root);
-    add(roots);
+    addPaths(profile.roots);
 }
 
 void AppModel::saveSources() {
@@ -343,9 +406,23 @@ PlannedReclaim AppModel::planned() const {
     return plan;
 }
 
+ScanResult* AppModel::editableResult() {
+    if (!result_) return nullptr;
+    // Whoever still holds the value handed out (a reclaim under way, a list being built) keeps
+    // reading it unchanged; we go on with a copy of our own.
+    if (result_.use_count() > 1) result_ = std::make_shared<ScanResult>(*result_);
+    return result_.get();
+}
+
+void AppModel::dropResult() {
+    // A million paths take tens of milliseconds to hand back: that happens on a worker.
+    if (result_) tasks::run([old = std::move(result_)]() mutable { old.reset(); });
+    result_ = nullptr;
+}
+
 void AppModel::keepCopy(size_t group, size_t file) {
-    if (!result_ || group >= result_->groups.size()) return;
-    auto& files = result_->groups[group].files;
+    if (!result_ || group >= result_->groups.size() || file == 0 || file >= result_->groups[group].files.size()) return;
+    auto& files = editableResult()->groups[group].files;
     if (file == 0 || file >= files.size()) return;
     std::rotate(files.begin(), files.begin() + static_cast<std::ptrdiff_t>(file),
                 files.begin() + static_cast<std::ptrdiff_t>(file) + 1);
@@ -356,9 +433,10 @@ void AppModel::keepCopy(size_t group, size_t file) {
 void AppModel::keepCopies(const std::vector<std::pair<size_t, size_t>>& choices) {
     if (!result_) return;
     bool changed = false;
+    ScanResult& result = *editableResult();
     for (auto [group, file] : choices) {
-        if (group >= result_->groups.size()) continue;
-        auto& files = result_->groups[group].files;
+        if (group >= result.groups.size()) continue;
+        auto& files = result.groups[group].files;
         if (file == 0 || file >= files.size()) continue;
         std::rotate(files.begin(), files.begin() + static_cast<std::ptrdiff_t>(file),
                     files.begin() + static_cast<std::ptrdiff_t>(file) + 1);
@@ -412,7 +490,11 @@ bool AppModel::loadScan(const QString& file) {
     }
     const QByteArray bytes = in.readAll();
     try {
-        result_ = Report::load(std::string_view(bytes.constData(), static_cast<size_t>(bytes.size())));
+        auto loaded = std::make_shared<ScanResult>(
+            Report::load(std::string_view(bytes.constData(), static_cast<size_t>(bytes.size()))));
+        dropResult();
+        result_ = std::move(loaded);
+        scanSeconds_.reset();
     } catch (const std::exception& error) {
         setError(QString("%1 is not a saved scan: %2").arg(file, QString::fromUtf8(error.what())));
         return false;

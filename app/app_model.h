@@ -162,11 +162,21 @@ public:
     bool startsAtLogin() const;
     void setStartsAtLogin(bool on);
 
-    // Folders, in the order added.
+    // Folders, in the order added. Paths are the file system's bytes; sourceList() spells them as
+    // shown, with each byte of a name that is not UTF-8 written "\xNN".
     const std::vector<std::string>& sources() const { return sources_; }
     QStringList sourceList() const;
+    static QString sourceText(const std::string& path);
+    // Folders as the desktop names them (open dialogs): a name Qt could not decode exactly is found
+    // on disk by the name shown; one that could stand for several folders is refused with `error`.
     Q_INVOKABLE void add(const QStringList& folders);
+    // Folders by their bytes (dropped URLs carry them exactly).
+    void addPaths(const std::vector<std::string>& folders);
+    // By the text shown in the list or the desktop's spelling; removePath by the bytes.
     Q_INVOKABLE void remove(const QString& folder);
+    void removePath(const std::string& folder);
+    // The bytes of the folder the desktop names `folder`, or why it cannot be told.
+    static std::variant<std::string, QString> folderFromText(const QString& folder);
     // Applies a ready-made profile's options and adds the folders it suggests.
     void choose(Profile::Kind kind);
 
@@ -183,8 +193,12 @@ public:
     // The main-thread half of a scan's progress report: dropped when no scan runs any more.
     void acceptScanProgress(const ScanProgress& progress);
 
-    bool hasResult() const { return result_.has_value(); }
-    const std::optional<ScanResult>& result() const { return result_; }
+    bool hasResult() const { return result_ != nullptr; }
+    // The last scan's result, shared and never changed in place once handed out: views and
+    // background work read it without a copy. A change of the kept copy replaces the value.
+    std::shared_ptr<const ScanResult> result() const { return result_; }
+    // How long the last scan took, in seconds; absent for a scan loaded from a file.
+    std::optional<double> scanSeconds() const { return scanSeconds_; }
     bool hasSummary() const { return summary_.has_value(); }
     const std::optional<ReclaimSummary>& summary() const { return summary_; }
     const std::optional<SpaceHolders>& spaceHolders() const { return spaceHolders_; }
@@ -230,6 +244,9 @@ public:
 
     // Automatic mode as the Automatic screen shows it.
     bool automaticRunning() const;
+    // A run switched off still finishes the replacement under way, off the main thread; a new run
+    // starts (and the journal is put right) only once it has stopped.
+    bool automaticStopping() const { return stopping_ > 0; }
     // The process that does the automatic work for this user instead of us; empty when none does.
     QString automaticHolder() const { return automaticHolder_; }
     // The chosen folders automatic mode leaves unwatched because their disk cannot make clones.
@@ -312,9 +329,12 @@ private:
     void applyAutomatic();
     void startAutomatic(const std::shared_ptr<AutomaticRun>& run);
     void stopAutomatic();
+    void automaticStopped();
     void refreshWaitingFor();
     void onAutomaticReclaim(const ReclaimSummary& summary);
-    void finishScan(ScanResult result, const QString& failure);
+    void finishScan(std::shared_ptr<ScanResult> result, const QString& failure);
+    ScanResult* editableResult();
+    void dropResult();
     void acceptReclaimProgress(const ReclaimProgress& progress);
     void finishReclaim(ReclaimSummary summary, std::optional<SpaceHolders> holders);
     void setJournalBusy(bool busy);
@@ -349,7 +369,10 @@ private:
     // Set while a reclaim by hand runs: the automatic reclaimers start no pass meanwhile.
     std::shared_ptr<std::atomic<bool>> reclaimingByHand_ = std::make_shared<std::atomic<bool>>(false);
 
-    std::optional<ScanResult> result_;
+    // Changed in place only while nothing else holds it (see editableResult).
+    std::shared_ptr<ScanResult> result_;
+    std::chrono::steady_clock::time_point scanStarted_;
+    std::optional<double> scanSeconds_;
     std::optional<ReclaimSummary> summary_;
     std::optional<SpaceHolders> spaceHolders_;
     QString error_;
@@ -367,6 +390,9 @@ private:
     // The running automatic mode (reclaimer, watcher and the per-user lock); absent when off or
     // when another process does the work.
     std::shared_ptr<AutomaticRun> run_;
+    int stopping_ = 0;
+    bool startWhenStopped_ = false;
+    bool recoverWhenStopped_ = false;
     QTimer* waitingTimer_ = nullptr;
     QString automaticWaitingFor_;
     QString automaticHolder_;

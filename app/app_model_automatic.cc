@@ -83,6 +83,12 @@ struct AppModel::AutomaticRecipe {
 void AppModel::applyAutomatic() {
     stopAutomatic();
     automaticUnwatched_.clear();
+    if (stopping_ > 0 && automatic_ && (!sources_.empty() || !backupDisks_.volumes.empty())) {
+        // The run being stopped still holds this user's lock: the new one starts once it is free.
+        startWhenStopped_ = true;
+        emit automaticStateChanged();
+        return;
+    }
     QString holder;
     if (automatic_ && (!sources_.empty() || !backupDisks_.volumes.empty())) {
         auto run = std::make_shared<AutomaticRun>();
@@ -157,19 +163,45 @@ void AppModel::stopAutomatic() {
     if (!run_) return;
     auto run = std::move(run_);
     run_.reset();
-    // The watcher first: it may be making a reclaimer for a disk, which its stop() cancels.
-    if (run->watcher) run->watcher->stop();
-    if (run->reclaimer) {
-        // A first index under way ends early once cancelled, so this wait is short; stopping
-        // here rather than later means no pass of this run can begin once the switch is off.
-        run->reclaimer->cancel();
-        std::unique_lock guard(run->startLock);
-        run->startEnded.wait(guard, [&] { return run->started; });
-        run->reclaimer->stop();
+    // From here on no pass of this run begins, and the one under way ends at its next replacement.
+    if (run->reclaimer) run->reclaimer->cancel();
+    ++stopping_;
+    emit automaticStateChanged();
+    // Waiting for that replacement to end can take as long as comparing a large file: the window
+    // must not wait with it. The worker says when the run has stopped and its lock is free.
+    tasks::run([run, weak = weak_] {
+        // The watcher first: it may be making a reclaimer for a disk, which its stop() cancels.
+        if (run->watcher) run->watcher->stop();
+        if (run->reclaimer) {
+            // A first index under way ends early once cancelled.
+            std::unique_lock guard(run->startLock);
+            run->startEnded.wait(guard, [&] { return run->started; });
+            guard.unlock();
+            run->reclaimer->stop();
+        }
+        // Released now, even if the starter thread still holds its share of the run for a moment:
+        // "dedup auto" may take over at once.
+        run->lock.reset();
+        tasks::onMainThread([weak] {
+            if (weak->value) weak->value->automaticStopped();
+        });
+    });
+}
+
+void AppModel::automaticStopped() {
+    --stopping_;
+    if (stopping_ == 0 && startWhenStopped_) {
+        // Switched on again (or its folders changed) while the last run was still stopping.
+        startWhenStopped_ = false;
+        applyAutomatic();  // says what it started
+    } else {
+        emit automaticStateChanged();
     }
-    // Released now, even if the starter thread still holds its share of the run for a moment:
-    // "dedup auto" may take over at once.
-    run->lock.reset();
+    if (stopping_ == 0 && recoverWhenStopped_) {
+        recoverWhenStopped_ = false;
+        setJournalBusy(false);  // it was set while the recovery waited
+        recoverJournal();
+    }
 }
 
 bool AppModel::automaticRunning() const { return run_ != nullptr; }

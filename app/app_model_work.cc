@@ -53,12 +53,14 @@ void AppModel::setPhase(Phase phase) {
 void AppModel::scan() {
     if (phase_ != Phase::idle || sources_.empty()) return;
     if (result_) {
-        result_.reset();
+        dropResult();
         emit resultChanged();
         emit reclaimableBytesChanged();
     }
     cancel_ = std::make_shared<CancelFlag>();
     scanProgress_ = {};
+    scanStarted_ = std::chrono::steady_clock::now();
+    scanSeconds_.reset();
     setPhase(Phase::scanning);
     emit progressChanged();
 
@@ -89,7 +91,7 @@ void AppModel::scan() {
         }
         cache.reset();
         tasks::onMainThread([weak, result, failure] {
-            if (weak->value) weak->value->finishScan(std::move(*result), failure);
+            if (weak->value) weak->value->finishScan(result, failure);
         });
     });
 }
@@ -101,9 +103,11 @@ void AppModel::acceptScanProgress(const ScanProgress& progress) {
     emit progressChanged();
 }
 
-void AppModel::finishScan(ScanResult result, const QString& failure) {
+void AppModel::finishScan(std::shared_ptr<ScanResult> result, const QString& failure) {
     if (failure.isEmpty()) {
+        dropResult();
         result_ = std::move(result);
+        scanSeconds_ = std::chrono::duration<double>(std::chrono::steady_clock::now() - scanStarted_).count();
         emit resultChanged();
         emit reclaimableBytesChanged();
     } else {
@@ -114,6 +118,11 @@ void AppModel::finishScan(ScanResult result, const QString& failure) {
 
 void AppModel::reclaim() {
     if (!result_ || phase_ != Phase::idle) return;
+    if (stopping_ > 0) {
+        // Its replacement under way could be of a copy this reclaim is about to replace too.
+        setError(tr("Automatic reclaiming is still finishing the file it was replacing. Reclaim again in a moment."));
+        return;
+    }
     if (selectionUnreadable_) {
         // Reclaiming now could replace copies the user had chosen to keep apart.
         setError("The files you left out of reclaiming cannot be read, so nothing is reclaimed. Choose again "
@@ -121,23 +130,28 @@ void AppModel::reclaim() {
         return;
     }
     cancel_ = std::make_shared<CancelFlag>();
-    auto groups = std::make_shared<const std::vector<DuplicateGroup>>(result_->groups);
-    const auto targets = Report::targets(*groups, selection_);
-    reclaimProgress_ = ReclaimProgress{0, static_cast<int64_t>(targets.size()), 0, {}};
+    // The worker reads the result as it is now; a copy of a million files would stall the window.
+    std::shared_ptr<const ScanResult> scanned = result_;
+    reclaimProgress_ = ReclaimProgress{};
     *reclaimingByHand_ = true;
     setPhase(Phase::reclaiming);
     emit progressChanged();
 
     std::optional<std::string> firstSource;
     if (!sources_.empty()) firstSource = sources_.front();
-    tasks::run([groups, selection = selection_, engine = engine(), journal = journal_, weak = weak_,
+    tasks::run([scanned, selection = selection_, engine = engine(), journal = journal_, weak = weak_,
                 cancel = cancel_, firstSource] {
         // `journal` keeps the engine's journal alive even if the model is closed meanwhile.
         (void)journal;
+        // How many copies there are to do is counted here, off the main thread.
+        const auto total = static_cast<int64_t>(Report::targets(scanned->groups, selection).size());
+        tasks::onMainThread([weak, total] {
+            if (weak->value) weak->value->acceptReclaimProgress(ReclaimProgress{0, total, 0, {}});
+        });
         Reclaimer reclaimer{engine};
         auto update = std::make_shared<LastUpdate>();
         auto summary = std::make_shared<ReclaimSummary>(reclaimer.reclaim(
-            *groups, selection,
+            scanned->groups, selection,
             [&](const ReclaimProgress& progress) {
                 if (!update->due()) return;
                 tasks::onMainThread([weak, progress] {
@@ -237,8 +251,14 @@ void AppModel::recoverJournal() {
         return;
     }
     // Our own automatic reclaimer's replacements under way would look interrupted too: it rests
-    // while the journal is put right.
+    // while the journal is put right, and the recovery waits until it has stopped.
     stopAutomatic();
+    if (stopping_ > 0) {
+        recoverWhenStopped_ = true;
+        startWhenStopped_ = false;  // recovery brings it back afterwards
+        setJournalBusy(true);
+        return;
+    }
     setJournalBusy(true);
     tasks::run([journal = journal_, data = places_.data, weak = weak_] {
         std::variant<size_t, std::string> outcome;

@@ -135,7 +135,9 @@ void AutomaticView::showSettings() {
 void AutomaticView::showState() {
     QString state;
     if (!model_.automatic()) {
-        state = tr("Automatic mode is off.");
+        // The replacement under way is finished first: a file is never left half replaced.
+        state = model_.automaticStopping() ? tr("Stopping… (finishing the file being replaced)")
+                                           : tr("Automatic mode is off.");
     } else if (!model_.automaticHolder().isEmpty()) {
         state = tr("Another program already does this work for you: %1. Nothing more is started here.")
                     .arg(model_.automaticHolder());

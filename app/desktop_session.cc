@@ -103,7 +103,8 @@ BackgroundMode::BackgroundMode(AppModel& model, QWidget& window, QObject* parent
     });
 }
 
-bool BackgroundMode::keepsRunning() const { return model_.automaticRunning(); }
+// A run being stopped still finishes its replacement under way; the process ends after it.
+bool BackgroundMode::keepsRunning() const { return model_.automaticRunning() || model_.automaticStopping(); }
 
 bool BackgroundMode::eventFilter(QObject* watched, QEvent* event) {
     if (watched != &window_ || event->type() != QEvent::Close) return QObject::eventFilter(watched, event);

@@ -1,5 +1,7 @@
 #include "scan_view.h"
 
+#include <filesystem>
+
 #include <QComboBox>
 #include <QDialog>
 #include <QDialogButtonBox>
@@ -35,6 +37,25 @@ namespace dedup::app {
 namespace {
 
 constexpr int64_t minimumSizes[] = {0, 1000 * 1000, 10 * 1000 * 1000, 100 * 1000 * 1000, 1000 * 1000 * 1000};
+
+// The local files a drop names, as bytes. A uri-list carries each name's bytes percent-encoded,
+// but QUrl decodes them as UTF-8 and turns any other byte into U+FFFD; where the bytes no longer
+// name a file, the name is looked up on disk by the text the desktop shows.
+std::vector<std::string> droppedPaths(const QMimeData& mime) {
+    std::vector<std::string> paths;
+    for (const QUrl& url : mime.urls()) {
+        if (!url.isLocalFile()) continue;
+        const QByteArray bytes = QByteArray::fromPercentEncoding(url.path(QUrl::FullyEncoded).toLatin1());
+        std::error_code failed;
+        if (std::filesystem::exists(std::filesystem::symlink_status(bytes.toStdString(), failed))) {
+            paths.push_back(bytes.toStdString());
+            continue;
+        }
+        auto found = AppModel::folderFromText(url.toLocalFile());
+        if (auto* path = std::get_if<std::string>(&found)) paths.push_back(*path);
+    }
+    return paths;
+}
 
 }  // namespace
 
@@ -104,6 +125,20 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     auto* messageRow = new QHBoxLayout;
     messageRow->addWidget(message_, 1);
     messageRow->addWidget(dismiss_);
+
+    // What the last scan did, as `dedup scan` says it at its end.
+    scanFigures_ = new QLabel(this);
+    scanFigures_->setObjectName(QStringLiteral("scanFigures"));
+    scanFigures_->setAccessibleName(tr("Scan figures"));
+    scanFigures_->setTextFormat(Qt::PlainText);
+    scanFigures_->setWordWrap(true);
+    scanFigures_->setVisible(false);
+    showUnreadable_ = new QPushButton(tr("Show Unreadable…"), this);
+    showUnreadable_->setObjectName(QStringLiteral("showUnreadable"));
+    showUnreadable_->setVisible(false);
+    auto* figuresRow = new QHBoxLayout;
+    figuresRow->addWidget(scanFigures_, 1);
+    figuresRow->addWidget(showUnreadable_);
 
     // The groups, their filter and what can be done with a file.
     filterField_ = new QComboBox(this);
@@ -203,13 +238,17 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     layout->addLayout(scanRow);
     layout->addWidget(currentPath_);
     layout->addLayout(messageRow);
+    layout->addLayout(figuresRow);
     layout->addLayout(filterRow);
     layout->addWidget(list_, 1);
     layout->addLayout(actionRow);
 
     connect(addFolders_, &QPushButton::clicked, this, &ScanView::chooseFolders);
     connect(removeFolder_, &QPushButton::clicked, this, [this] {
-        for (QListWidgetItem* item : folders_->selectedItems()) model_.remove(item->text());
+        // By the folder's bytes: the text shown spells a name that is not UTF-8 with escapes.
+        for (QListWidgetItem* item : folders_->selectedItems()) {
+            model_.removePath(item->data(Qt::UserRole).toByteArray().toStdString());
+        }
     });
     connect(folders_, &QListWidget::itemSelectionChanged, this,
             [this] { removeFolder_->setEnabled(!folders_->selectedItems().isEmpty()); });
@@ -235,6 +274,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
         }
     });
     connect(compare_, &QPushButton::clicked, this, &ScanView::compareSelected);
+    connect(showUnreadable_, &QPushButton::clicked, this, &ScanView::showUnreadable);
     connect(list_, &QTreeView::doubleClicked, this, [this](const QModelIndex& index) {
         if (groups_.fileAt(index)) open_->click();
     });
@@ -257,10 +297,10 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
     connect(&groups_, &GroupsModel::keepRequested, this,
             [this](int group, int file) { model_.keepCopy(static_cast<size_t>(group), static_cast<size_t>(file)); });
     connect(&groups_, &GroupsModel::reclaimableChanged, this, &ScanView::showTotal);
+    connect(&groups_, &GroupsModel::busyChanged, this, &ScanView::showTotal);
 
     connect(&model_, &AppModel::sourcesChanged, this, [this] {
-        folders_->clear();
-        folders_->addItems(model_.sourceList());
+        showFolders();
         showPhase();
     });
     connect(&model_, &AppModel::phaseChanged, this, &ScanView::showPhase);
@@ -286,7 +326,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
         }
     });
 
-    folders_->addItems(model_.sourceList());
+    showFolders();
     showResult();
     showPhase();
     showMessage(model_.error());
@@ -334,18 +374,26 @@ void ScanView::dragEnterEvent(QDragEnterEvent* event) {
     event->acceptProposedAction();
 }
 
+void ScanView::showFolders() {
+    folders_->clear();
+    for (const std::string& source : model_.sources()) {
+        auto* item = new QListWidgetItem(AppModel::sourceText(source), folders_);
+        item->setData(Qt::UserRole, QByteArray::fromStdString(source));
+    }
+}
+
 void ScanView::dropEvent(QDropEvent* event) {
-    QStringList folders;
+    std::vector<std::string> folders;
     QStringList notFolders;
-    for (const QUrl& url : event->mimeData()->urls()) {
-        QString path = url.toLocalFile();
-        if (QFileInfo(path).isDir()) {
-            folders << path;
+    for (const std::string& path : droppedPaths(*event->mimeData())) {
+        std::error_code failed;
+        if (std::filesystem::is_directory(path, failed)) {
+            folders.push_back(path);
         } else {
-            notFolders << QFileInfo(path).fileName();
+            notFolders << AppModel::sourceText(std::filesystem::path(path).filename().string());
         }
     }
-    if (!folders.isEmpty()) model_.add(folders);
+    if (!folders.empty()) model_.addPaths(folders);
     if (!notFolders.isEmpty()) {
         model_.setError(tr("Only folders can be added; left out: %1.").arg(notFolders.join(QStringLiteral(", "))));
     }
@@ -365,7 +413,6 @@ void ScanView::showPhase() {
     addFolders_->setEnabled(idle);
     removeFolder_->setEnabled(idle && !folders_->selectedItems().isEmpty());
     profile_->setEnabled(idle);
-    keepEvery_->setEnabled(idle && model_.result() && !model_.result()->groups.empty());
     options_->setEnabled(idle);
     folders_->setEnabled(idle);
     showTotal();
@@ -403,37 +450,70 @@ void ScanView::showProgress() {
 void ScanView::showResult() {
     const auto& result = model_.result();
     if (result) {
-        groups_.setResult(*result, model_.selection());
+        groups_.setResult(result, model_.selection());
         list_->header()->setSortIndicator(GroupsModel::freesColumn, Qt::DescendingOrder);
         QStringList notes;
         if (result->groups.empty()) notes << tr("No identical files were found.");
         if (result->cancelled) notes << tr("The scan was cancelled: what is shown was found before that.");
-        if (!result->unreadableFolders.empty()) {
-            notes << tr("%n folder(s) could not be read and were left out, first %1.", "",
-                        static_cast<int>(result->unreadableFolders.size()))
-                         .arg(displayPath(result->unreadableFolders.front()));
-        }
         if (!result->leftovers.empty()) {
             notes << tr("%n temporary file(s) of an interrupted reclaim remain; Recover in the Journal puts them right.",
                         "", static_cast<int>(result->leftovers.size()));
         }
         if (model_.error().isEmpty()) showMessage(notes.join(' '));
+
+        int64_t reclaimable = 0;
+        for (const auto& group : result->groups) reclaimable += group.reclaimableBytes;
+        const QLocale locale;
+        auto count = [&](size_t n, const QString& one, const QString& many) {
+            return n == 1 ? tr("1 %1").arg(one) : tr("%1 %2").arg(locale.toString(static_cast<qulonglong>(n)), many);
+        };
+        QString figures = tr("Looked at %1 files; read %2 to compare them. %3 can be reclaimed in %4.")
+                              .arg(locale.toString(static_cast<qlonglong>(result->filesSeen)), bytesText(result->bytesRead),
+                                   bytesText(reclaimable), count(result->groups.size(), tr("group"), tr("groups")));
+        if (auto seconds = model_.scanSeconds()) {
+            figures += ' ' + (*seconds < 1    ? tr("Took less than a second.")
+                              : *seconds < 60 ? tr("Took %1 s.").arg(locale.toString(*seconds, 'f', 1))
+                                            : tr("Took %1 min %2 s.")
+                                                  .arg(static_cast<int>(*seconds) / 60)
+                                                  .arg(static_cast<int>(*seconds) % 60));
+        }
+        QStringList unreadable;
+        if (!result->unreadableFolders.empty()) {
+            unreadable << count(result->unreadableFolders.size(), tr("folder"), tr("folders"));
+        }
+        if (!result->unreadableFiles.empty()) {
+            unreadable << count(result->unreadableFiles.size(), tr("file"), tr("files"));
+        }
+        if (!unreadable.isEmpty()) {
+            figures += ' ' + tr("%1 could not be read and were left out.").arg(unreadable.join(tr(" and ")));
+        }
+        scanFigures_->setText(figures);
+        scanFigures_->setVisible(true);
+        showUnreadable_->setVisible(!unreadable.isEmpty());
     } else {
         groups_.clear();
+        scanFigures_->setVisible(false);
+        showUnreadable_->setVisible(false);
     }
-    keepEvery_->setEnabled(model_.phase() == AppModel::Phase::idle && result && !result->groups.empty());
     showTotal();
 }
 
 void ScanView::showTotal() {
     const bool idle = model_.phase() == AppModel::Phase::idle;
-    const int64_t bytes = model_.result() ? groups_.reclaimableBytes() : 0;
-    if (!model_.result()) {
+    const auto result = model_.result();
+    // While the list is being prepared, or a large change of the selection is being counted, the
+    // figures are not yet those of the result.
+    const bool ready = result && groups_.figuresCurrent();
+    const int64_t bytes = ready ? groups_.reclaimableBytes() : 0;
+    if (!result) {
         total_->setText(model_.phase() == AppModel::Phase::scanning ? tr("Scanning…") : tr("Nothing scanned yet"));
+    } else if (!ready) {
+        total_->setText(groups_.groupCount() == 0 && !result->groups.empty() ? tr("Preparing the list…") : tr("Counting…"));
     } else {
         total_->setText(tr("%1 to reclaim").arg(bytesText(bytes)));
     }
     reclaim_->setEnabled(idle && bytes > 0);
+    keepEvery_->setEnabled(idle && ready && !result->groups.empty());
 }
 
 QModelIndex ScanView::currentFile() const {
@@ -493,8 +573,10 @@ void ScanView::compareSelected() {
 }
 
 void ScanView::startReclaim() {
-    if (model_.phase() != AppModel::Phase::idle || !model_.result()) return;
-    const PlannedReclaim plan = model_.planned();
+    if (model_.phase() != AppModel::Phase::idle || !model_.result() || !groups_.figuresCurrent()) return;
+    // The list keeps these figures up to date as the selection changes; counting them afresh would
+    // take a pass over every file.
+    const PlannedReclaim plan{groups_.copiesToReclaim(), groups_.groupsToReclaim(), groups_.reclaimableBytes()};
     if (plan.copies == 0) return;
     QMessageBox ask(QMessageBox::Question, tr("Reclaim"),
                     tr("Make %n copies in %1 groups share the blocks of the copy kept, freeing %2?", "",
@@ -507,6 +589,32 @@ void ScanView::startReclaim() {
     ask.setObjectName(QStringLiteral("reclaimConfirmation"));
     ask.exec();
     if (ask.clickedButton() == go) model_.reclaim();
+}
+
+void ScanView::showUnreadable() {
+    const auto result = model_.result();
+    if (!result) return;
+    auto* dialog = new QDialog(this);
+    dialog->setObjectName(QStringLiteral("unreadable"));
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setWindowTitle(tr("Could Not Be Read"));
+    auto* explanation = new QLabel(tr("These were left out of the scan: their permissions do not let you read them, "
+                                      "or they went away while the scan ran."),
+                                   dialog);
+    explanation->setWordWrap(true);
+    auto* list = new QListWidget(dialog);
+    list->setAccessibleName(tr("Folders and files that could not be read"));
+    list->setUniformItemSizes(true);
+    for (const auto& folder : result->unreadableFolders) list->addItem(tr("Folder: %1").arg(AppModel::sourceText(folder)));
+    for (const auto& file : result->unreadableFiles) list->addItem(tr("File: %1").arg(AppModel::sourceText(file)));
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, dialog);
+    connect(buttons, &QDialogButtonBox::rejected, dialog, &QDialog::reject);
+    auto* layout = new QVBoxLayout(dialog);
+    layout->addWidget(explanation);
+    layout->addWidget(list, 1);
+    layout->addWidget(buttons);
+    dialog->resize(fontMetrics().horizontalAdvance(QLatin1Char('M')) * 50, fontMetrics().height() * 20);
+    dialog->show();
 }
 
 void ScanView::showSummary() {

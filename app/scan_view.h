@@ -43,6 +43,7 @@ protected:
 
 private:
     void showPhase();
+    void showFolders();
     void showProgress();
     void showResult();
     void showTotal();
@@ -52,6 +53,7 @@ private:
     void leaveOutFolder();
     void keepSelected();
     void showSummary();
+    void showUnreadable();
     QModelIndex currentFile() const;
 
     AppModel& model_;
@@ -68,6 +70,8 @@ private:
     QLabel* progressText_;
     QLabel* currentPath_;
     QLabel* message_;
+    QLabel* scanFigures_;
+    QPushButton* showUnreadable_;
     QPushButton* dismiss_;
     QComboBox* filterField_;
     QLineEdit* filterText_;

@@ -4,6 +4,13 @@
 #include <fstream>
 #include <memory>
 #include <variant>
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
@@ -398,7 +405,8 @@ private slots:
         model.remove(QString::fromStdString(folder));
         QVERIFY(!model.automaticRunning());
         model.setBackupDisk(QString::fromStdString(folder), true);
-        QVERIFY(model.automaticRunning());
+        // It starts once the run over the folder has stopped and freed this user's lock.
+        QTRY_VERIFY_WITH_TIMEOUT(model.automaticRunning(), workTimeout);
         auto disks = model.backupDiskStates();
         QCOMPARE(disks.size(), size_t{1});
         QCOMPARE(disks[0].mountPoint.value_or(""), volume->mountPoint());
@@ -427,6 +435,8 @@ private slots:
 
         model.setAutomatic(false);
         QVERIFY(!model.automaticRunning());
+        // The run stops on a worker; its lock is free once it says so.
+        QTRY_VERIFY_WITH_TIMEOUT(!model.automaticStopping(), workTimeout);
         auto other = dedup::AutoLock::acquire(dir.path("data"), "dedup auto");
         QVERIFY(std::holds_alternative<dedup::AutoLock>(other));
 
@@ -439,6 +449,60 @@ private slots:
         QVERIFY(model.automaticRunning());
         QVERIFY(model.automaticHolder().isEmpty());
         QVERIFY(state.count() >= 4);
+    }
+
+    void switchingAutomaticOffReturnsAtOnceWhileItsWorkerIsHeld() {
+        const std::string unavailable = test::LoopVolume::unavailableReason(test::LoopVolume::Kind::btrfs);
+        if (!unavailable.empty()) QSKIP(unavailable.c_str());
+        auto volume = test::LoopVolume::create(test::LoopVolume::Kind::btrfs);
+        test::TempDir dir;
+        const std::string folder = volume->path("photos");
+        writeCopies(folder, 5);
+        AppModel model(placesIn(dir));
+        model.add({QString::fromStdString(folder)});
+        model.setAnytime(true);
+
+        // The user's choices are a pipe that another program holds open without writing: the
+        // automatic pass that reads them is held on its thread, as in a long replacement.
+        const std::string choices = dir.path("data/selection.json");
+        QVERIFY(::mkfifo(choices.c_str(), 0600) == 0);
+        QSignalSpy state(&model, &AppModel::automaticStateChanged);
+        model.setAutomatic(true);
+        QVERIFY(model.automaticRunning());
+        int writer = -1;
+        // Opening the write end succeeds only once the pass waits at the read end.
+        QVERIFY(QTest::qWaitFor([&] { return (writer = ::open(choices.c_str(), O_WRONLY | O_NONBLOCK)) >= 0; },
+                                workTimeout));
+
+        // Should switching off wait for the held worker, this watchdog lets it go after a while,
+        // and the test sees that it had to.
+        std::atomic<bool> watchdogFired = false;
+        std::atomic<bool> done = false;
+        std::thread watchdog([&] {
+            for (int i = 0; i < 600 && !done; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (!done) {
+                watchdogFired = true;
+                ::close(writer);
+            }
+        });
+        state.clear();
+        model.setAutomatic(false);
+        const bool returnedByItself = !watchdogFired;
+        done = true;
+        watchdog.join();
+        QVERIFY2(returnedByItself, "switching automatic mode off waited for the worker");
+        QVERIFY(!model.automaticRunning());
+        QVERIFY(model.automaticStopping());
+        QVERIFY(state.count() >= 1);
+        // While it stops, the lock is still this process's, and a reclaim by hand waits.
+        QVERIFY(std::holds_alternative<dedup::AutoLock::Holder>(dedup::AutoLock::acquire(dir.path("data"), "test")));
+
+        // The pass is let go: the run finishes, says so, and frees the lock.
+        if (!watchdogFired) ::close(writer);
+        QTRY_VERIFY_WITH_TIMEOUT(!model.automaticStopping(), workTimeout);
+        QVERIFY(std::holds_alternative<dedup::AutoLock>(dedup::AutoLock::acquire(dir.path("data"), "test")));
+        std::filesystem::remove(choices);
+        AppModel::waitForTasks();
     }
 
     void startAtLoginIsAnAutostartEntryThatStartsHidden() {

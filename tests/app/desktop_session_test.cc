@@ -74,6 +74,8 @@ private slots:
         // is left to do, so the process ends.
         window.close();
         model.setAutomatic(false);
+        QTRY_COMPARE_WITH_TIMEOUT(quit.count(), 2, 60000);  // once the run has stopped, and only once
+        QTest::qWait(50);
         QCOMPARE(quit.count(), 2);
     }
 };

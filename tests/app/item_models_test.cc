@@ -49,6 +49,9 @@ ScanResult sampleResult() {
     return r;
 }
 
+// The list's workers have answered and their answers are installed.
+bool settled(const GroupsModel& m) { return QTest::qWaitFor([&] { return !m.busy(); }, 20000); }
+
 std::vector<QString> names(const GroupsModel& m) {
     std::vector<QString> result;
     for (int row = 0; row < m.rowCount(); ++row) result.push_back(m.index(row, 0).data().toString());
@@ -85,6 +88,8 @@ private slots:
     void untickingAskesForTheExactBytesOfTheName();
     void keepingAnotherCopyReordersOnlyThatGroup();
     void sortAndFilterReorderGroupsAndKeepFiles();
+    void largeSelectionChangesAreFiguredAsideAndNeverLandStale();
+    void answersForAnOlderResultOrOrderAreDropped();
     void folderTreeFollowsTheMeasurement();
     void journalIsNewestFirstFilterableWithVerdicts();
     void acrossListsCopiesThatCanGoFirstAndForgetsWhatMoved();
@@ -94,7 +99,8 @@ void ItemModelsTest::groupsShowLargestFirstKeptCopyFirstAndEngineFigures() {
     GroupsModel m;
     QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
     ScanResult r = sampleResult();
-    m.setResult(r, {});
+    m.setResult(std::make_shared<const ScanResult>(r), {});
+    QVERIFY(settled(m));
     QCOMPARE(m.rowCount(), 4);
     QCOMPARE(m.index(0, GroupsModel::nameColumn).data().toString(), QString("big.iso"));
     QCOMPARE(m.reclaimableBytes(), Report::reclaimableBytes(r.groups, {}));
@@ -118,7 +124,8 @@ void ItemModelsTest::selectionChangesGiveTheEngineTotalForEveryFolderAndFile() {
     GroupsModel m;
     QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
     ScanResult r = sampleResult();
-    m.setResult(r, {});
+    m.setResult(std::make_shared<const ScanResult>(r), {});
+    QVERIFY(settled(m));
     QSignalSpy totals(&m, &GroupsModel::reclaimableChanged);
 
     // Every step goes through the incremental path; the total must match a full computation.
@@ -157,7 +164,8 @@ void ItemModelsTest::untickingAskesForTheExactBytesOfTheName() {
     g.files = {file("/d/kept.txt", 100, 1), file(latin1, 100, 2)};
     r.groups.push_back(g);
     GroupsModel m;
-    m.setResult(r, {});
+    m.setResult(std::make_shared<const ScanResult>(r), {});
+    QVERIFY(settled(m));
     QSignalSpy asked(&m, &GroupsModel::excludeRequested);
     QModelIndex copy = m.index(1, 0, m.index(0, 0));
     QVERIFY(m.setData(copy, Qt::Unchecked, Qt::CheckStateRole));
@@ -177,8 +185,10 @@ void ItemModelsTest::keepingAnotherCopyReordersOnlyThatGroup() {
     QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
     ScanResult r = sampleResult();
     Selection s{{"/d/y/IMG_1.jpg"}};
-    m.setResult(r, s);
+    m.setResult(std::make_shared<const ScanResult>(r), s);
+    QVERIFY(settled(m));
     m.sort(GroupsModel::nameColumn, Qt::AscendingOrder);  // display rows no longer match result order
+    QVERIFY(settled(m));
     QSignalSpy asked(&m, &GroupsModel::keepRequested);
     QModelIndex photos = m.index(0, 0);
     QVERIFY(m.requestKeep(m.index(2, 0, photos)));
@@ -205,22 +215,30 @@ void ItemModelsTest::keepingAnotherCopyReordersOnlyThatGroup() {
 void ItemModelsTest::sortAndFilterReorderGroupsAndKeepFiles() {
     GroupsModel m;
     QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
-    m.setResult(sampleResult(), {});
+    m.setResult(std::make_shared<const ScanResult>(sampleResult()), {});
+    QVERIFY(settled(m));
     m.sort(GroupsModel::nameColumn, Qt::AscendingOrder);
+    QVERIFY(settled(m));
     QCOMPARE(names(m), (std::vector<QString>{"IMG_1.JPG", "big.iso", "notes.txt", "one.bin"}));
     m.sortBy(GroupsModel::SortKey::size, Qt::AscendingOrder);
+    QVERIFY(settled(m));
     QCOMPARE(names(m), (std::vector<QString>{"notes.txt", "one.bin", "IMG_1.JPG", "big.iso"}));
 
     // A group is shown when any of its files matches, whatever the case.
     m.setFilter({"JPG", GroupsModel::FilterField::extension, 0});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), std::vector<QString>{"IMG_1.JPG"});
     m.setFilter({".txt", GroupsModel::FilterField::extension, 0});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), (std::vector<QString>{"notes.txt", "big.iso"}));  // big.iso has a copy named b.txt
     m.setFilter({"COPY", GroupsModel::FilterField::name, 0});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), std::vector<QString>{"IMG_1.JPG"});
     m.setFilter({"/d/a/bc", GroupsModel::FilterField::path, 0});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), std::vector<QString>{"notes.txt"});
     m.setFilter({"", GroupsModel::FilterField::path, 1000});
+    QVERIFY(settled(m));
     QCOMPARE(names(m), (std::vector<QString>{"IMG_1.JPG", "big.iso"}));
     QCOMPARE(m.rowCount(m.index(0, 0)), 4);
 
@@ -229,7 +247,93 @@ void ItemModelsTest::sortAndFilterReorderGroupsAndKeepFiles() {
     QCOMPARE(m.index(1, GroupsModel::freesColumn).data().toString(), QString("0 bytes"));
     QVERIFY(!m.indexOfPath("/d/notes.txt").isValid());  // hidden by the filter
     m.setFilter({});
+    QVERIFY(settled(m));
     QCOMPARE(m.indexOfPath("/d/a/bc/notes.txt").row(), 0);
+}
+
+// Enough groups that leaving out one folder is figured on a worker: each group has its kept copy
+// in /k and one copy in each of /big/<n % 7> and /other.
+ScanResult manyGroups() {
+    ScanResult r;
+    const int count = static_cast<int>(GroupsModel::groupsFiguredInPlace) * 2 + 10;
+    uint64_t inode = 1;
+    for (int g = 0; g < count; ++g) {
+        DuplicateGroup group;
+        group.digest = std::to_string(g);
+        const std::string name = "/f" + std::to_string(g) + ".bin";
+        const int64_t size = 1000 + g;
+        group.files = {file("/k" + name, size, inode++), file("/big/" + std::to_string(g % 7) + name, size, inode++),
+                       file("/other" + name, size, inode++)};
+        group.reclaimableBytes = size * 2;
+        r.groups.push_back(std::move(group));
+    }
+    return r;
+}
+
+void ItemModelsTest::largeSelectionChangesAreFiguredAsideAndNeverLandStale() {
+    GroupsModel m;
+    QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
+    ScanResult r = manyGroups();
+    m.setResult(std::make_shared<const ScanResult>(r), {});
+    QVERIFY(settled(m));
+    QCOMPARE(m.reclaimableBytes(), Report::reclaimableBytes(r.groups, {}));
+
+    // Every group is touched: the figures are not current until the worker answers.
+    m.setSelection(Selection{{"/big"}});
+    QVERIFY(!m.figuresCurrent());
+    // Meanwhile the user keeps another copy in one group and takes back one folder: the worker's
+    // figures for those groups are older than these changes and must not be taken.
+    std::swap(r.groups[5].files[0], r.groups[5].files[2]);
+    m.setGroup(5, r.groups[5]);
+    Selection later{{"/big/0", "/big/1", "/big/2", "/big/3", "/big/4", "/big/6"}};
+    m.setSelection(later);
+    QVERIFY(settled(m));
+    QVERIFY(m.figuresCurrent());
+    QCOMPARE(m.reclaimableBytes(), Report::reclaimableBytes(r.groups, later));
+    const auto targets = Report::targets(r.groups, later);
+    QCOMPARE(m.copiesToReclaim(), static_cast<int64_t>(targets.size()));
+    for (int row = 0; row < m.rowCount(); ++row) {
+        const QModelIndex g = m.index(row, 0);
+        const auto [number, place] = m.positionOf(m.index(0, 0, g));
+        const auto& expected = r.groups[static_cast<size_t>(number)];
+        QCOMPARE(m.index(0, 0, g).data(GroupsModel::PathRole).toByteArray().toStdString(), expected.files[0].path);
+        for (int f = 1; f < m.rowCount(g); ++f) {
+            const std::string path = m.index(f, 0, g).data(GroupsModel::PathRole).toByteArray().toStdString();
+            QCOMPARE(m.index(f, 0, g).data(GroupsModel::ExcludedRole).toBool(), later.excludes(path));
+        }
+    }
+}
+
+void ItemModelsTest::answersForAnOlderResultOrOrderAreDropped() {
+    GroupsModel m;
+    QAbstractItemModelTester tester(&m, QAbstractItemModelTester::FailureReportingMode::QtTest);
+    // A second result given before the first was tabulated: only the second is ever shown.
+    m.setResult(std::make_shared<const ScanResult>(manyGroups()), {});
+    QCOMPARE(m.rowCount(), 0);  // nothing of an older result stays on show meanwhile
+    QVERIFY(m.busy());
+    const ScanResult small = sampleResult();
+    m.setResult(std::make_shared<const ScanResult>(small), {});
+    QVERIFY(settled(m));
+    QCOMPARE(m.rowCount(), 4);
+    QCOMPARE(m.reclaimableBytes(), Report::reclaimableBytes(small.groups, {}));
+
+    // Sorts and filters asked for in a row: the last one asked for is what is shown.
+    m.sortBy(GroupsModel::SortKey::size, Qt::AscendingOrder);
+    m.setFilter({"", GroupsModel::FilterField::path, 1000});
+    m.sortBy(GroupsModel::SortKey::name, Qt::AscendingOrder);
+    QVERIFY(settled(m));
+    QCOMPARE(names(m), (std::vector<QString>{"IMG_1.JPG", "big.iso"}));
+
+    // A filter asked for while a result is being tabulated applies to it when it lands.
+    m.setResult(std::make_shared<const ScanResult>(small), Selection{{"/d/a"}});
+    m.setFilter({"notes", GroupsModel::FilterField::name, 0});
+    QVERIFY(settled(m));
+    QCOMPARE(names(m), std::vector<QString>{"notes.txt"});
+    QCOMPARE(m.reclaimableBytes(), Report::reclaimableBytes(small.groups, Selection{{"/d/a"}}));
+    m.clear();
+    QVERIFY(settled(m));
+    QCOMPARE(m.rowCount(), 0);
+    QCOMPARE(m.reclaimableBytes(), 0);
 }
 
 void ItemModelsTest::folderTreeFollowsTheMeasurement() {

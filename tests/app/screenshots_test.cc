@@ -116,6 +116,7 @@ void ScreenshotsTest::everyScreenWithAScanLoaded() {
     Selection left;
     left.excluded.insert(root + "/Videos/Archive");
     model.setSelection(left);
+    QTRY_VERIFY_WITH_TIMEOUT(!window.scanView()->groups().busy(), 60000);
 
     QTreeView* list = window.scanView()->groupList();
     QCOMPARE(list->model()->rowCount(), 5);

@@ -2,6 +2,7 @@
 // byte of a folder's name, the list's filter and folder exclusion, the journal's filter and
 // verdicts, the settings reaching the model.
 #include <QCheckBox>
+#include <QDialog>
 #include <QComboBox>
 #include <QDBusConnection>
 #include <QApplication>
@@ -19,7 +20,12 @@
 #include <QTest>
 #include <QTreeView>
 
+#include <filesystem>
+
+#include <QFile>
+
 #include "app_model.h"
+#include "report_export.h"
 #include "journal_view.h"
 #include "main_window.h"
 #include "scan_options_editor.h"
@@ -63,6 +69,8 @@ private slots:
     void scanOptionsSurviveTheEditorUnchanged();
     void listFiltersAndLeavesOutAFolderThroughItsControls();
     void droppedFileIsRefusedWhereItWasDroppedAndDismissed();
+    void unreadableFoldersAndFilesOfAScanCanBeSeen();
+    void folderNamedInBytesThatAreNotUtf8IsAddedScannedAndRemoved();
     void showInFolderNamesTheFileByItsOwnBytes();
     void journalFiltersByKindAndShowsVerdicts();
     void settingsReachTheModel();
@@ -103,16 +111,27 @@ void ViewsTest::listFiltersAndLeavesOutAFolderThroughItsControls() {
     model.add({QString::fromStdString(root)});
     QTest::mouseClick(view.findChild<QPushButton*>("scan"), Qt::LeftButton);
     QTRY_VERIFY_WITH_TIMEOUT(model.phase() == AppModel::Phase::idle && model.hasResult(), 60000);
+    // The list is tabulated, sorted and filtered on a worker: each change shows once it answered.
+    auto settled = [&] { return QTest::qWaitFor([&] { return !view.groups().busy(); }, 60000); };
+    QVERIFY(settled());
     QTreeView* list = view.groupList();
     QCOMPARE(list->model()->rowCount(), 2);
+    // What the scan did, as the command says it at its end.
+    const QString figures = named<QLabel>(&view, "Scan figures")->text();
+    QVERIFY2(figures.startsWith("Looked at 5 files; read ") &&
+                 figures.contains("800.0 kB can be reclaimed in 2 groups.") && figures.contains("Took "),
+             qPrintable(figures));
+    QVERIFY(!view.findChild<QPushButton*>("showUnreadable")->isVisibleTo(&view));
     QVERIFY(!view.findChild<QPushButton*>("leaveOutFolder")->isEnabled());  // nothing chosen yet
 
     named<QComboBox>(&view, "Filter by")->setCurrentIndex(2);  // extension
     QTest::keyClicks(named<QLineEdit>(&view, "Filter text"), "MP3");
+    QVERIFY(settled());
     QCOMPARE(list->model()->rowCount(), 1);
     QCOMPARE(list->model()->index(0, 0).data().toString(), QString("song.mp3"));
     named<QLineEdit>(&view, "Filter text")->clear();
     named<QComboBox>(&view, "Smallest size shown")->setCurrentIndex(0);
+    QVERIFY(settled());
     QCOMPARE(list->model()->rowCount(), 2);
 
     // The oldest copy of each group kept, in one step; a second time changes nothing.
@@ -121,6 +140,7 @@ void ViewsTest::listFiltersAndLeavesOutAFolderThroughItsControls() {
     keepEvery->menu()->actions().at(0)->trigger();
     QCOMPARE(model.result()->groups[0].files.front().path, root + "/c/film.mkv");
     QCOMPARE(model.result()->groups[1].files.front().path, root + "/b/song.mp3");
+    QVERIFY(settled());
     QCOMPARE(list->model()->index(0, 0, list->model()->index(0, 0)).data(GroupsModel::PathRole).toByteArray().toStdString(),
              root + "/c/film.mkv");
     QSignalSpy kept(&model, &AppModel::keptCopyChanged);
@@ -148,6 +168,92 @@ void ViewsTest::listFiltersAndLeavesOutAFolderThroughItsControls() {
     QTest::mouseClick(view.findChild<QPushButton*>("removeFolder"), Qt::LeftButton);
     QVERIFY(model.sources().empty());
     QVERIFY(!view.findChild<QPushButton*>("scan")->isEnabled());
+    AppModel::waitForTasks();
+}
+
+void ViewsTest::folderNamedInBytesThatAreNotUtf8IsAddedScannedAndRemoved() {
+    test::TempDir dir;
+    const std::string odd = dir.path("caf\xff");  // Latin-1 from an old disk: not UTF-8
+    const std::string bytes = test::randomBytes(300000, 7);
+    test::writeFile(odd + "/a.bin", bytes);
+    test::writeFile(odd + "/sub/b.bin", bytes);
+    const QString shown = QString::fromStdString(dir.path("caf") + "\\xff");
+    {
+        AppModel model(placesIn(dir));
+        ScanView view(model);
+        view.show();
+        // An open dialog hands the name over as Qt decoded it, with U+FFFD for the byte.
+        model.add({QFile::decodeName(QByteArray::fromStdString(odd))});
+        QCOMPARE(model.sources(), std::vector<std::string>{odd});
+        auto* folders = named<QListWidget>(&view, "Folders to look in");
+        QCOMPARE(folders->item(0)->text(), shown);
+
+        model.scan();
+        QTRY_VERIFY_WITH_TIMEOUT(model.phase() == AppModel::Phase::idle && model.hasResult(), 60000);
+        QCOMPARE(model.result()->groups.size(), size_t{1});
+        QCOMPARE(model.result()->groups[0].files[0].path.substr(0, odd.size()), odd);
+        model.setSelection(Selection{{odd + "/sub"}});
+        QCOMPARE(Selection::load(dir.path("data/selection.json")).excluded, std::set<std::string>{odd + "/sub"});
+
+        folders->setCurrentRow(0);
+        QTest::mouseClick(view.findChild<QPushButton*>("removeFolder"), Qt::LeftButton);
+        QVERIFY(model.sources().empty());
+
+        // Dropped from a file manager: by the time Qt hands the URL over, the byte is U+FFFD too.
+        QMimeData mime;
+        mime.setData("text/uri-list", "file://" + QUrl::toPercentEncoding(QByteArray::fromStdString(odd), "/") + "\r\n");
+        QVERIFY(mime.urls().at(0).toLocalFile().contains(QChar(0xfffd)));
+        QDragEnterEvent enter(view.rect().center(), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(&view, &enter);
+        QDropEvent drop(view.rect().center(), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(&view, &drop);
+        QVERIFY2(model.error().isEmpty(), qPrintable(model.error()));
+        QCOMPARE(model.sources(), std::vector<std::string>{odd});
+        AppModel::waitForTasks();
+    }
+    {
+        // Saved and read back byte for byte; removed by the text the list shows.
+        AppModel model(placesIn(dir));
+        QCOMPARE(model.sources(), std::vector<std::string>{odd});
+        QCOMPARE(model.selection().excluded, std::set<std::string>{odd + "/sub"});
+        model.remove(shown);
+        QVERIFY(model.sources().empty());
+
+        // A second folder whose name differs only in that byte: the dialog's name could be either.
+        const std::string twin = dir.path("caf\xfe");
+        std::filesystem::create_directories(twin);
+        model.add({QFile::decodeName(QByteArray::fromStdString(odd))});
+        QVERIFY(model.sources().empty());
+        QVERIFY2(model.error().contains("drag the one you mean"), qPrintable(model.error()));
+        AppModel::waitForTasks();
+    }
+}
+
+void ViewsTest::unreadableFoldersAndFilesOfAScanCanBeSeen() {
+    test::TempDir dir;
+    ScanResult saved;
+    saved.filesSeen = 1234567;
+    saved.bytesRead = 5'000'000;
+    saved.unreadableFolders = {"/d/locked"};
+    saved.unreadableFiles = {"/d/gone\xff.jpg", "/d/moved.jpg"};
+    test::writeFile(dir.path("saved.json"), Report::json(saved));
+    AppModel model(placesIn(dir));
+    ScanView view(model);
+    view.show();
+    QVERIFY(model.loadScan(QString::fromStdString(dir.path("saved.json"))));
+    const QString figures = named<QLabel>(&view, "Scan figures")->text();
+    QCOMPARE(figures, QString("Looked at 1,234,567 files; read 5.0 MB to compare them. 0 bytes can be reclaimed in 0 "
+                              "groups. 1 folder and 2 files could not be read and were left out."));
+    auto* show = view.findChild<QPushButton*>("showUnreadable");
+    QVERIFY(show->isVisibleTo(&view));
+    QTest::mouseClick(show, Qt::LeftButton);
+    auto* dialog = view.findChild<QDialog*>("unreadable");
+    QVERIFY(dialog && dialog->isVisible());
+    auto* list = dialog->findChild<QListWidget*>();
+    QCOMPARE(list->count(), 3);
+    QCOMPARE(list->item(0)->text(), QString("Folder: /d/locked"));
+    QCOMPARE(list->item(1)->text(), QString("File: /d/gone\\xff.jpg"));  // the byte as it is, not U+FFFD
+    dialog->close();
     AppModel::waitForTasks();
 }
 

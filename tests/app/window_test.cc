@@ -93,6 +93,8 @@ void WindowTest::scanChooseAndReclaimThroughTheButtonsOnBtrfs() {
         QCOMPARE(model.phase(), AppModel::Phase::scanning);
         QVERIFY(scan->findChild<QPushButton*>("cancel")->isVisible());
         QTRY_VERIFY_WITH_TIMEOUT(model.phase() == AppModel::Phase::idle && model.hasResult(), 60000);
+        // The list is tabulated on a worker and shown once it answered.
+        QTRY_VERIFY_WITH_TIMEOUT(!scan->groups().busy(), 60000);
 
         // Largest first, kept copy first, and the total the plan gives.
         QTreeView* list = scan->groupList();
@@ -147,6 +149,7 @@ void WindowTest::scanChooseAndReclaimThroughTheButtonsOnBtrfs() {
         QVERIFY2(asked.contains("3 copies in 2 groups") && asked.contains("800.0 kB"), qPrintable(asked));
         QTRY_VERIFY_WITH_TIMEOUT(model.hasSummary(), 60000);
         QTRY_VERIFY_WITH_TIMEOUT(model.phase() == AppModel::Phase::idle && model.hasResult(), 60000);
+        QTRY_VERIFY_WITH_TIMEOUT(!scan->groups().busy(), 60000);
 
         auto* summary = scan->findChild<ReclaimSummaryDialog*>();
         QVERIFY(summary && summary->isVisible());
