@@ -11,7 +11,7 @@ FolderPrefetch::FolderPrefetch(size_t readers, size_t ahead) : ahead_(std::max<s
 
 FolderPrefetch::~FolderPrefetch() {
     for (auto& reader : readers_) reader.request_stop();
-    changed_.notify_all();
+    work_.notify_all();
     readers_.clear();
 }
 
@@ -21,7 +21,7 @@ void FolderPrefetch::request(const std::string& folder) {
         if (!listings_.try_emplace(folder).second) return;
         queue_.push_back(folder);
     }
-    changed_.notify_one();
+    work_.notify_one();
 }
 
 std::vector<DirectoryEntry> FolderPrefetch::take(const std::string& folder) {
@@ -39,13 +39,15 @@ std::vector<DirectoryEntry> FolderPrefetch::take(const std::string& folder) {
         return DirectoryReader::read(folder);
     }
     Listing& ready = it->second;  // a reference, unlike the iterator, outlives a rehash
-    changed_.wait(lock, [&] { return ready.done; });
+    waitedFor_ = &ready;
+    done_.wait(lock, [&] { return ready.done; });
+    waitedFor_ = nullptr;
     Listing listing = std::move(ready);
     listings_.erase(folder);
     --started_;
     lock.unlock();
-    // A helper may now read one more ahead.
-    changed_.notify_all();
+    // One helper may now read one more ahead.
+    work_.notify_one();
     if (listing.error) std::rethrow_exception(listing.error);
     return std::move(listing.entries);
 }
@@ -53,7 +55,7 @@ std::vector<DirectoryEntry> FolderPrefetch::take(const std::string& folder) {
 void FolderPrefetch::readAhead(std::stop_token stop) {
     std::unique_lock lock(mutex_);
     for (;;) {
-        changed_.wait(lock, stop, [&] { return !queue_.empty() && started_ < ahead_; });
+        work_.wait(lock, stop, [&] { return !queue_.empty() && started_ < ahead_; });
         if (stop.stop_requested()) return;
         std::string folder = std::move(queue_.back());
         queue_.pop_back();
@@ -73,7 +75,8 @@ void FolderPrefetch::readAhead(std::stop_token stop) {
         listing.entries = std::move(entries);
         listing.error = error;
         listing.done = true;
-        changed_.notify_all();
+        // Only the walk waits for a listing; a reader woken here would find nothing new to do.
+        if (waitedFor_ == &listing) done_.notify_one();
     }
 }
 

@@ -47,7 +47,9 @@ private:
 
     const size_t ahead_;
     std::mutex mutex_;
-    std::condition_variable_any changed_;
+    std::condition_variable_any work_;  // readers wait here for a folder to read and room to read it
+    std::condition_variable done_;      // the walk waits here for the listing it takes
+    const Listing* waitedFor_ = nullptr;  // the listing the walk waits for, if any
     std::vector<std::string> queue_;                     // requested, not started; the last goes first
     std::unordered_map<std::string, Listing> listings_;  // requested and not yet taken
     size_t started_ = 0;                                 // listings started and not yet taken

@@ -46,5 +46,22 @@ TEST(FolderPrefetchTest, EveryFolderIsListedOnceWhateverOrderItIsTakenIn) {
     // The rest stay requested and untaken: ending the prefetch must neither hang nor leak.
 }
 
+TEST(FolderPrefetchTest, TheWalkIsWokenForEveryListingItWaitsFor) {
+    test::TempDir dir;
+    std::vector<std::string> folders;
+    for (int i = 0; i < 64; ++i) {
+        folders.push_back(dir.path("f" + std::to_string(i)));
+        std::filesystem::create_directories(folders.back());
+        test::writeFile(folders.back() + "/file", "x");
+    }
+    // One listing ahead at a time, so the walk keeps waiting for a helper's listing and a helper
+    // keeps waiting for the walk to take one: a wake-up lost on either side never returns.
+    for (int round = 0; round < 50; ++round) {
+        FolderPrefetch prefetch(2, 1);
+        for (const auto& folder : folders) prefetch.request(folder);
+        for (size_t i = folders.size(); i-- > 0;) ASSERT_EQ(prefetch.take(folders[i]).size(), 1u) << folders[i];
+    }
+}
+
 }  // namespace
 }  // namespace dedup
