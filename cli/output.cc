@@ -152,10 +152,10 @@ void writeScanJson(std::ostream& out, const ScanResult& result, const std::strin
     // Keys in sorted order, as every JSON this system writes.
     out << "{\"bytesRead\":" << result.bytesRead << ",\"cancelled\":" << (result.cancelled ? "true" : "false")
         << ",\"filesSeen\":" << result.filesSeen << ",\"groups\":[";
-    // Written a few hundred kilobytes at a time, so no more than that is held beside the result.
-    constexpr size_t flushAt = 256 << 10;
+    // Written some tens of kilobytes at a time, so no more than that is held beside the result.
+    constexpr size_t flushAt = 64 << 10;
     std::string buffer;
-    buffer.reserve(flushAt + (16 << 10));
+    buffer.reserve(flushAt + (4 << 10));
     JsonAppender json(buffer);
     for (size_t i = 0; i < result.groups.size(); ++i) {
         buffer.append(i > 0 ? ",\n" : "\n");
