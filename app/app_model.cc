@@ -482,12 +482,21 @@ QString AppModel::fileRefusal() const {
     return {};
 }
 
-void AppModel::writeInBackground(const QString& file, std::function<std::string()> text, const QString& what) {
+void AppModel::writeInBackground(const QString& file, std::function<std::string(const ScanResult&)> text,
+                                 const QString& what) {
+    QString refusal = fileRefusal();
+    if (refusal.isEmpty() && !result_) refusal = tr("There is no scan to save yet.");
+    if (!refusal.isEmpty()) {
+        emit exported(false, refusal);
+        return;
+    }
     setFileBusy(true);
-    tasks::run([file, text = std::move(text), what, weak = weak_] {
+    // The worker reads the result as it is now (and the caller's text the selection as it is now);
+    // later changes do not reach a file already being written.
+    tasks::run([file, text = std::move(text), result = std::shared_ptr<const ScanResult>(result_), what, weak = weak_] {
         QString failure;
         try {
-            writeText(file, text(), failure);
+            writeText(file, text(*result), failure);
         } catch (const std::exception& error) {
             failure = QString::fromUtf8(error.what());
         }
@@ -507,31 +516,14 @@ void AppModel::writeInBackground(const QString& file, std::function<std::string(
 }
 
 void AppModel::exportCsv(const QString& file) {
-    QString refusal = fileRefusal();
-    if (refusal.isEmpty() && !result_) refusal = tr("There is no scan to save yet.");
-    if (!refusal.isEmpty()) {
-        emit exported(false, refusal);
-        return;
-    }
-    // The worker reads the result and the selection as they are now; later changes do not reach
-    // a table already being written.
     writeInBackground(
-        file, [result = std::shared_ptr<const ScanResult>(result_), selection = selection_] {
-            return Report::csv(result->groups, selection);
-        },
+        file, [selection = selection_](const ScanResult& result) { return Report::csv(result.groups, selection); },
         tr("The table could not be saved as %1: %2"));
 }
 
 void AppModel::exportScan(const QString& file) {
-    QString refusal = fileRefusal();
-    if (refusal.isEmpty() && !result_) refusal = tr("There is no scan to save yet.");
-    if (!refusal.isEmpty()) {
-        emit exported(false, refusal);
-        return;
-    }
     writeInBackground(
-        file, [result = std::shared_ptr<const ScanResult>(result_)] { return Report::json(*result); },
-        tr("The scan could not be saved as %1: %2"));
+        file, [](const ScanResult& result) { return Report::json(result); }, tr("The scan could not be saved as %1: %2"));
 }
 
 void AppModel::loadScan(const QString& file) {

@@ -352,7 +352,7 @@ private:
     void setFileBusy(bool busy);
     // Why a file task cannot start now; empty when it can.
     QString fileRefusal() const;
-    void writeInBackground(const QString& file, std::function<std::string()> text, const QString& what);
+    void writeInBackground(const QString& file, std::function<std::string(const ScanResult&)> text, const QString& what);
     // The number of replacements put right, or who does automatic reclaiming now (and so may have
     // replacements under way): then nothing is touched.
     static std::variant<size_t, std::string> recoverInterrupted(Journal& journal, const std::string& dataDirectory);
