@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QSaveFile>
 #include <QSettings>
 #include <QStandardPaths>
@@ -449,11 +450,19 @@ void AppModel::keepCopies(const std::vector<std::pair<size_t, size_t>>& choices)
 
 namespace {
 
+// Runs on a worker: QSaveFile replaces the file only once every byte is written, so a failed save
+// leaves what was there before.
 bool writeText(const QString& file, const std::string& text, QString& failure) {
     QSaveFile out(file);
     if (!out.open(QIODevice::WriteOnly) || out.write(text.data(), static_cast<qint64>(text.size())) < 0 ||
         !out.commit()) {
         failure = out.errorString();
+        const QFileInfo folder(QFileInfo(file).absolutePath());
+        if (!folder.exists()) {
+            failure = QString("the folder %1 does not exist").arg(folder.filePath());
+        } else if (!folder.isDir()) {
+            failure = QString("%1 is not a folder").arg(folder.filePath());
+        }
         return false;
     }
     return true;
@@ -461,47 +470,105 @@ bool writeText(const QString& file, const std::string& text, QString& failure) {
 
 }  // namespace
 
-bool AppModel::exportCsv(const QString& file) {
-    if (!result_) return false;
-    QString failure;
-    if (writeText(file, Report::csv(result_->groups, selection_), failure)) return true;
-    setError(QString("The table could not be saved as %1: %2").arg(file, failure));
-    return false;
+void AppModel::setFileBusy(bool busy) {
+    if (fileBusy_ == busy) return;
+    fileBusy_ = busy;
+    emit fileBusyChanged();
 }
 
-bool AppModel::exportScan(const QString& file) {
-    if (!result_) return false;
-    QString failure;
-    try {
-        if (writeText(file, Report::json(*result_), failure)) return true;
-    } catch (const std::exception& error) {
-        failure = QString::fromUtf8(error.what());
-    }
-    setError(QString("The scan could not be saved as %1: %2").arg(file, failure));
-    return false;
+QString AppModel::fileRefusal() const {
+    if (fileBusy_) return tr("Another file is being opened or saved. Try again when it is done.");
+    if (phase_ != Phase::idle) return tr("Wait until the scan or reclaim has finished.");
+    return {};
 }
 
-bool AppModel::loadScan(const QString& file) {
-    if (phase_ != Phase::idle) return false;
-    QFile in(file);
-    if (!in.open(QIODevice::ReadOnly)) {
-        setError(QString("%1 cannot be opened: %2").arg(file, in.errorString()));
-        return false;
+void AppModel::writeInBackground(const QString& file, std::function<std::string(const ScanResult&)> text,
+                                 const QString& what) {
+    QString refusal = fileRefusal();
+    if (refusal.isEmpty() && !result_) refusal = tr("There is no scan to save yet.");
+    if (!refusal.isEmpty()) {
+        emit exported(false, refusal);
+        return;
     }
-    const QByteArray bytes = in.readAll();
-    try {
-        auto loaded = std::make_shared<ScanResult>(
-            Report::load(std::string_view(bytes.constData(), static_cast<size_t>(bytes.size()))));
-        dropResult();
-        result_ = std::move(loaded);
-        scanSeconds_.reset();
-    } catch (const std::exception& error) {
-        setError(QString("%1 is not a saved scan: %2").arg(file, QString::fromUtf8(error.what())));
-        return false;
+    setFileBusy(true);
+    // The worker reads the result as it is now (and the caller's text the selection as it is now);
+    // later changes do not reach a file already being written.
+    tasks::run([file, text = std::move(text), result = std::shared_ptr<const ScanResult>(result_), what, weak = weak_] {
+        QString failure;
+        try {
+            writeText(file, text(*result), failure);
+        } catch (const std::exception& error) {
+            failure = QString::fromUtf8(error.what());
+        }
+        tasks::onMainThread([weak, file, failure, what] {
+            AppModel* model = weak->value;
+            if (!model) return;
+            model->setFileBusy(false);
+            if (failure.isEmpty()) {
+                emit model->exported(true, {});
+                return;
+            }
+            const QString message = what.arg(file, failure);
+            model->setError(message);
+            emit model->exported(false, message);
+        });
+    });
+}
+
+void AppModel::exportCsv(const QString& file) {
+    writeInBackground(
+        file, [selection = selection_](const ScanResult& result) { return Report::csv(result.groups, selection); },
+        tr("The table could not be saved as %1: %2"));
+}
+
+void AppModel::exportScan(const QString& file) {
+    writeInBackground(
+        file, [](const ScanResult& result) { return Report::json(result); }, tr("The scan could not be saved as %1: %2"));
+}
+
+void AppModel::loadScan(const QString& file) {
+    if (const QString refusal = fileRefusal(); !refusal.isEmpty()) {
+        emit scanLoaded(false, refusal);
+        return;
     }
-    emit resultChanged();
-    emit reclaimableBytesChanged();
-    return true;
+    setFileBusy(true);
+    tasks::run([file, weak = weak_] {
+        std::shared_ptr<ScanResult> loaded;
+        QString failure;
+        QFile in(file);
+        if (!in.open(QIODevice::ReadOnly)) {
+            failure = QString("%1 cannot be opened: %2").arg(file, in.errorString());
+        } else {
+            const QByteArray bytes = in.readAll();
+            try {
+                loaded = std::make_shared<ScanResult>(
+                    Report::load(std::string_view(bytes.constData(), static_cast<size_t>(bytes.size()))));
+            } catch (const std::exception& error) {
+                failure = QString("%1 is not a saved scan: %2").arg(file, QString::fromUtf8(error.what()));
+            }
+        }
+        tasks::onMainThread([weak, loaded, failure]() mutable {
+            AppModel* model = weak->value;
+            if (!model) {
+                // The last handle to a million paths goes here, still off the main thread's path.
+                if (loaded) tasks::run([old = std::move(loaded)]() mutable { old.reset(); });
+                return;
+            }
+            model->setFileBusy(false);
+            if (!failure.isEmpty()) {
+                // The result on screen stays: nothing the user had is given up for a bad file.
+                model->setError(failure);
+                emit model->scanLoaded(false, failure);
+                return;
+            }
+            model->dropResult();
+            model->result_ = std::move(loaded);
+            model->scanSeconds_.reset();
+            emit model->resultChanged();
+            emit model->reclaimableBytesChanged();
+            emit model->scanLoaded(true, {});
+        });
+    });
 }
 
 void AppModel::setError(const QString& message) {

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <memory>
 #include <optional>
@@ -117,6 +118,7 @@ class AppModel : public QObject {
     Q_PROPERTY(bool hasSummary READ hasSummary NOTIFY summaryChanged)
     Q_PROPERTY(qint64 reclaimableBytes READ reclaimableBytes NOTIFY reclaimableBytesChanged)
     Q_PROPERTY(QString error READ error WRITE setError NOTIFY errorChanged)
+    Q_PROPERTY(bool fileBusy READ fileBusy NOTIFY fileBusyChanged)
     Q_PROPERTY(QString lastAutomatic READ lastAutomatic NOTIFY lastAutomaticChanged)
     Q_PROPERTY(QString automaticHolder READ automaticHolder NOTIFY automaticStateChanged)
     Q_PROPERTY(QString automaticWaitingFor READ automaticWaitingFor NOTIFY automaticStateChanged)
@@ -219,10 +221,15 @@ public:
     // Many groups at once (the selection helpers): pairs of group and file index.
     void keepCopies(const std::vector<std::pair<size_t, size_t>>& choices);
 
-    // A saved scan and the CSV table; false (and `error` set) when writing or reading fails.
-    bool exportCsv(const QString& file);
-    bool exportScan(const QString& file);
-    bool loadScan(const QString& file);
+    // Opening a saved scan and saving the scan or the CSV table run in the background: a million
+    // files take seconds to parse or write. The outcome comes by scanLoaded() or exported(), with
+    // the reason in a user's words on failure (also set as `error`). One such task at a time, and
+    // none while a scan or reclaim runs: a refused request is answered at once, and a failed open
+    // leaves the current result as it was.
+    Q_INVOKABLE void exportCsv(const QString& file);
+    Q_INVOKABLE void exportScan(const QString& file);
+    Q_INVOKABLE void loadScan(const QString& file);
+    bool fileBusy() const { return fileBusy_; }
 
     // The journal, as last loaded (oldest first).
     const std::vector<JournalEntry>& journalEntries() const { return journalEntries_; }
@@ -299,6 +306,10 @@ signals:
     void backupDisksChanged();
     void journalChanged();
     void journalBusyChanged();
+    void fileBusyChanged();
+    // `message` is empty on success, the reason otherwise.
+    void scanLoaded(bool ok, const QString& message);
+    void exported(bool ok, const QString& message);
     void journalVerified();
     void journalRecovered(int count);
     void trueSizeBusyChanged();
@@ -338,6 +349,10 @@ private:
     void acceptReclaimProgress(const ReclaimProgress& progress);
     void finishReclaim(ReclaimSummary summary, std::optional<SpaceHolders> holders);
     void setJournalBusy(bool busy);
+    void setFileBusy(bool busy);
+    // Why a file task cannot start now; empty when it can.
+    QString fileRefusal() const;
+    void writeInBackground(const QString& file, std::function<std::string(const ScanResult&)> text, const QString& what);
     // The number of replacements put right, or who does automatic reclaiming now (and so may have
     // replacements under way): then nothing is touched.
     static std::variant<size_t, std::string> recoverInterrupted(Journal& journal, const std::string& dataDirectory);
@@ -380,6 +395,7 @@ private:
     std::vector<JournalEntry> journalEntries_;
     std::vector<JournalFinding> journalFindings_;
     bool journalBusy_ = false;
+    bool fileBusy_ = false;
 
     std::optional<FolderSize> trueSize_;
     TrueSize::Sharing trueSizeSharing_ = TrueSize::Sharing::unknown;

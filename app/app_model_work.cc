@@ -52,6 +52,12 @@ void AppModel::setPhase(Phase phase) {
 
 void AppModel::scan() {
     if (phase_ != Phase::idle || sources_.empty()) return;
+    if (fileBusy_) {
+        // A saved scan being opened would land on top of the new one, or a reclaim would run on
+        // the result about to be replaced.
+        setError(tr("Wait until the file has been opened or saved."));
+        return;
+    }
     if (result_) {
         dropResult();
         emit resultChanged();
@@ -118,6 +124,10 @@ void AppModel::finishScan(std::shared_ptr<ScanResult> result, const QString& fai
 
 void AppModel::reclaim() {
     if (!result_ || phase_ != Phase::idle) return;
+    if (fileBusy_) {
+        setError(tr("Wait until the file has been opened or saved."));
+        return;
+    }
     if (stopping_ > 0) {
         // Its replacement under way could be of a copy this reclaim is about to replace too.
         setError(tr("Automatic reclaiming is still finishing the file it was replacing. Reclaim again in a moment."));

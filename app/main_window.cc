@@ -4,6 +4,7 @@
 #include <QApplication>
 #include <QDialog>
 #include <QDialogButtonBox>
+#include <QFileDialog>
 #include <QHBoxLayout>
 #include <QListWidget>
 #include <QMessageBox>
@@ -99,6 +100,16 @@ MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), 
         showScreen(scanScreen);
         scan_->chooseFolders();
     });
+    openScan_ = file->addAction(tr("&Open Scan…"), this, &MainWindow::openScan);
+    openScan_->setObjectName(QStringLiteral("openScan"));
+    openScan_->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_O));
+    saveScan_ = file->addAction(tr("&Save Scan…"), this, &MainWindow::saveScan);
+    saveScan_->setObjectName(QStringLiteral("saveScan"));
+    saveScan_->setShortcut(QKeySequence::Save);
+    exportTable_ = file->addAction(tr("&Export Table (CSV)…"), this, &MainWindow::exportTable);
+    exportTable_->setObjectName(QStringLiteral("exportTable"));
+    exportTable_->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_E));
+    file->addSeparator();
     QAction* settings = file->addAction(tr("&Settings…"), this, &MainWindow::showSettings);
     settings->setShortcuts({QKeySequence::Preferences, QKeySequence(Qt::CTRL | Qt::Key_Comma)});
     file->addSeparator();
@@ -122,9 +133,62 @@ MainWindow::MainWindow(AppModel& model, QWidget* parent) : QMainWindow(parent), 
         }
     });
 
+    connect(&model_, &AppModel::fileBusyChanged, this, &MainWindow::updateFileActions);
+    connect(&model_, &AppModel::phaseChanged, this, &MainWindow::updateFileActions);
+    connect(&model_, &AppModel::resultChanged, this, &MainWindow::updateFileActions);
+    connect(&model_, &AppModel::scanLoaded, this, [this](bool ok, const QString& message) {
+        if (ok) {
+            showScreen(scanScreen);
+            statusBar()->showMessage(tr("The saved scan is open."), 5000);
+        } else {
+            statusBar()->showMessage(message);
+        }
+    });
+    connect(&model_, &AppModel::exported, this, [this](bool ok, const QString& message) {
+        statusBar()->showMessage(ok ? tr("Saved.") : message, ok ? 5000 : 0);
+    });
+    updateFileActions();
+
+    chooseFile_ = [this](FileQuestion question) {
+        switch (question) {
+            case FileQuestion::openScan:
+                return QFileDialog::getOpenFileName(this, tr("Open a Saved Scan"), {}, tr("Saved scans (*.json)"));
+            case FileQuestion::saveScan:
+                return QFileDialog::getSaveFileName(this, tr("Save the Scan"), tr("scan.json"), tr("Saved scans (*.json)"));
+            case FileQuestion::exportTable:
+                return QFileDialog::getSaveFileName(this, tr("Export the Table"), tr("copies.csv"), tr("Tables (*.csv)"));
+        }
+        return QString();
+    };
+
     sidebar_->setCurrentRow(scanScreen);
     const int line = fontMetrics().height();
     resize(line * 66, line * 44);
+}
+
+void MainWindow::updateFileActions() {
+    const bool free = !model_.fileBusy() && model_.phase() == AppModel::Phase::idle;
+    openScan_->setEnabled(free);
+    saveScan_->setEnabled(free && model_.hasResult());
+    exportTable_->setEnabled(free && model_.hasResult());
+    if (model_.fileBusy()) statusBar()->showMessage(tr("Working on the file…"));
+}
+
+QString MainWindow::askForFile(FileQuestion question) { return chooseFile_ ? chooseFile_(question) : QString(); }
+
+void MainWindow::openScan() {
+    const QString file = askForFile(FileQuestion::openScan);
+    if (!file.isEmpty()) model_.loadScan(file);
+}
+
+void MainWindow::saveScan() {
+    const QString file = askForFile(FileQuestion::saveScan);
+    if (!file.isEmpty()) model_.exportScan(file);
+}
+
+void MainWindow::exportTable() {
+    const QString file = askForFile(FileQuestion::exportTable);
+    if (!file.isEmpty()) model_.exportCsv(file);
 }
 
 void MainWindow::showScreen(Screen screen) { sidebar_->setCurrentRow(screen); }

@@ -4,8 +4,11 @@
 // of them and owns them all.
 #pragma once
 
+#include <functional>
+
 #include <QMainWindow>
 
+class QAction;
 class QDialog;
 class QListWidget;
 class QStackedWidget;
@@ -44,16 +47,33 @@ public:
     // The About box's text: the version, the licence and the project's address.
     static QString aboutText();
 
+    // What File > Open Scan, Save Scan and Export Table ask the user for: a file to read, or one
+    // to write with the given suggested suffix. An empty answer cancels. Tests put in their own.
+    enum class FileQuestion { openScan, saveScan, exportTable };
+    using FileChooser = std::function<QString(FileQuestion)>;
+    void setFileChooser(FileChooser chooser) { chooseFile_ = std::move(chooser); }
+
 public slots:
     void showSettings();
     void showAbout();
+    void openScan();
+    void saveScan();
+    void exportTable();
 
 protected:
     // The update check starts once, when the window first appears.
     void showEvent(QShowEvent* event) override;
 
 private:
+    QString askForFile(FileQuestion question);
+    // Open, Save and Export are offered only while no file task, scan or reclaim runs.
+    void updateFileActions();
+
     AppModel& model_;
+    FileChooser chooseFile_;
+    QAction* openScan_ = nullptr;
+    QAction* saveScan_ = nullptr;
+    QAction* exportTable_ = nullptr;
     QListWidget* sidebar_;
     QStackedWidget* screens_;
     ScanView* scan_;

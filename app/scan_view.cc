@@ -304,6 +304,7 @@ ScanView::ScanView(AppModel& model, QWidget* parent) : QWidget(parent), model_(m
         showPhase();
     });
     connect(&model_, &AppModel::phaseChanged, this, &ScanView::showPhase);
+    connect(&model_, &AppModel::fileBusyChanged, this, &ScanView::showPhase);
     connect(&model_, &AppModel::progressChanged, this, &ScanView::showProgress);
     connect(&model_, &AppModel::resultChanged, this, &ScanView::showResult);
     connect(&model_, &AppModel::selectionChanged, this, [this] { groups_.setSelection(model_.selection()); });
@@ -404,7 +405,8 @@ void ScanView::showPhase() {
     const auto phase = model_.phase();
     const bool idle = phase == AppModel::Phase::idle;
     scan_->setVisible(idle);
-    scan_->setEnabled(idle && !model_.sources().empty());
+    // A scan started while a saved one is being opened would be overwritten by it.
+    scan_->setEnabled(idle && !model_.fileBusy() && !model_.sources().empty());
     scan_->setToolTip(model_.sources().empty() ? tr("Add a folder first") : tr("Look for identical files (F5)"));
     cancel_->setVisible(!idle);
     progress_->setVisible(!idle);
@@ -505,14 +507,16 @@ void ScanView::showTotal() {
     // figures are not yet those of the result.
     const bool ready = result && groups_.figuresCurrent();
     const int64_t bytes = ready ? groups_.reclaimableBytes() : 0;
-    if (!result) {
+    if (model_.fileBusy()) {
+        total_->setText(tr("Working on the file…"));
+    } else if (!result) {
         total_->setText(model_.phase() == AppModel::Phase::scanning ? tr("Scanning…") : tr("Nothing scanned yet"));
     } else if (!ready) {
         total_->setText(groups_.groupCount() == 0 && !result->groups.empty() ? tr("Preparing the list…") : tr("Counting…"));
     } else {
         total_->setText(tr("%1 to reclaim").arg(bytesText(bytes)));
     }
-    reclaim_->setEnabled(idle && bytes > 0);
+    reclaim_->setEnabled(idle && !model_.fileBusy() && bytes > 0);
     keepEvery_->setEnabled(idle && ready && !result->groups.empty());
 }
 

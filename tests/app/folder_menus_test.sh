@@ -62,7 +62,8 @@ for script in "Find Identical Files" "Reclaim Identical Files" "What Deleting a 
 done
 
 # Nothing chosen: the answer asks for a folder.
-output=$(cd "$work" && "$menus/nautilus/Find Identical Files" 2>&1) || true
+# (Only the answer's line: Qt 6.4's bus thread sometimes warns about its own types as it ends.)
+output=$(cd "$work" && "$menus/nautilus/Find Identical Files" 2>&1 | head -n 1) || true
 [ "$output" = "Choose a folder." ] || { echo "FAIL: without a folder: \"$output\""; failures=$((failures + 1)); }
 
 [ "$failures" -eq 0 ] && echo "folder menus: every action ran on the folder chosen"

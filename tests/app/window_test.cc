@@ -1,6 +1,7 @@
 // The window driven as a user drives it: folders dropped in, Scan clicked, a copy unticked with the
 // keyboard, another copy chosen to keep, Reclaim confirmed, on a real loop-mounted Btrfs volume.
 // What the window shows is checked against what happened to the files.
+#include <QAction>
 #include <QApplication>
 #include <QDir>
 #include <QLabel>
@@ -18,6 +19,7 @@
 #include "automatic_view.h"
 #include "main_window.h"
 #include "reclaim_summary_dialog.h"
+#include "report_export.h"
 #include "scan_view.h"
 #include "support/loop_volume.h"
 #include "support/test_files.h"
@@ -64,7 +66,132 @@ class WindowTest : public QObject {
     Q_OBJECT
 private slots:
     void scanChooseAndReclaimThroughTheButtonsOnBtrfs();
+    void savedScanOpensAndExportsThroughTheFileMenuAndFailuresKeepTheResult();
 };
+
+namespace {
+
+ScanResult savedResult(int groups) {
+    ScanResult result;
+    for (int g = 0; g < groups; ++g) {
+        DuplicateGroup group;
+        group.digest = "d" + std::to_string(g);
+        for (int f = 0; f < 3; ++f) {
+            ScannedFile file;
+            file.path = "/home/ana/Pictures/" + std::to_string(g) + "/IMG_" + std::to_string(f) + ".jpg";
+            file.status.size = 1000 * (groups - g);
+            file.status.inode = static_cast<uint64_t>(g * 3 + f + 1);
+            file.status.device = 1;
+            group.files.push_back(file);
+        }
+        group.reclaimableBytes = 2000 * (groups - g);
+        result.groups.push_back(group);
+    }
+    result.filesSeen = groups * 3;
+    return result;
+}
+
+// Triggers a File menu action and waits for the model's answer, checking on the way that the
+// window offers no second file task while this one runs.
+QList<QVariant> runFromMenu(MainWindow& window, AppModel& model, const char* action, bool opening) {
+    auto* item = window.findChild<QAction*>(action);
+    if (!item || !item->isEnabled()) return {};
+    QSignalSpy answered(&model, opening ? &AppModel::scanLoaded : &AppModel::exported);
+    item->trigger();
+    if (answered.isEmpty()) {
+        // The work is on a worker; its answer comes back through the event loop, so until then the
+        // window is busy and offers neither Open, Save nor Export.
+        if (!model.fileBusy() || window.findChild<QAction*>("openScan")->isEnabled() ||
+            window.findChild<QAction*>("exportTable")->isEnabled() || window.findChild<QAction*>("saveScan")->isEnabled()) {
+            return {};
+        }
+        if (!answered.wait(60000)) return {};
+    }
+    if (model.fileBusy()) return {};
+    return answered.takeFirst();
+}
+
+}  // namespace
+
+void WindowTest::savedScanOpensAndExportsThroughTheFileMenuAndFailuresKeepTheResult() {
+    test::TempDir dir;
+    const ScanResult saved = savedResult(4);
+    test::writeFile(dir.path("saved.json"), Report::json(saved));
+    const std::string text = Report::json(savedResult(2));
+    test::writeFile(dir.path("damaged.json"), text.substr(0, text.size() / 2));  // cut short, as by a full disk
+    test::writeFile(dir.path("a file"), "x");
+
+    AppModel model(placesIn(dir.path()));
+    MainWindow window(model);
+    QString answer;
+    MainWindow::FileQuestion asked{};
+    window.setFileChooser([&](MainWindow::FileQuestion question) {
+        asked = question;
+        return answer;
+    });
+    window.show();
+    QVERIFY(window.findChild<QAction*>("openScan")->isEnabled());
+    QVERIFY(!window.findChild<QAction*>("exportTable")->isEnabled());  // nothing to export yet
+    QVERIFY(!window.findChild<QAction*>("saveScan")->isEnabled());
+
+    // Opened through the menu: the result is the one saved, and a second open asked meanwhile is
+    // refused without touching it.
+    answer = QString::fromStdString(dir.path("saved.json"));
+    {
+        QSignalSpy loaded(&model, &AppModel::scanLoaded);
+        window.findChild<QAction*>("openScan")->trigger();
+        QVERIFY(model.fileBusy());
+        model.loadScan(QString::fromStdString(dir.path("damaged.json")));
+        QCOMPARE(loaded.size(), 1);
+        QCOMPARE(loaded.first().at(0).toBool(), false);
+        QVERIFY(loaded.first().at(1).toString().contains("Try again"));
+        QVERIFY(loaded.wait(60000));
+        QCOMPARE(loaded.size(), 2);
+        QCOMPARE(loaded.at(1).at(0).toBool(), true);
+    }
+    QCOMPARE(asked, MainWindow::FileQuestion::openScan);
+    QVERIFY(model.hasResult());
+    QCOMPARE(*model.result(), saved);
+    QVERIFY(window.findChild<QAction*>("exportTable")->isEnabled());
+
+    // The table and the scan saved through the menu hold what the model holds.
+    answer = QString::fromStdString(dir.path("copies.csv"));
+    auto outcome = runFromMenu(window, model, "exportTable", false);
+    QCOMPARE(outcome.value(0).toBool(), true);
+    QCOMPARE(asked, MainWindow::FileQuestion::exportTable);
+    QCOMPARE(test::readFile(dir.path("copies.csv")), Report::csv(saved.groups, model.selection()));
+    answer = QString::fromStdString(dir.path("again.json"));
+    outcome = runFromMenu(window, model, "saveScan", false);
+    QCOMPARE(outcome.value(0).toBool(), true);
+    QCOMPARE(Report::load(test::readFile(dir.path("again.json"))), saved);
+
+    // A damaged saved scan and one that is not there say so, and the result on screen stays.
+    answer = QString::fromStdString(dir.path("damaged.json"));
+    outcome = runFromMenu(window, model, "openScan", true);
+    QCOMPARE(outcome.value(0).toBool(), false);
+    QVERIFY2(outcome.value(1).toString().contains("damaged.json is not a saved scan"), qPrintable(outcome.value(1).toString()));
+    QCOMPARE(model.error(), outcome.value(1).toString());
+    answer = QString::fromStdString(dir.path("gone.json"));
+    outcome = runFromMenu(window, model, "openScan", true);
+    QCOMPARE(outcome.value(0).toBool(), false);
+    QVERIFY2(outcome.value(1).toString().contains("gone.json cannot be opened"), qPrintable(outcome.value(1).toString()));
+    QVERIFY(model.hasResult());
+    QCOMPARE(*model.result(), saved);
+
+    // An export into a folder that is missing, or into a file taken for a folder, names the folder.
+    answer = QString::fromStdString(dir.path("missing/copies.csv"));
+    outcome = runFromMenu(window, model, "exportTable", false);
+    QCOMPARE(outcome.value(0).toBool(), false);
+    QVERIFY2(outcome.value(1).toString().contains("the folder " + QString::fromStdString(dir.path("missing")) + " does not exist"),
+             qPrintable(outcome.value(1).toString()));
+    answer = QString::fromStdString(dir.path("a file/copies.csv"));
+    outcome = runFromMenu(window, model, "exportTable", false);
+    QCOMPARE(outcome.value(0).toBool(), false);
+    QVERIFY2(outcome.value(1).toString().contains("is not a folder"), qPrintable(outcome.value(1).toString()));
+    QCOMPARE(test::readFile(dir.path("a file")), std::string("x"));
+    QVERIFY(window.findChild<QAction*>("openScan")->isEnabled());
+    AppModel::waitForTasks();
+}
 
 void WindowTest::scanChooseAndReclaimThroughTheButtonsOnBtrfs() {
     if (auto why = LoopVolume::unavailableReason(LoopVolume::Kind::btrfs); !why.empty()) QSKIP(why.c_str());
