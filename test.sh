@@ -4,4 +4,6 @@ set -euo pipefail
 cd "$(dirname "$0")"
 [ -d build ] || { echo "build/ is missing: run ./setup.sh first" >&2; exit 1; }
 cmake --build build
-ctest --test-dir build --output-on-failure "$@"
+# A test that hangs (a lost wake-up, a mount that never lets go) fails after ten minutes instead of
+# stalling the run.
+ctest --test-dir build --output-on-failure --timeout 600 "$@"
