@@ -53,6 +53,18 @@ void writeCopies(const std::string& folder, uint64_t seed) {
     test::writeRandomFile(folder + "/other.bin", 300000, seed + 1);
 }
 
+// A replacement cut short by a crash, as the journal knows it: the copy was swapped away and only
+// its temporary name is left. Answers the temporary's path.
+std::string leaveInterruptedReplacement(const test::TempDir& dir, const std::string& target) {
+    const std::string temporary = dir.path("folder/.photo.jpg.dedup-" + dedup::makeUUID());
+    test::writeFile(temporary, "the user's photo");
+    dedup::Journal journal(dir.path("data/journal.jsonl"));
+    auto started = dedup::JournalEntry::make(dedup::JournalEntry::Event::started, target);
+    started.temporary = temporary;
+    journal.append(started);
+    return temporary;
+}
+
 bool waitUntilIdle(AppModel& model) {
     return QTest::qWaitFor([&] { return model.phase() == AppModel::Phase::idle; }, workTimeout);
 }
@@ -148,16 +160,8 @@ private slots:
 
     void startUpRecoversInterruptedReplacementsBeforeAutomaticModeStarts() {
         test::TempDir dir;
-        // A replacement cut by a crash: the copy was swapped away and only its temporary name is left.
         const std::string target = dir.path("folder/photo.jpg");
-        const std::string temporary = dir.path("folder/.photo.jpg.dedup-" + dedup::makeUUID());
-        test::writeFile(temporary, "the user's photo");
-        {
-            dedup::Journal journal(dir.path("data/journal.jsonl"));
-            auto started = dedup::JournalEntry::make(dedup::JournalEntry::Event::started, target);
-            started.temporary = temporary;
-            journal.append(started);
-        }
+        const std::string temporary = leaveInterruptedReplacement(dir, target);
         {
             QSettings settings(placesIn(dir).settingsFile, QSettings::IniFormat);
             settings.setValue("automatic", true);
@@ -178,14 +182,7 @@ private slots:
     void replacementsUnderWayInAnotherReclaimerAreNotTakenForInterrupted() {
         test::TempDir dir;
         const std::string target = dir.path("folder/photo.jpg");
-        const std::string temporary = dir.path("folder/.photo.jpg.dedup-" + dedup::makeUUID());
-        test::writeFile(temporary, "the user's photo");
-        {
-            dedup::Journal journal(dir.path("data/journal.jsonl"));
-            auto started = dedup::JournalEntry::make(dedup::JournalEntry::Event::started, target);
-            started.temporary = temporary;
-            journal.append(started);
-        }
+        const std::string temporary = leaveInterruptedReplacement(dir, target);
         // "dedup auto" runs and may be in the middle of this very replacement.
         auto other = dedup::AutoLock::acquire(dir.path("data"), "dedup auto");
         QVERIFY(std::holds_alternative<dedup::AutoLock>(other));

@@ -19,6 +19,37 @@ bool holds(const std::variant<AutoLock, AutoLock::Holder>& answer) {
     return std::holds_alternative<AutoLock>(answer);
 }
 
+// Another process taking the lock as `dedup auto` and keeping it until it is killed. `answer` is
+// what it said once it tried: 'y' it holds the lock, 'n' it was refused, 'x' taking it failed.
+struct ForkedHolder {
+    pid_t pid = -1;
+    char answer = 0;
+};
+
+ForkedHolder forkHolder(const std::string& folder, void (*prepare)() = nullptr) {
+    int ready[2];
+    if (::pipe(ready) != 0) return {};
+    const pid_t child = ::fork();
+    if (child == 0) {
+        if (prepare) prepare();
+        char byte = 'x';
+        try {
+            auto lock = AutoLock::acquire(folder, "dedup auto");
+            byte = holds(lock) ? 'y' : 'n';
+            if (::write(ready[1], &byte, 1) != 1) ::_exit(1);
+            for (;;) ::pause();
+        } catch (...) {
+        }
+        if (::write(ready[1], &byte, 1) != 1) ::_exit(1);
+        ::_exit(0);
+    }
+    ::close(ready[1]);
+    ForkedHolder holder{child, 0};
+    if (::read(ready[0], &holder.answer, 1) != 1) holder.answer = 0;
+    ::close(ready[0]);
+    return holder;
+}
+
 TEST(AutoLockTest, SecondTakerLearnsWhoHoldsItUntilTheHolderLetsGo) {
     test::TempDir data;
     const std::string folder = data.path("not yet made");
@@ -45,66 +76,34 @@ TEST(AutoLockTest, SecondTakerLearnsWhoHoldsItUntilTheHolderLetsGo) {
 
 TEST(AutoLockTest, KernelLetsGoWhenTheHolderIsKilled) {
     test::TempDir data;
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        auto lock = AutoLock::acquire(data.path(), "dedup auto");
-        char byte = holds(lock) ? 'y' : 'n';
-        if (::write(ready[1], &byte, 1) != 1) ::_exit(1);
-        for (;;) ::pause();
-    }
-    ::close(ready[1]);
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
-    ASSERT_EQ(byte, 'y');
+    const ForkedHolder child = forkHolder(data.path());
+    ASSERT_GT(child.pid, 0);
+    ASSERT_EQ(child.answer, 'y');
 
     auto refused = AutoLock::acquire(data.path(), "the desktop application");
     ASSERT_FALSE(holds(refused));
-    EXPECT_EQ(std::get<AutoLock::Holder>(refused).pid, child);
+    EXPECT_EQ(std::get<AutoLock::Holder>(refused).pid, child.pid);
     EXPECT_EQ(std::get<AutoLock::Holder>(refused).program, "dedup auto");
 
-    ::kill(child, SIGKILL);  // no destructor runs: only the kernel can let go
-    int status = 0;
-    ::waitpid(child, &status, 0);
+    ::kill(child.pid, SIGKILL);  // no destructor runs: only the kernel can let go
+    ::waitpid(child.pid, nullptr, 0);
     EXPECT_TRUE(holds(AutoLock::acquire(data.path(), "the desktop application")));
 }
 
 TEST(AutoLockTest, HolderThatCannotWriteItsNameStillHoldsIt) {
     // A full disk is when reclaiming is wanted most. A file size limit makes every write fail as
-    // a full disk would, in a child, so the test's own files are not hit.
+    // a full disk would, in the child only, so the test's own files are not hit.
     test::TempDir data;
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    const ForkedHolder child = forkHolder(data.path(), [] {
         ::signal(SIGXFSZ, SIG_IGN);
         struct rlimit none = {0, 0};
         ::setrlimit(RLIMIT_FSIZE, &none);
-        char byte = 'n';
-        try {
-            auto lock = AutoLock::acquire(data.path(), "dedup auto");
-            byte = holds(lock) ? 'y' : 'n';
-            if (::write(ready[1], &byte, 1) != 1) ::_exit(1);
-            for (;;) ::pause();
-        } catch (...) {
-            byte = 'x';
-        }
-        if (::write(ready[1], &byte, 1) != 1) ::_exit(1);
-        ::_exit(0);
-    }
-    ::close(ready[1]);
-    char byte = 0;
-    EXPECT_EQ(::read(ready[0], &byte, 1), 1);
-    ::close(ready[0]);
-    EXPECT_EQ(byte, 'y');
-    auto refused = AutoLock::acquire(data.path(), "the desktop application");
-    EXPECT_FALSE(holds(refused));
-    ::kill(child, SIGKILL);
-    ::waitpid(child, nullptr, 0);
+    });
+    ASSERT_GT(child.pid, 0);
+    EXPECT_EQ(child.answer, 'y');
+    EXPECT_FALSE(holds(AutoLock::acquire(data.path(), "the desktop application")));
+    ::kill(child.pid, SIGKILL);
+    ::waitpid(child.pid, nullptr, 0);
 }
 
 TEST(AutoLockTest, LinkPlantedAsTheLockFileIsRefusedAndItsTargetLeftAlone) {
