@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "across_grouping.h"
 #include "folder_prefetch.h"
 #include "hasher.h"
 #include "path_names.h"
@@ -266,57 +267,48 @@ private:
         for (const auto& folder : folders_) {
             if (folder.complete) volumesByShape[folder.shape].insert(folder.volume);
         }
+        inTree_.assign(files_.size(), false);
         for (auto& folder : folders_) {
             folder.candidate = folder.complete && volumesByShape[folder.shape].size() >= 2;
             if (!folder.candidate) continue;
             for (const auto& entry : folder.entries) {
-                if (entry.kind == TreeItem::Kind::file) inTree_.insert(entry.index);
+                if (entry.kind == TreeItem::Kind::file) inTree_[entry.index] = true;
             }
         }
     }
 
     // Files worth a group (large enough), and every file of a candidate tree whatever its size,
-    // go through the finder's own grouping, read across volumes.
+    // are grouped by content; only sets on two or more volumes come back.
     void groupFiles() {
         int64_t smallest = std::max<int64_t>(1, options_.minimumSize);
-        std::vector<ScannedFile> input;
-        std::vector<uint32_t> indexOf;
+        std::vector<uint32_t> wanted;
         for (uint32_t i = 0; i < files_.size(); ++i) {
-            if (files_[i].status.size >= smallest || inTree_.contains(i)) {
-                input.push_back(files_[i]);
-                indexOf.push_back(i);
-            }
+            if (files_[i].status.size >= smallest || (!inTree_.empty() && inTree_[i])) wanted.push_back(i);
         }
-        std::unordered_map<std::string, uint32_t> byPath;
-        for (size_t k = 0; k < input.size(); ++k) byPath.emplace(input[k].path, indexOf[k]);
-        DuplicateFinder finder;
-        finder.cache = options_.cache;
-        finder.threads = options_.threads;
-        auto grouping = finder.groups(input, true, progress_, [this] { return cancelled(); });
-        bytesRead_ = grouping.bytesRead;
-        digests_.assign(files_.size(), std::string());
-        for (auto& group : grouping.groups) {
-            for (auto& file : group.files) {
-                uint32_t i = byPath.at(file.path);
-                digests_[i] = group.digest;
-                files_[i].clones = file.clones;
+        inTree_ = {};
+        AcrossReading reading{options_.cache, options_.threads};
+        AcrossSets found = groupAcross(files_, fileVolumes_, wanted, reading, progress_, [this] { return cancelled(); });
+        bytesRead_ = found.bytesRead;
+        setOf_.assign(files_.size(), none);
+        for (auto& set : found.sets) {
+            auto index = static_cast<uint32_t>(setDigests_.size());
+            for (uint32_t i : set.members) setOf_[i] = index;
+            setDigests_.push_back(std::move(set.digest));
+            if (files_[set.members.front()].status.size < smallest) continue;
+            FileGroup group{index, std::move(set.members), 0};
+            std::sort(group.members.begin(), group.members.end(),
+                      [&](uint32_t a, uint32_t b) { return files_[a].path < files_[b].path; });
+            for (uint32_t i : group.members) {
+                group.freedBytes = std::max(group.freedBytes, AcrossVolumes::freedByRemoving(files_[i]));
             }
-            std::set<uint32_t> volumes;
-            for (const auto& file : group.files) volumes.insert(fileVolumes_[byPath.at(file.path)]);
-            if (volumes.size() < 2 || group.files.front().status.size < smallest) continue;
-            AcrossFileGroup across;
-            across.digest = group.digest;
-            across.size = group.files.front().status.size;
-            std::vector<uint32_t> members;
-            for (const auto& file : group.files) members.push_back(byPath.at(file.path));
-            std::sort(members.begin(), members.end(), [&](uint32_t a, uint32_t b) { return files_[a].path < files_[b].path; });
-            for (uint32_t i : members) {
-                across.files.push_back(files_[i]);
-                across.volumes.push_back(volumeNames_[fileVolumes_[i]]);
-                across.freedBytes = std::max(across.freedBytes, AcrossVolumes::freedByRemoving(files_[i]));
-            }
-            fileGroups_.push_back(std::move(across));
+            fileGroups_.push_back(std::move(group));
         }
+    }
+
+    // The content digest of a file, empty when no copy of it lies on another volume.
+    const std::string& digestOf(uint32_t file) const {
+        static const std::string none_;
+        return setOf_.empty() || setOf_[file] == none ? none_ : setDigests_[setOf_[file]];
     }
 
     // Tree digests of the candidate folders, bottom-up; a file no other file matched gets no
@@ -331,7 +323,7 @@ private:
             for (const auto& entry : folder.entries) {
                 TreeItem item{entry.kind, entry.name, {}};
                 if (entry.kind == TreeItem::Kind::file) {
-                    item.payload = digests_[entry.index];
+                    item.payload = digestOf(entry.index);
                     if (item.payload.empty()) matchable = false;
                     const ScannedFile& file = files_[entry.index];
                     if (ownFiles.insert(entry.index).second) {
@@ -402,9 +394,9 @@ private:
             }
             return false;
         };
-        std::erase_if(fileGroups_, [&](const AcrossFileGroup& group) {
-            return std::all_of(group.files.begin(), group.files.end(),
-                               [&](const ScannedFile& f) { return insideReported(f.path); });
+        std::erase_if(fileGroups_, [&](const FileGroup& group) {
+            return std::all_of(group.members.begin(), group.members.end(),
+                               [&](uint32_t i) { return insideReported(files_[i].path); });
         });
     }
 
@@ -421,7 +413,7 @@ private:
         const ScannedFile& x = files_[a];
         const ScannedFile& y = files_[b];
         if (x.status.size != y.status.size) return false;
-        if (!digests_[a].empty() && !digests_[b].empty()) return digests_[a] == digests_[b];
+        if (!digestOf(a).empty() && !digestOf(b).empty()) return digestOf(a) == digestOf(b);
         // Too small to have been read for the groups: compared here, byte for byte.
         try {
             return sameContent(x.path, y.path);
@@ -505,14 +497,26 @@ private:
             return byFreed(a, b, a.folders.front(), b.folders.front());
         });
         std::stable_sort(fileGroups_.begin(), fileGroups_.end(), [&](const auto& a, const auto& b) {
-            return byFreed(a, b, a.files.front().path, b.files.front().path);
+            return byFreed(a, b, files_[a.members.front()].path, files_[b.members.front()].path);
         });
         std::stable_sort(nearGroups_.begin(), nearGroups_.end(), [](const auto& a, const auto& b) {
             return a.sameBytes != b.sameBytes ? a.sameBytes > b.sameBytes : a.folders < b.folders;
         });
         result.trees = std::move(treeGroups_);
         result.nearlyIdentical = std::move(nearGroups_);
-        result.files = std::move(fileGroups_);
+        // The files go into the groups rather than being copied: nothing needs them after this.
+        result.files.reserve(fileGroups_.size());
+        for (auto& group : fileGroups_) {
+            AcrossFileGroup& out = result.files.emplace_back();
+            out.digest = setDigests_[group.set];
+            out.size = files_[group.members.front()].status.size;
+            out.freedBytes = group.freedBytes;
+            out.files.reserve(group.members.size());
+            for (uint32_t i : group.members) {
+                out.files.push_back(std::move(files_[i]));
+                out.volumes.push_back(volumeNames_[fileVolumes_[i]]);
+            }
+        }
         result.filesSeen = static_cast<int64_t>(files_.size());
         result.bytesRead = bytesRead_;
         result.unreadableFolders = std::move(unreadable_);
@@ -528,13 +532,22 @@ private:
     std::atomic<bool> cancelled_{false};
     std::vector<ScannedFile> files_;
     std::vector<uint32_t> fileVolumes_;
-    std::vector<std::string> digests_;
+    // Per file: its set of identical files on other volumes (`none`: no such copy), whose digest
+    // is in setDigests_.
+    std::vector<uint32_t> setOf_;
+    std::vector<std::string> setDigests_;
     std::vector<Folder> folders_;
-    std::set<uint32_t> inTree_;
+    std::vector<bool> inTree_;  // per file: inside a folder whose shape has a twin on another volume
     std::unordered_map<uint64_t, uint32_t> deviceVolumes_;
     std::vector<std::string> volumeNames_;
     std::vector<std::string> unreadable_;
-    std::vector<AcrossFileGroup> fileGroups_;
+    // A set of identical files worth reporting, by index into files_, in path order.
+    struct FileGroup {
+        uint32_t set;
+        std::vector<uint32_t> members;
+        int64_t freedBytes;
+    };
+    std::vector<FileGroup> fileGroups_;
     std::vector<AcrossTreeGroup> treeGroups_;
     std::vector<AcrossNearGroup> nearGroups_;
     std::vector<char> identical_;  // per folder: identical to a folder on another volume

@@ -1,0 +1,273 @@
+#include "across_grouping.h"
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <thread>
+
+#include "hash_cache.h"
+#include "hasher.h"
+#include "locked.h"
+#include "parallel.h"
+
+namespace dedup {
+
+namespace {
+
+// How far ahead of the reading a disk is asked for a file's bytes: a spinning disk gets long
+// stretches of one file before its head moves to the copy on the other disk.
+constexpr int64_t solidReadAhead = int64_t{4} << 20;
+constexpr int64_t spinningReadAhead = int64_t{16} << 20;
+
+// A file still in the running, with the digest read so far (empty: none yet, or unreadable).
+struct Candidate {
+    uint32_t file;
+    std::string digest;
+};
+
+class Grouping {
+public:
+    Grouping(std::vector<ScannedFile>& files, const std::vector<uint32_t>& volumes, const AcrossReading& options,
+             const ProgressCallback& progress, const CancelCallback& isCancelled)
+        : files_(files), volumes_(volumes), options_(options), progress_(progress), isCancelled_(isCancelled) {}
+
+    AcrossSets run(const std::vector<uint32_t>& wanted) {
+        std::vector<Candidate> candidates = metOnAnotherVolume(wanted);
+        digestPrefixes(candidates);
+        AcrossSets result;
+        std::vector<std::vector<Candidate>> whole;
+        for (auto& run : spanningRuns(candidates)) {
+            // Up to 64 KiB the prefix digest is the digest of the whole file.
+            if (files_[run.front().file].status.size <= ContentHash::partialLimit) {
+                result.sets.push_back(setOf(run));
+            } else {
+                whole.push_back(std::move(run));
+            }
+        }
+        digestWholeFiles(whole);
+        for (auto& part : whole) {
+            for (auto& run : spanningRuns(part)) result.sets.push_back(setOf(run));
+        }
+        readCloneFacts(result.sets);
+        result.bytesRead = bytesRead_.get();
+        return result;
+    }
+
+private:
+    bool cancelled() {
+        if (!cancelled_ && isCancelled_ && isCancelled_()) cancelled_ = true;
+        return cancelled_.load();
+    }
+
+    const ScannedFile& file(const Candidate& c) const { return files_[c.file]; }
+
+    bool spins(uint32_t volume, const std::string& path) {
+        auto [it, isNew] = spinning_.try_emplace(volume, false);
+        if (isNew) it->second = StorageKind::isRotational(path);
+        return it->second;
+    }
+
+    // Called for every file read, from the readers; one in so many is reported.
+    void reading(const std::string& path) {
+        if (progress_ && readingCount_++ % filesPerReport == 0) {
+            progress_(ScanProgress{ScanProgress::Phase::hashing, static_cast<int64_t>(files_.size()), bytesRead_.get(), path});
+        }
+    }
+
+    // Files whose size some file on another volume has too: no other file can be a copy across disks.
+    std::vector<Candidate> metOnAnotherVolume(const std::vector<uint32_t>& wanted) const {
+        std::vector<uint32_t> order(wanted);
+        auto sizeOf = [&](uint32_t i) { return files_[i].status.size; };
+        std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+            return sizeOf(a) != sizeOf(b) ? sizeOf(a) < sizeOf(b) : volumes_[a] < volumes_[b];
+        });
+        std::vector<Candidate> result;
+        for (size_t start = 0, end = 0; start < order.size(); start = end) {
+            while (end < order.size() && sizeOf(order[end]) == sizeOf(order[start])) ++end;
+            // Sorted by volume within a size: two volumes when the first and the last differ.
+            if (volumes_[order[start]] == volumes_[order[end - 1]]) continue;
+            for (size_t k = start; k < end; ++k) result.push_back({order[k], {}});
+        }
+        return result;
+    }
+
+    // The candidates of each volume, by their index in `candidates`.
+    std::map<uint32_t, std::vector<size_t>> byVolume(const std::vector<Candidate>& candidates) const {
+        std::map<uint32_t, std::vector<size_t>> result;
+        for (size_t k = 0; k < candidates.size(); ++k) result[volumes_[candidates[k].file]].push_back(k);
+        return result;
+    }
+
+    // The prefix digest of every candidate: each volume by a reader of its own, all volumes at once,
+    // in inode order (which follows the layout on disk closely enough to spare a cold disk seeks).
+    void digestPrefixes(std::vector<Candidate>& candidates) {
+        auto disks = byVolume(candidates);
+        std::vector<std::pair<std::vector<size_t>*, bool>> work;
+        for (auto& [volume, positions] : disks) {
+            work.emplace_back(&positions, spins(volume, file(candidates[positions.front()]).path));
+        }
+        std::vector<std::jthread> readers;
+        for (auto [positions, spinning] : work) {
+            readers.emplace_back([this, &candidates, positions, spinning] {
+                std::stable_sort(positions->begin(), positions->end(), [&](size_t a, size_t b) {
+                    return file(candidates[a]).status.inode < file(candidates[b]).status.inode;
+                });
+                std::vector<const ScannedFile*> list;
+                list.reserve(positions->size());
+                for (size_t k : *positions) list.push_back(&file(candidates[k]));
+                auto digests = Hasher::digests(list, ContentHash::partialLimit, spinning, options_.cache, bytesRead_,
+                                               [this](const std::string& p) { reading(p); },
+                                               [this] { return cancelled(); }, options_.threads);
+                // Each reader writes the entries of its own volume only.
+                for (size_t k = 0; k < list.size(); ++k) {
+                    if (digests[k]) candidates[(*positions)[k]].digest = std::move(*digests[k]);
+                }
+            });
+        }
+    }
+
+    // The whole-file digests of the candidates of each part (files of one size whose prefixes
+    // agree), read side by side: the copies on both disks are read at once. As many parts at a time
+    // as all their disks together bear.
+    void digestWholeFiles(std::vector<std::vector<Candidate>>& parts) {
+        if (parts.empty() || cancelled()) return;
+        size_t workers = 0;
+        std::map<uint32_t, bool> involved;
+        for (const auto& part : parts) {
+            for (const auto& c : part) involved.try_emplace(volumes_[c.file], spinning_.at(volumes_[c.file]));
+        }
+        for (auto [volume, spinning] : involved) workers += workersFor(options_.threads, spinning);
+        auto weight = [&](const std::vector<Candidate>& part) { return file(part.front()).status.size * std::ssize(part); };
+        // The largest first, so that no long read is left for last while the other readers stand idle.
+        std::stable_sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return weight(a) > weight(b); });
+        parallelFor(parts.size(), workers, [&](size_t p) {
+            if (cancelled()) return;
+            auto& part = parts[p];
+            std::vector<const ScannedFile*> list;
+            bool anySpins = false;
+            for (auto& c : part) {
+                c.digest.clear();  // the prefix says nothing of the rest of the file
+                list.push_back(&file(c));
+                anySpins = anySpins || spinning_.at(volumes_[c.file]);
+            }
+            auto digests = Hasher::digestsSideBySide(list, options_.cache, bytesRead_,
+                                                     [this](const std::string& path) { reading(path); },
+                                                     [this] { return cancelled(); },
+                                                     anySpins ? spinningReadAhead : solidReadAhead);
+            for (size_t k = 0; k < part.size(); ++k) {
+                if (digests[k]) part[k].digest = std::move(*digests[k]);
+            }
+        });
+    }
+
+    // Runs of candidates of one size and one digest that lie on two or more volumes; a candidate
+    // without a digest (unreadable, or not read before a cancellation) matches nothing.
+    std::vector<std::vector<Candidate>> spanningRuns(std::vector<Candidate>& candidates) const {
+        std::erase_if(candidates, [](const Candidate& c) { return c.digest.empty(); });
+        auto sizeOf = [&](const Candidate& c) { return file(c).status.size; };
+        std::sort(candidates.begin(), candidates.end(), [&](const Candidate& a, const Candidate& b) {
+            if (sizeOf(a) != sizeOf(b)) return sizeOf(a) < sizeOf(b);
+            if (a.digest != b.digest) return a.digest < b.digest;
+            return a.file < b.file;
+        });
+        std::vector<std::vector<Candidate>> runs;
+        for (size_t start = 0, end = 0; start < candidates.size(); start = end) {
+            while (end < candidates.size() && sizeOf(candidates[end]) == sizeOf(candidates[start]) &&
+                   candidates[end].digest == candidates[start].digest) {
+                ++end;
+            }
+            uint32_t volume = volumes_[candidates[start].file];
+            bool spans = std::any_of(candidates.begin() + static_cast<ptrdiff_t>(start),
+                                     candidates.begin() + static_cast<ptrdiff_t>(end),
+                                     [&](const Candidate& c) { return volumes_[c.file] != volume; });
+            if (!spans) continue;
+            runs.emplace_back(std::make_move_iterator(candidates.begin() + static_cast<ptrdiff_t>(start)),
+                              std::make_move_iterator(candidates.begin() + static_cast<ptrdiff_t>(end)));
+        }
+        candidates.clear();
+        return runs;
+    }
+
+    static AcrossSet setOf(std::vector<Candidate>& run) {
+        AcrossSet set{std::move(run.front().digest), {}};
+        set.members.reserve(run.size());
+        for (const auto& c : run) set.members.push_back(c.file);
+        return set;
+    }
+
+    // The extent facts of the members, for what removing a copy frees: from the cache where it
+    // kept them for this version of the file, else read, each volume by readers of its own. A file
+    // with other names frees nothing whatever its blocks, so its map is not read.
+    void readCloneFacts(const std::vector<AcrossSet>& sets) {
+        std::vector<Candidate> missing;
+        for (const auto& set : sets) {
+            for (uint32_t i : set.members) {
+                if (!files_[i].clones && files_[i].status.links == 1) missing.push_back({i, {}});
+            }
+        }
+        if (missing.empty() || cancelled()) return;
+        HashCache* cache = options_.cache;
+        // Taken before any map is read: a reclaim sharing blocks meanwhile moves the stamp, and
+        // what is read now is kept under the old one, so it is read again next time.
+        const int64_t stamp = cache ? cache->replacementStamp() : 0;
+        if (cache) {
+            std::vector<const ScannedFile*> asked;
+            asked.reserve(missing.size());
+            for (const auto& c : missing) asked.push_back(&file(c));
+            auto known = cache->blocks(asked, stamp);
+            std::vector<Candidate> unknown;
+            for (size_t k = 0; k < missing.size(); ++k) {
+                if (known[k]) {
+                    files_[missing[k].file].clones = std::move(known[k]->clones);
+                } else {
+                    unknown.push_back(std::move(missing[k]));
+                }
+            }
+            missing = std::move(unknown);
+        }
+        std::vector<char> read(missing.size(), 0);
+        {
+            std::vector<std::jthread> readers;
+            for (auto& [volume, positions] : byVolume(missing)) {
+                size_t workers = workersFor(options_.threads, spinning_.at(volume));
+                readers.emplace_back([this, &missing, &read, positions, workers] {
+                    parallelFor(positions.size(), workers, [&](size_t k) {
+                        if (cancelled()) return;
+                        size_t at = positions[k];
+                        try {
+                            files_[missing[at].file].clones = CloneInfo::read(file(missing[at]).path);
+                            read[at] = 1;
+                        } catch (const std::exception&) {
+                            // Unknown sharing: the copy counts its whole size.
+                        }
+                    });
+                });
+            }
+        }
+        if (!cache) return;
+        for (size_t k = 0; k < missing.size(); ++k) {
+            if (read[k]) cache->storeBlocks(file(missing[k]), HashCache::Blocks{files_[missing[k].file].clones}, stamp);
+        }
+    }
+
+    std::vector<ScannedFile>& files_;
+    const std::vector<uint32_t>& volumes_;
+    const AcrossReading& options_;
+    const ProgressCallback& progress_;
+    const CancelCallback& isCancelled_;
+    std::atomic<bool> cancelled_{false};
+    std::map<uint32_t, bool> spinning_;  // by volume; filled before any reader starts
+    Locked<int64_t> bytesRead_{0};
+    static constexpr uint32_t filesPerReport = 16;
+    std::atomic<uint32_t> readingCount_{0};
+};
+
+}  // namespace
+
+AcrossSets groupAcross(std::vector<ScannedFile>& files, const std::vector<uint32_t>& volumes,
+                       const std::vector<uint32_t>& wanted, const AcrossReading& reading,
+                       const ProgressCallback& progress, const CancelCallback& isCancelled) {
+    return Grouping(files, volumes, reading, progress, isCancelled).run(wanted);
+}
+
+}  // namespace dedup
