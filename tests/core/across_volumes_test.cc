@@ -2,11 +2,14 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <map>
+#include <set>
 
 #include <nlohmann/json.hpp>
 
 #include "across_volumes.h"
 #include "core/volumes.h"
+#include "duplicate_finder.h"
 #include "hash_cache.h"
 #include "hasher.h"
 #include "journal.h"
@@ -14,6 +17,7 @@
 #include "support/test_files.h"
 #include "platform/trash.h"
 #include "trash_mover.h"
+#include "walk.h"
 
 namespace dedup {
 namespace {
@@ -114,6 +118,74 @@ TEST(AcrossVolumesTest, IdenticalTreeIsReportedOnceNotAgainAsItsSubfoldersOrFile
     EXPECT_EQ(files.files[1].size, 300000);
     EXPECT_EQ(files.files[3].size, 12);
     EXPECT_GE(files.files[0].freedBytes, files.files[1].freedBytes);
+}
+
+// Paths of each set of identical files by its digest.
+using SetsByDigest = std::map<std::string, std::vector<std::string>>;
+
+SetsByDigest setsOf(const AcrossResult& result) {
+    SetsByDigest sets;
+    for (const auto& group : result.files) {
+        for (const auto& file : group.files) sets[group.digest].push_back(file.path);
+    }
+    return sets;
+}
+
+TEST(AcrossVolumesTest, BothDisksReadAtOnceGroupExactlyAsTheScansGroupingAndAsOneReader) {
+    REQUIRE_TWO_DISKS();
+    auto disks = twoDisks("across-groups");
+    // Enough sets of every kind that the readers of the two disks run side by side a while.
+    for (int k = 0; k < 40; ++k) {
+        std::string n = std::to_string(k);
+        auto seed = static_cast<uint64_t>(k);
+        int64_t small = 1000 + k * 37;
+        int64_t large = 70000 + k * 1013;
+        test::writeRandomFile(disks.left + "/both/s" + n, small, seed);
+        test::writeRandomFile(disks.right + "/both/s" + n, small, seed);
+        test::writeRandomFile(disks.left + "/both/l" + n, large, 100 + seed);
+        test::writeRandomFile(disks.right + "/copy/l" + n, large, 100 + seed);
+        // A third copy, or a third file of the size that is no copy.
+        if (k % 3 == 0) test::writeRandomFile(disks.right + "/third/l" + n, large, 100 + seed);
+        if (k % 4 == 0) test::writeRandomFile(disks.left + "/other/l" + n, large, 700 + seed);
+        // One size on both disks, other bytes: from the first byte, and in the last byte only.
+        test::writeRandomFile(disks.left + "/differs/start" + n, 200000 + k * 7, 300 + seed);
+        test::writeRandomFile(disks.right + "/differs/start" + n, 200000 + k * 7, 400 + seed);
+        std::string bytes = test::randomBytes(150000 + k * 5, 500 + seed);
+        test::writeFile(disks.left + "/differs/end" + n, bytes);
+        bytes.back() = static_cast<char>(bytes.back() ^ 1);
+        test::writeFile(disks.right + "/differs/end" + n, bytes);
+        // Copies on one disk only: the scan's business.
+        test::writeRandomFile(disks.left + "/here/a" + n, small + 5000, 600 + seed);
+        test::writeRandomFile(disks.left + "/here/b" + n, small + 5000, 600 + seed);
+    }
+
+    Walk walk;
+    walk.visit(disks.left);
+    walk.visit(disks.right);
+    auto grouping = DuplicateFinder{}.groups(walk.files, true, nullptr, [] { return false; });
+    SetsByDigest expected;
+    for (const auto& group : grouping.groups) {
+        std::set<std::string> volumes;
+        std::vector<std::string> paths;
+        for (const auto& file : group.files) {
+            volumes.insert(AcrossVolumes::volumeOf(file.path, file.status.device));
+            paths.push_back(file.path);
+        }
+        std::sort(paths.begin(), paths.end());
+        if (volumes.size() >= 2) expected[group.digest] = paths;
+    }
+    ASSERT_EQ(expected.size(), 80u);
+
+    auto atOnce = search({disks.left, disks.right}, false);
+    EXPECT_EQ(setsOf(atOnce), expected);
+    AcrossOptions oneByOne;
+    oneByOne.threads = 1;
+    auto oneReader = AcrossVolumes::find({disks.left, disks.right}, oneByOne, nullptr, [] { return false; });
+    EXPECT_EQ(setsOf(oneReader), expected);
+    for (const auto& group : atOnce.files) {
+        EXPECT_EQ(group.freedBytes, group.size) << group.files.front().path;
+        EXPECT_NE(group.volumes.front(), group.volumes.back());
+    }
 }
 
 TEST(AcrossVolumesTest, TreeDiffersByOneByteOneEntryOrOneNameOrLinkTargetAndSaysWhat) {
