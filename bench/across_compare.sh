@@ -1,14 +1,19 @@
 #!/usr/bin/env bash
 # Times `dedup across` on two loop-mounted volumes (an XFS and a Btrfs) holding a generated tree
-# and a partly changed copy of it, against the duplicate finders installed here run over both
-# volumes. Prints seconds and peak memory; checks nothing is deleted (every tool only looks).
+# and a partly changed copy of it, against jdupes, rdfind and rmlint run over both volumes, each
+# from a cold and from a warm page cache; checks that every tool finds the same identical files
+# across the two volumes, and prints each goal with its ratio. Every tool only looks.
 #
-#   bench/across_compare.sh [--scale N] [--dir DIR]     (root: loop mounts, dropped caches)
+#   sudo bench/across_compare.sh [--scale N] [--dir DIR]
+#
+# The images are kept in DIR and reused while the scale and the generator are unchanged.
 set -euo pipefail
 here="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 repo="$(dirname "$here")"
 scale=1
 dir=/var/tmp/dedup-across-bench
+die() { echo "across_compare.sh: $*" >&2; exit 1; }
+say() { echo "across_compare.sh: $*" >&2; }
 while [ $# -gt 0 ]; do
   case "$1" in
     --scale) scale="$2"; shift 2 ;;
@@ -16,57 +21,181 @@ while [ $# -gt 0 ]; do
     *) echo "usage: bench/across_compare.sh [--scale N] [--dir DIR]" >&2; exit 2 ;;
   esac
 done
-[ "$(id -u)" -eq 0 ] || { echo "across_compare.sh: needs root to loop-mount two images" >&2; exit 1; }
-dedup="${DEDUP:-$repo/build/dedup}"
-make_dataset="$repo/build/bench/make_dataset"
-[ -x "$dedup" ] && [ -x "$make_dataset" ] || { echo "across_compare.sh: build first (./setup.sh)" >&2; exit 1; }
+[ "$(id -u)" -eq 0 ] || die "needs root to loop-mount two images and to drop the page cache"
+source "$here/common.sh"
+dedup="$(find_dedup)"
+make_dataset="${MAKE_DATASET:-$repo/build/bench/make_dataset}"
+[ -x "$make_dataset" ] || die "$make_dataset is missing: run ./setup.sh first"
+missing=()
+for t in jdupes rdfind rmlint jq; do command -v "$t" >/dev/null || missing+=("$t"); done
+[ -x /usr/bin/time ] || missing+=(time)
+if [ ${#missing[@]} -gt 0 ]; then
+  say "installing ${missing[*]}"
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
 
+# ---- The two volumes ------------------------------------------------------------------------------
 mkdir -p "$dir"
+work="$(mktemp -d "$dir/run.XXXXXX")"
 mounted=()
-cleanup() { for m in "${mounted[@]}"; do umount "$m" 2>/dev/null || umount -l "$m"; done; }
+cleanup() {
+  local m
+  for m in "${mounted[@]}"; do umount "$m" 2>/dev/null || umount -l "$m"; done
+  rm -rf -- "$work"
+}
 trap cleanup EXIT
 trap 'exit 130' INT TERM
-for kind in xfs btrfs; do
-  image="$dir/$kind.img" mnt="$dir/$kind"
-  mkdir -p "$mnt"
-  rm -f "$image"
-  truncate -s 12G "$image"
-  if [ "$kind" = xfs ]; then mkfs.xfs -q -f "$image"; else mkfs.btrfs -q -f "$image"; fi
-  mount -o loop "$image" "$mnt"
-  mounted+=("$mnt")
-done
-"$make_dataset" --scale "$scale" "$dir/xfs/tree" >/dev/null
-# A real copy, byte by byte, then a part of it changed: every 50th file rewritten, some removed.
-cp -a --reflink=never "$dir/xfs/tree" "$dir/btrfs/tree"
-n=0
-while IFS= read -r -d '' f; do
-  n=$((n + 1))
-  if [ $((n % 50)) -eq 0 ]; then printf 'changed %d\n' "$n" >>"$f"; fi
-  if [ $((n % 97)) -eq 0 ]; then rm -f -- "$f"; fi
-done < <(find "$dir/btrfs/tree" -type f -print0)
-files=$(find "$dir/xfs/tree" "$dir/btrfs/tree" -type f | wc -l)
-echo "files on both volumes: $files"
-
-export DEDUP_DATA_DIR="$dir/data"
-drop() { sync; echo 3 >/proc/sys/vm/drop_caches; }
-run() {  # name condition command...
-  local name="$1" condition="$2"; shift 2
-  [ "$condition" = cold ] && drop
-  /usr/bin/time -f '%e %M' -o "$dir/time" "$@" >"$dir/$name.out" 2>/dev/null || true
-  read -r seconds kb <"$dir/time"
-  printf '%-28s %-5s %8.2f s %8d kB  %6d bytes/file\n' "$name" "$condition" "$seconds" "$kb" $((kb * 1024 / files))
+left="$dir/xfs" right="$dir/btrfs"
+mount_image() {  # KIND MOUNT_POINT
+  mkdir -p "$2"
+  mount -o loop "$dir/$1.img" "$2"
+  mounted+=("$2")
 }
-roots=("$dir/xfs/tree" "$dir/btrfs/tree")
-# rdfind and rmlint like to leave files where they are started.
-cd "$dir"
+# A copy, byte for byte, then a part of it changed: every 50th file appended to, every 97th removed.
+change_copy() {
+  local n=0 f
+  while IFS= read -r -d '' f; do
+    n=$((n + 1))
+    if [ $((n % 50)) -eq 0 ]; then printf 'changed %d\n' "$n" >>"$f"; fi
+    if [ $((n % 97)) -eq 0 ]; then rm -f -- "$f"; fi
+  done < <(find "$1" -type f -print0 | sort -z)
+}
+want_stamp="scale=$scale generator=$(sha256sum "$here/make_dataset.cc" | cut -c1-16) changes=50/97"
+if [ -f "$dir/stamp" ] && [ "$(cat "$dir/stamp")" = "$want_stamp" ] && [ -f "$dir/xfs.img" ] && [ -f "$dir/btrfs.img" ]; then
+  say "reusing the volumes in $dir ($want_stamp)"
+  mount_image xfs "$left"
+  mount_image btrfs "$right"
+else
+  say "making the volumes in $dir ($want_stamp)"
+  rm -f "$dir/stamp"
+  for kind in xfs btrfs; do
+    rm -f "$dir/$kind.img"
+    truncate -s 12G "$dir/$kind.img"
+    if [ "$kind" = xfs ]; then mkfs.xfs -q -f "$dir/$kind.img"; else mkfs.btrfs -q -f "$dir/$kind.img"; fi
+  done
+  mount_image xfs "$left"
+  mount_image btrfs "$right"
+  "$make_dataset" --scale "$scale" "$left/tree" >/dev/null
+  cp -a --reflink=never "$left/tree" "$right/tree"
+  change_copy "$right/tree"
+  sync
+  echo "$want_stamp" >"$dir/stamp"
+fi
+roots=("$left/tree" "$right/tree")
+# Each file by its inode, to compare the tools' sets whatever name of a hard-linked file they list.
+find "${roots[@]}" -type f -printf '%D:%i\t%p\n' >"$work/inodes.tsv"
+files=$(wc -l <"$work/inodes.tsv")
+
+# ---- Running the tools ----------------------------------------------------------------------------
+export DEDUP_DATA_DIR="$work/data"
+drop_caches() { sync; echo 3 >/proc/sys/vm/drop_caches; }
+declare -A seconds kib
+run() {  # NAME CONDITION COMMAND...: warm runs once untimed first
+  local name="$1" condition="$2"
+  shift 2
+  local out="$work/$name.$condition.out"
+  if [ "$condition" = cold ]; then drop_caches; else "$@" >/dev/null 2>&1 || true; fi
+  /usr/bin/time -f '%e %M' -o "$work/time" "$@" >"$out" 2>"$work/stderr" || true
+  local s k
+  read -r s k < <(tail -n 1 "$work/time")
+  [[ "$s" =~ ^[0-9.]+$ ]] || { s="-"; k=0; say "$name failed: $(tail -n 2 "$work/stderr")"; }
+  seconds["$name.$condition"]="$s" kib["$name.$condition"]="$k"
+}
+# rdfind and rmlint write their lists where they are told, but are started here all the same.
+cd "$work"
 for condition in cold warm; do
   rm -rf "$DEDUP_DATA_DIR"
-  run "dedup across --no-cache" "$condition" "$dedup" across --no-cache --min-size 1 "${roots[@]}"
-  run "dedup across --folders" "$condition" "$dedup" across --no-cache --folders --min-size 1 "${roots[@]}"
+  run across "$condition" "$dedup" across --no-cache --min-size 1 --json "${roots[@]}"
+  run folders "$condition" "$dedup" across --no-cache --folders --min-size 1 --json "${roots[@]}"
+  # The digest cache filled by one search, then a second search timed.
   rm -rf "$DEDUP_DATA_DIR"
   "$dedup" across --min-size 1 "${roots[@]}" >/dev/null
-  run "dedup across (cached)" "$condition" "$dedup" across --min-size 1 "${roots[@]}"
-  command -v jdupes >/dev/null && run "jdupes -r" "$condition" jdupes -r -q "${roots[@]}"
-  command -v rdfind >/dev/null && run "rdfind" "$condition" rdfind -outputname "$dir/rdfind.txt" "${roots[@]}"
-  command -v rmlint >/dev/null && run "rmlint" "$condition" rmlint -o fdupes:"$dir/rmlint.txt" "${roots[@]}"
+  run cached "$condition" "$dedup" across --min-size 1 --json "${roots[@]}"
+  run jdupes "$condition" jdupes -r -q "${roots[@]}"
+  run rdfind "$condition" rdfind -dryrun true -outputname "$work/rdfind.$condition.txt" -minsize 1 \
+    -followsymlinks false -removeidentinode true "${roots[@]}"
+  run rmlint "$condition" rmlint -T df -o json:"$work/rmlint.$condition.json" --hidden --no-followlinks \
+    --no-hardlinked --size 1 "${roots[@]}"
+done
+
+# ---- What each found ------------------------------------------------------------------------------
+# Each tool's list as lines "set<TAB>path".
+sets_of() {
+  case "$1" in
+    across) jq -r '.files | to_entries[] | .key as $k | .value.files[] | "\($k)\t\(.)"' "$work/across.warm.out" ;;
+    jdupes) awk '/^$/ { set++; next } { printf "%d\t%s\n", set, $0 }' "$work/jdupes.warm.out" ;;
+    rdfind) awk '/^#/ { next }
+                 { id = $2 < 0 ? -$2 : $2; path = $0
+                   for (i = 0; i < 7; i++) sub(/^[^ ]+ /, "", path)
+                   printf "%s\t%s\n", id, path }' "$work/rdfind.warm.txt" ;;
+    rmlint) jq -r '.[] | select(.type? == "duplicate_file") | "\(.checksum)\t\(.path)"' "$work/rmlint.warm.json" ;;
+  esac
+}
+# The sets that hold files on both volumes, each as its sorted inodes on one line, sorted.
+across_sets() {
+  sets_of "$1" | awk -F '\t' -v a="$left/" -v b="$right/" '
+    NR == FNR { inode[$2] = $1; next }
+    { key = ($2 in inode) ? inode[$2] : "?" $2
+      if (index($2, a) == 1) onA[$1] = 1
+      if (index($2, b) == 1) onB[$1] = 1
+      if (!(($1, key) in seen)) { seen[$1, key] = 1; members[$1] = members[$1] SUBSEP key } }
+    END { for (s in members) if ((s in onA) && (s in onB)) {
+            n = split(substr(members[s], 2), keys, SUBSEP)
+            for (i = 1; i <= n; i++) printf "%s\t%s\n", s, keys[i] } }' "$work/inodes.tsv" - |
+    LC_ALL=C sort -t "$(printf '\t')" -k1,1 -k2,2 |
+    awk -F '\t' 'NR == 1 || $1 "" != set "" { if (NR > 1) print line; set = $1; line = $2; next } { line = line " " $2 }
+                 END { if (NR > 0) print line }' | LC_ALL=C sort
+}
+across_sets across >"$work/sets.across"
+for tool in jdupes rdfind rmlint; do across_sets "$tool" >"$work/sets.$tool"; done
+
+# ---- The report -----------------------------------------------------------------------------------
+ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a ~ /^[0-9.]+$/ && b ~ /^[0-9.]+$/ && b > 0) printf "%.2f", a / b; else print "-" }'; }
+echo "Across disks: $files files on an XFS and a Btrfs volume (scale $scale: a tree and a partly changed copy)"
+echo "Machine: $(nproc) cores, load average $(cut -d ' ' -f 1-3 /proc/loadavg) at the end"
+echo "Versions: $(jdupes -v 2>/dev/null | head -n 1); $(rdfind -v 2>/dev/null | head -n 1); $(rmlint --version 2>&1 | head -n 1)"
+echo
+printf '%-36s %-5s %8s %9s %7s  %s\n' tool cache seconds "peak MiB" B/file "sets across the volumes"
+for condition in cold warm; do
+  for name in across folders cached jdupes rdfind rmlint; do
+    case "$name" in
+      across) label="dedup across --no-cache" ;;
+      folders) label="dedup across --no-cache --folders" ;;
+      cached) label="dedup across (2nd search, cached)" ;;
+      *) label="$name" ;;
+    esac
+    k="${kib[$name.$condition]}"
+    found=""
+    if [ "$condition" = warm ] && [ -f "$work/sets.$name" ]; then found="$(wc -l <"$work/sets.$name")"; fi
+    printf '%-36s %-5s %8s %9s %7s  %s\n' "$label" "$condition" "${seconds[$name.$condition]}" \
+      "$(awk -v k="$k" 'BEGIN { printf "%.1f", k / 1024 }')" "$(awk -v k="$k" -v f="$files" 'BEGIN { printf "%.0f", k * 1024 / f }')" "$found"
+  done
+done
+echo
+echo "Goals (ratio = dedup's seconds / the other's):"
+goal() {  # TEXT RATIO LIMIT
+  local verdict="NOT MET"
+  awk -v r="$2" -v l="$3" 'BEGIN { exit !(r ~ /^[0-9.]+$/ && r <= l) }' && verdict="met"
+  printf '  %-58s %6s  limit %-5s %s\n' "$1" "$2" "$3" "$verdict"
+}
+for condition in cold warm; do
+  best="" best_name=""
+  for name in jdupes rdfind rmlint; do
+    s="${seconds[$name.$condition]}"
+    [[ "$s" =~ ^[0-9.]+$ ]] || continue
+    if [ -z "$best" ] || awk -v a="$s" -v b="$best" 'BEGIN { exit !(a < b) }'; then best="$s" best_name="$name"; fi
+  done
+  goal "dedup across vs the fastest peer ($best_name), $condition" "$(ratio "${seconds[across.$condition]}" "$best")" 0.50
+  goal "--folders vs without, $condition" "$(ratio "${seconds[folders.$condition]}" "${seconds[across.$condition]}")" 1.10
+done
+echo "  memory per file (dedup across --no-cache, warm)               $(awk -v k="${kib[across.warm]}" -v f="$files" 'BEGIN { printf "%.0f", k * 1024 / f }') bytes"
+for tool in jdupes rdfind rmlint; do
+  if cmp -s "$work/sets.across" "$work/sets.$tool"; then
+    verdict="yes ($(wc -l <"$work/sets.across") sets)"
+  else
+    verdict="no: $(comm -3 "$work/sets.across" "$work/sets.$tool" | wc -l) sets differ"
+    cp "$work/sets.across" "$work/sets.$tool" "$dir/"
+  fi
+  printf '  %-58s %s\n' "same identical files across the volumes as $tool" "$verdict"
 done
