@@ -16,6 +16,7 @@
 #include "folder_prefetch.h"
 #include "hasher.h"
 #include "path_names.h"
+#include "path_text.h"
 #include "platform/system.h"
 #include "platform/trash.h"
 #include "temporary_name.h"
@@ -578,26 +579,29 @@ std::string volumeOf(const std::string& path, uint64_t device) {
 
 }  // namespace AcrossVolumes
 
+// Paths in the form of path_text.h, so that a name that is not UTF-8 comes back byte for byte.
 void to_json(nlohmann::json& j, const AcrossFileGroup& g) {
-    j = {{"digest", g.digest}, {"size", g.size}, {"freedBytes", g.freedBytes}, {"volumes", g.volumes}};
-    j["files"] = nlohmann::json::array();
-    for (const auto& f : g.files) j["files"].push_back(f.path);
+    std::vector<std::string> paths;
+    paths.reserve(g.files.size());
+    for (const auto& f : g.files) paths.push_back(pathText(f.path));
+    j = {{"digest", g.digest}, {"size", g.size}, {"freedBytes", g.freedBytes}, {"volumes", g.volumes}, {"files", paths}};
 }
 
 void to_json(nlohmann::json& j, const AcrossTreeGroup& g) {
     j = {{"digest", g.digest},       {"bytes", g.bytes},     {"fileCount", g.fileCount},
-         {"freedBytes", g.freedBytes}, {"folders", g.folders}, {"volumes", g.volumes}};
+         {"freedBytes", g.freedBytes}, {"folders", pathTexts(g.folders)}, {"volumes", g.volumes}};
 }
 
 void to_json(nlohmann::json& j, const AcrossNearGroup& g) {
-    j = {{"folders", g.folders},         {"sameFiles", g.sameFiles}, {"sameBytes", g.sameBytes},
-         {"onlyInFirst", g.onlyInFirst}, {"onlyInSecond", g.onlyInSecond}, {"changed", g.changed}};
+    j = {{"folders", pathTexts(g.folders)},         {"sameFiles", g.sameFiles}, {"sameBytes", g.sameBytes},
+         {"onlyInFirst", pathTexts(g.onlyInFirst)}, {"onlyInSecond", pathTexts(g.onlyInSecond)},
+         {"changed", pathTexts(g.changed)}};
 }
 
 void to_json(nlohmann::json& j, const AcrossResult& r) {
     j = {{"trees", r.trees},         {"files", r.files}, {"nearlyIdentical", r.nearlyIdentical},
          {"filesSeen", r.filesSeen}, {"bytesRead", r.bytesRead},
-         {"unreadableFolders", r.unreadableFolders}, {"cancelled", r.cancelled}};
+         {"unreadableFolders", pathTexts(r.unreadableFolders)}, {"cancelled", r.cancelled}};
 }
 
 }  // namespace dedup

@@ -13,6 +13,7 @@
 #include "exit_codes.h"
 #include "hash_cache.h"
 #include "output.h"
+#include "path_text.h"
 #include "platform/process.h"
 #include "progress_line.h"
 #include "reclaim_commands.h"
@@ -70,6 +71,28 @@ void printAcross(std::ostream& out, const AcrossResult& result) {
         << " on different disks; removing one copy of each frees " << formatBytes(total) << ".\n";
 }
 
+// The result's JSON, the same document as nlohmann::json(result) gives, written one group of files
+// at a time: a tree of the whole would take more memory than the search itself.
+void writeAcrossJson(std::ostream& out, const AcrossResult& result) {
+    out << "{\"bytesRead\":" << result.bytesRead << ",\"cancelled\":" << (result.cancelled ? "true" : "false")
+        << ",\"files\":[";
+    // Written some tens of kilobytes at a time, so no more than that is held beside the result.
+    constexpr size_t flushAt = 64 << 10;
+    std::string buffer;
+    for (size_t i = 0; i < result.files.size(); ++i) {
+        buffer.append(i > 0 ? ",\n" : "\n");
+        buffer.append(jsonLine(nlohmann::json(result.files[i])));
+        if (buffer.size() >= flushAt) {
+            out << buffer;
+            buffer.clear();
+        }
+    }
+    out << buffer << "],\"filesSeen\":" << result.filesSeen
+        << ",\"nearlyIdentical\":" << jsonLine(nlohmann::json(result.nearlyIdentical))
+        << ",\"trees\":" << jsonLine(nlohmann::json(result.trees))
+        << ",\"unreadableFolders\":" << jsonLine(nlohmann::json(pathTexts(result.unreadableFolders))) << "}\n";
+}
+
 int runAcross(const AcrossArguments& arguments) {
     auto roots = checkedRoots(arguments.roots);
     std::unique_ptr<HashCache> cache = openDigestCache(arguments.noCache);
@@ -85,7 +108,7 @@ int runAcross(const AcrossArguments& arguments) {
     progress.clear();
     if (cache) cache->flush();
     if (arguments.json) {
-        std::cout << jsonText(result) << "\n";
+        writeAcrossJson(std::cout, result);
     } else {
         if (result.cancelled) std::cout << "Cancelled: what was found so far follows.\n";
         printAcross(std::cout, result);
