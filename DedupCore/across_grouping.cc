@@ -5,6 +5,7 @@
 #include <map>
 #include <thread>
 
+#include "across_volumes.h"
 #include "hash_cache.h"
 #include "hasher.h"
 #include "locked.h"
@@ -48,7 +49,7 @@ public:
         for (auto& part : whole) {
             for (auto& run : spanningRuns(part)) result.sets.push_back(setOf(run));
         }
-        readCloneFacts(result.sets);
+        readCloneFacts(result.sets, result.blocksLeft);
         result.bytesRead = bytesRead_.get();
         return result;
     }
@@ -131,12 +132,7 @@ private:
     // as all their disks together bear.
     void digestWholeFiles(std::vector<std::vector<Candidate>>& parts) {
         if (parts.empty() || cancelled()) return;
-        size_t workers = 0;
-        std::map<uint32_t, bool> involved;
-        for (const auto& part : parts) {
-            for (const auto& c : part) involved.try_emplace(volumes_[c.file], spinning_.at(volumes_[c.file]));
-        }
-        for (auto [volume, spinning] : involved) workers += workersFor(options_.threads, spinning);
+        size_t workers = readers();
         auto weight = [&](const std::vector<Candidate>& part) { return file(part.front()).status.size * std::ssize(part); };
         // The largest first, so that no long read is left for last while the other readers stand idle.
         std::stable_sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return weight(a) > weight(b); });
@@ -195,59 +191,69 @@ private:
         return set;
     }
 
-    // The extent facts of the members, for what removing a copy frees: from the cache where it
-    // kept them for this version of the file, else read, each volume by readers of its own. A file
-    // with other names frees nothing whatever its blocks, so its map is not read.
-    void readCloneFacts(const std::vector<AcrossSet>& sets) {
-        std::vector<Candidate> missing;
-        for (const auto& set : sets) {
-            for (uint32_t i : set.members) {
-                if (!files_[i].clones && files_[i].status.links == 1) missing.push_back({i, {}});
-            }
-        }
-        if (missing.empty() || cancelled()) return;
+    // What removing one copy of each set frees: the most any copy frees alone. The copies' extent
+    // facts are taken from the cache where it kept them for this version of the file, else read
+    // one copy after the other, and no further once a copy frees all its size, which none can
+    // top: copies on different disks rarely share blocks with anything, so mostly one map is
+    // read per set. A copy with other names frees nothing whatever its blocks; its map is not read.
+    void readCloneFacts(std::vector<AcrossSet>& sets, std::vector<char>& left) {
+        left.assign(files_.size(), 0);
+        auto freesAll = [&](uint32_t i) { return AcrossVolumes::freedByRemoving(files_[i]) >= files_[i].status.size; };
+        std::vector<char> asked(files_.size(), 0);
         HashCache* cache = options_.cache;
         // Taken before any map is read: a reclaim sharing blocks meanwhile moves the stamp, and
         // what is read now is kept under the old one, so it is read again next time.
         const int64_t stamp = cache ? cache->replacementStamp() : 0;
         if (cache) {
-            std::vector<const ScannedFile*> asked;
-            asked.reserve(missing.size());
-            for (const auto& c : missing) asked.push_back(&file(c));
-            auto known = cache->blocks(asked, stamp);
-            std::vector<Candidate> unknown;
-            for (size_t k = 0; k < missing.size(); ++k) {
-                if (known[k]) {
-                    files_[missing[k].file].clones = std::move(known[k]->clones);
-                } else {
-                    unknown.push_back(std::move(missing[k]));
+            std::vector<const ScannedFile*> lookups;
+            std::vector<uint32_t> which;
+            for (const auto& set : sets) {
+                for (uint32_t i : set.members) {
+                    if (files_[i].status.links == 1 && !files_[i].clones) which.push_back(i);
                 }
             }
-            missing = std::move(unknown);
-        }
-        std::vector<char> read(missing.size(), 0);
-        {
-            std::vector<std::jthread> readers;
-            for (auto& [volume, positions] : byVolume(missing)) {
-                size_t workers = workersFor(options_.threads, spinning_.at(volume));
-                readers.emplace_back([this, &missing, &read, positions, workers] {
-                    parallelFor(positions.size(), workers, [&](size_t k) {
-                        if (cancelled()) return;
-                        size_t at = positions[k];
-                        try {
-                            files_[missing[at].file].clones = CloneInfo::read(file(missing[at]).path);
-                            read[at] = 1;
-                        } catch (const std::exception&) {
-                            // Unknown sharing: the copy counts its whole size.
-                        }
-                    });
-                });
+            for (uint32_t i : which) lookups.push_back(&files_[i]);
+            auto known = cache->blocks(lookups, stamp);
+            for (size_t k = 0; k < which.size(); ++k) {
+                if (!known[k]) continue;
+                files_[which[k]].clones = std::move(known[k]->clones);
+                asked[which[k]] = 1;
             }
         }
+        std::vector<char> read(files_.size(), 0);
+        parallelFor(sets.size(), readers(), [&](size_t s) {
+            auto& members = sets[s].members;
+            bool done = std::any_of(members.begin(), members.end(), [&](uint32_t i) { return asked[i] && freesAll(i); });
+            for (uint32_t i : members) {
+                if (asked[i] || files_[i].status.links != 1) continue;
+                if (done || cancelled()) {
+                    left[i] = 1;
+                    continue;
+                }
+                try {
+                    files_[i].clones = CloneInfo::read(files_[i].path);
+                    read[i] = 1;
+                } catch (const std::exception&) {
+                    // Unknown sharing: the copy counts its whole size.
+                }
+                done = freesAll(i);
+            }
+            for (uint32_t i : members) {
+                if (!left[i]) sets[s].freedBytes = std::max(sets[s].freedBytes, AcrossVolumes::freedByRemoving(files_[i]));
+            }
+            if (done) sets[s].freedBytes = files_[members.front()].status.size;
+        });
         if (!cache) return;
-        for (size_t k = 0; k < missing.size(); ++k) {
-            if (read[k]) cache->storeBlocks(file(missing[k]), HashCache::Blocks{files_[missing[k].file].clones}, stamp);
+        for (uint32_t i = 0; i < files_.size(); ++i) {
+            if (read[i]) cache->storeBlocks(files_[i], HashCache::Blocks{files_[i].clones}, stamp);
         }
+    }
+
+    // Readers at once for work that touches every volume: as many as all the disks together bear.
+    size_t readers() const {
+        size_t workers = 0;
+        for (auto [volume, spinning] : spinning_) workers += workersFor(options_.threads, spinning);
+        return std::max<size_t>(workers, 1);
     }
 
     std::vector<ScannedFile>& files_;
@@ -263,6 +269,56 @@ private:
 };
 
 }  // namespace
+
+void readAcrossBlocks(std::vector<ScannedFile>& files, const std::vector<uint32_t>& volumes,
+                      const std::vector<uint32_t>& which, const AcrossReading& reading,
+                      const CancelCallback& isCancelled) {
+    std::vector<uint32_t> missing;
+    for (uint32_t i : which) {
+        if (!files[i].clones) missing.push_back(i);
+    }
+    if (missing.empty()) return;
+    HashCache* cache = reading.cache;
+    const int64_t stamp = cache ? cache->replacementStamp() : 0;
+    if (cache) {
+        std::vector<const ScannedFile*> asked;
+        for (uint32_t i : missing) asked.push_back(&files[i]);
+        auto known = cache->blocks(asked, stamp);
+        std::vector<uint32_t> unknown;
+        for (size_t k = 0; k < missing.size(); ++k) {
+            if (known[k]) {
+                files[missing[k]].clones = std::move(known[k]->clones);
+            } else {
+                unknown.push_back(missing[k]);
+            }
+        }
+        missing = std::move(unknown);
+    }
+    std::map<uint32_t, std::vector<uint32_t>> byVolume;
+    for (uint32_t i : missing) byVolume[volumes[i]].push_back(i);
+    std::vector<char> read(files.size(), 0);
+    {
+        std::vector<std::jthread> readers;
+        for (auto& [volume, list] : byVolume) {
+            size_t workers = workersFor(reading.threads, StorageKind::isRotational(files[list.front()].path));
+            readers.emplace_back([&, workers, &list = list] {
+                parallelFor(list.size(), workers, [&](size_t k) {
+                    if (isCancelled && isCancelled()) return;
+                    try {
+                        files[list[k]].clones = CloneInfo::read(files[list[k]].path);
+                        read[list[k]] = 1;
+                    } catch (const std::exception&) {
+                        // Unknown sharing: the copy counts its whole size.
+                    }
+                });
+            });
+        }
+    }
+    if (!cache) return;
+    for (uint32_t i : missing) {
+        if (read[i]) cache->storeBlocks(files[i], HashCache::Blocks{files[i].clones}, stamp);
+    }
+}
 
 AcrossSets groupAcross(std::vector<ScannedFile>& files, const std::vector<uint32_t>& volumes,
                        const std::vector<uint32_t>& wanted, const AcrossReading& reading,

@@ -24,12 +24,16 @@ class HashCache;
 
 struct AcrossSet {
     std::string digest;
-    std::vector<uint32_t> members;  // indices into the files, in inode order per volume
+    std::vector<uint32_t> members;  // indices into the files, in the order they were given
+    int64_t freedBytes = 0;         // the most that removing one copy frees on its disk
 };
 
 struct AcrossSets {
     std::vector<AcrossSet> sets;  // each on two or more volumes
     int64_t bytesRead = 0;
+    // Per file: its extent facts were not read, because another copy of the set already frees
+    // all its size, which no copy can top. Such a file counts its whole size until they are.
+    std::vector<char> blocksLeft;
 };
 
 struct AcrossReading {
@@ -38,10 +42,16 @@ struct AcrossReading {
 };
 
 // Groups the `wanted` files (indices into `files`) by content. `volumes[i]` is the volume of
-// files[i]. The extent facts of every member of a set are filled in (`files[i].clones`), from the
-// cache where it knows them, so that what removing a copy frees can be told.
+// files[i]. The extent facts of the members of a set (`files[i].clones`) are read, from the cache
+// where it knows them, one copy after the other until one frees all its size.
 AcrossSets groupAcross(std::vector<ScannedFile>& files, const std::vector<uint32_t>& volumes,
                        const std::vector<uint32_t>& wanted, const AcrossReading& reading,
                        const ProgressCallback& progress, const CancelCallback& isCancelled);
+
+// Reads the extent facts of the files `which` (from the cache where it knows them), each volume by
+// readers of its own. A file that cannot be read keeps none: it counts its whole size.
+void readAcrossBlocks(std::vector<ScannedFile>& files, const std::vector<uint32_t>& volumes,
+                      const std::vector<uint32_t>& which, const AcrossReading& reading,
+                      const CancelCallback& isCancelled);
 
 }  // namespace dedup

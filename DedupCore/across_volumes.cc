@@ -47,6 +47,7 @@ struct Folder {
     bool candidate = false;  // its shape has a twin on another volume
     std::string digest;
     int64_t bytes = 0, fileCount = 0, freed = 0;
+    bool blocksLeft = false;  // some file below counts its whole size, its extent facts unread
 };
 
 // 64-bit mixing for the shape: only a filter, so a collision costs reading, never a wrong answer.
@@ -290,18 +291,16 @@ private:
         AcrossReading reading{options_.cache, options_.threads};
         AcrossSets found = groupAcross(files_, fileVolumes_, wanted, reading, progress_, [this] { return cancelled(); });
         bytesRead_ = found.bytesRead;
+        blocksLeft_ = std::move(found.blocksLeft);
         setOf_.assign(files_.size(), none);
         for (auto& set : found.sets) {
             auto index = static_cast<uint32_t>(setDigests_.size());
             for (uint32_t i : set.members) setOf_[i] = index;
             setDigests_.push_back(std::move(set.digest));
             if (files_[set.members.front()].status.size < smallest) continue;
-            FileGroup group{index, std::move(set.members), 0};
+            FileGroup group{index, std::move(set.members), set.freedBytes};
             std::sort(group.members.begin(), group.members.end(),
                       [&](uint32_t a, uint32_t b) { return files_[a].path < files_[b].path; });
-            for (uint32_t i : group.members) {
-                group.freedBytes = std::max(group.freedBytes, AcrossVolumes::freedByRemoving(files_[i]));
-            }
             fileGroups_.push_back(std::move(group));
         }
     }
@@ -330,6 +329,7 @@ private:
                     if (ownFiles.insert(entry.index).second) {
                         folder.bytes += file.status.size;
                         folder.freed += AcrossVolumes::freedByRemoving(file);
+                        folder.blocksLeft = folder.blocksLeft || blocksLeft_[entry.index];
                     }
                     folder.fileCount += 1;
                 } else if (entry.kind == TreeItem::Kind::folder) {
@@ -338,6 +338,7 @@ private:
                     if (item.payload.empty()) matchable = false;
                     folder.bytes += sub.bytes;
                     folder.freed += sub.freed;
+                    folder.blocksLeft = folder.blocksLeft || sub.blocksLeft;
                     folder.fileCount += sub.fileCount;
                 } else if (entry.kind == TreeItem::Kind::link) {
                     item.payload = entry.linkTarget;
@@ -371,6 +372,7 @@ private:
             group.digest = digest;
             group.bytes = folders_[members.front()].bytes;
             group.fileCount = folders_[members.front()].fileCount;
+            settleFreed(members);
             for (uint32_t i : members) {
                 group.folders.push_back(folders_[i].path);
                 group.volumes.push_back(volumeNames_[folders_[i].volume]);
@@ -399,6 +401,49 @@ private:
             return std::all_of(group.members.begin(), group.members.end(),
                                [&](uint32_t i) { return insideReported(files_[i].path); });
         });
+    }
+
+    // Makes each copy's `freed` exact where it matters. A copy whose files were all looked at and
+    // free all their size frees the most any copy can; else the files left unread below the copies
+    // are read now, and what each copy frees is counted again.
+    void settleFreed(const std::vector<uint32_t>& copies) {
+        bool settled = std::any_of(copies.begin(), copies.end(), [&](uint32_t i) {
+            return !folders_[i].blocksLeft && folders_[i].freed >= folders_[i].bytes;
+        });
+        if (settled) return;
+        std::vector<uint32_t> unread;
+        for (uint32_t i : copies) {
+            if (folders_[i].blocksLeft) eachFileBelow(i, [&](uint32_t f) {
+                if (blocksLeft_[f]) unread.push_back(f);
+            });
+        }
+        if (unread.empty()) return;
+        readAcrossBlocks(files_, fileVolumes_, unread, AcrossReading{options_.cache, options_.threads},
+                         [this] { return cancelled(); });
+        for (uint32_t f : unread) blocksLeft_[f] = 0;
+        for (uint32_t i : copies) folders_[i].freed = freedBelow(i);
+    }
+
+    template <typename Visit>
+    void eachFileBelow(uint32_t folder, Visit visit) const {
+        for (const auto& entry : folders_[folder].entries) {
+            if (entry.kind == TreeItem::Kind::file) visit(entry.index);
+            if (entry.kind == TreeItem::Kind::folder) eachFileBelow(entry.index, visit);
+        }
+    }
+
+    // What removing this folder frees, counted afresh: each file once per folder, as the digests
+    // count it.
+    int64_t freedBelow(uint32_t folder) {
+        int64_t total = 0;
+        std::set<uint32_t> ownFiles;
+        for (const auto& entry : folders_[folder].entries) {
+            if (entry.kind == TreeItem::Kind::file && ownFiles.insert(entry.index).second) {
+                total += AcrossVolumes::freedByRemoving(files_[entry.index]);
+            }
+            if (entry.kind == TreeItem::Kind::folder) total += folders_[entry.index].freed = freedBelow(entry.index);
+        }
+        return total;
     }
 
     // Every file below a folder by its path relative to it.
@@ -537,6 +582,7 @@ private:
     // is in setDigests_.
     std::vector<uint32_t> setOf_;
     std::vector<std::string> setDigests_;
+    std::vector<char> blocksLeft_;  // per file: as AcrossSets::blocksLeft
     std::vector<Folder> folders_;
     std::vector<bool> inTree_;  // per file: inside a folder whose shape has a twin on another volume
     std::unordered_map<uint64_t, uint32_t> deviceVolumes_;

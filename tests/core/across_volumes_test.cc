@@ -188,6 +188,41 @@ TEST(AcrossVolumesTest, BothDisksReadAtOnceGroupExactlyAsTheScansGroupingAndAsOn
     }
 }
 
+TEST(AcrossVolumesTest, WhatRemovingACopyFreesStaysExactWhereCopiesShareBlocks) {
+    REQUIRE_TWO_DISKS();
+    auto disks = twoDisks("across-freed");
+    // Each copy of the tree shares the blocks of one of its files with a file outside it, a
+    // larger one on the left than on the right: removing the right copy frees the most.
+    for (const auto& top : {disks.left + "/Album", disks.right + "/Album"}) {
+        test::writeRandomFile(top + "/big.raw", 200000, 31);
+        test::writeRandomFile(top + "/small.raw", 100000, 32);
+        test::writeRandomFile(top + "/rest.raw", 50000, 33);
+    }
+    test::reflinkCopy(disks.left + "/Album/big.raw", disks.left + "/big-clone.raw");
+    test::reflinkCopy(disks.right + "/Album/small.raw", disks.right + "/small-clone.raw");
+    // A loose file whose every copy shares its blocks on its own disk: removing any frees nothing.
+    test::writeRandomFile(disks.left + "/shared.bin", 300000, 34);
+    test::writeRandomFile(disks.right + "/shared.bin", 300000, 34);
+    test::reflinkCopy(disks.left + "/shared.bin", disks.left + "/shared-clone.bin");
+    test::reflinkCopy(disks.right + "/shared.bin", disks.right + "/shared-clone.bin");
+
+    auto result = search({disks.left, disks.right}, true);
+    ASSERT_TRUE(reportsTree(result, disks.left + "/Album", disks.right + "/Album")) << nlohmann::json(result).dump();
+    EXPECT_EQ(result.trees.front().bytes, 350000);
+    EXPECT_EQ(result.trees.front().freedBytes, 250000);
+    auto loose = std::find_if(result.files.begin(), result.files.end(),
+                              [](const AcrossFileGroup& g) { return g.size == 300000; });
+    ASSERT_NE(loose, result.files.end());
+    EXPECT_EQ(loose->files.size(), 4u);
+    EXPECT_EQ(loose->freedBytes, 0);
+    // Without folders, the copies of small.raw: the left one is all its own.
+    auto files = search({disks.left, disks.right}, false);
+    auto small = std::find_if(files.files.begin(), files.files.end(),
+                              [](const AcrossFileGroup& g) { return g.size == 100000; });
+    ASSERT_NE(small, files.files.end());
+    EXPECT_EQ(small->freedBytes, 100000);
+}
+
 TEST(AcrossVolumesTest, TreeDiffersByOneByteOneEntryOrOneNameOrLinkTargetAndSaysWhat) {
     REQUIRE_TWO_DISKS();
     using Change = std::function<void(const std::string&)>;
