@@ -9,6 +9,7 @@
 #include "hash_cache.h"
 #include "hasher.h"
 #include "locked.h"
+#include "platform/storage.h"
 #include "parallel.h"
 
 namespace dedup {
@@ -19,6 +20,42 @@ namespace {
 // stretches of one file before its head moves to the copy on the other disk.
 constexpr int64_t solidReadAhead = int64_t{4} << 20;
 constexpr int64_t spinningReadAhead = int64_t{16} << 20;
+
+// Which volumes one reader reads. The volumes of one spinning disk (two partitions of a USB disk)
+// share its reader, so that its head does not jump between them; a volume on solid state (or on a
+// disk that only claims to spin, as a hypervisor's does) is read by readers of its own. Asked once
+// per volume, on the caller's thread, before any reader starts.
+class Disks {
+public:
+    uint32_t of(uint32_t volume, const std::string& path) {
+        auto [it, isNew] = byVolume_.try_emplace(volume, 0);
+        if (!isNew) return it->second;
+        auto disks = platform::disksUnder(path);
+        bool spinning = anySpins(disks);
+        std::string key = "volume " + std::to_string(volume);
+        if (spinning) {
+            key.clear();
+            for (const auto& disk : disks) key += disk.sysPath + "\n";
+        }
+        auto [known, isNewDisk] = byKey_.try_emplace(key, static_cast<uint32_t>(spins_.size()));
+        if (isNewDisk) spins_.push_back(spinning);
+        it->second = known->second;
+        return it->second;
+    }
+    uint32_t at(uint32_t volume) const { return byVolume_.at(volume); }
+    bool spins(uint32_t disk) const { return spins_[disk] != 0; }
+    // Readers at once for work that touches every disk: as many as they bear together.
+    size_t readers(int threads) const {
+        size_t workers = 0;
+        for (char spinning : spins_) workers += workersFor(threads, spinning != 0);
+        return std::max<size_t>(workers, 1);
+    }
+
+private:
+    std::map<uint32_t, uint32_t> byVolume_;
+    std::map<std::string, uint32_t> byKey_;
+    std::vector<char> spins_;
+};
 
 // A file still in the running, with the digest read so far (empty: none yet, or unreadable).
 struct Candidate {
@@ -62,12 +99,6 @@ private:
 
     const ScannedFile& file(const Candidate& c) const { return files_[c.file]; }
 
-    bool spins(uint32_t volume, const std::string& path) {
-        auto [it, isNew] = spinning_.try_emplace(volume, false);
-        if (isNew) it->second = StorageKind::isRotational(path);
-        return it->second;
-    }
-
     // Called for every file read, from the readers; one in so many is reported.
     void reading(const std::string& path) {
         if (progress_ && readingCount_++ % filesPerReport == 0) {
@@ -92,26 +123,22 @@ private:
         return result;
     }
 
-    // The candidates of each volume, by their index in `candidates`.
-    std::map<uint32_t, std::vector<size_t>> byVolume(const std::vector<Candidate>& candidates) const {
-        std::map<uint32_t, std::vector<size_t>> result;
-        for (size_t k = 0; k < candidates.size(); ++k) result[volumes_[candidates[k].file]].push_back(k);
-        return result;
-    }
-
-    // The prefix digest of every candidate: each volume by a reader of its own, all volumes at once,
-    // in inode order (which follows the layout on disk closely enough to spare a cold disk seeks).
+    // The prefix digest of every candidate: each disk by a reader of its own, all disks at once,
+    // each volume in inode order (which follows the layout on disk closely enough to spare a cold
+    // disk seeks).
     void digestPrefixes(std::vector<Candidate>& candidates) {
-        auto disks = byVolume(candidates);
-        std::vector<std::pair<std::vector<size_t>*, bool>> work;
-        for (auto& [volume, positions] : disks) {
-            work.emplace_back(&positions, spins(volume, file(candidates[positions.front()]).path));
+        std::map<uint32_t, std::vector<size_t>> byDisk;
+        for (size_t k = 0; k < candidates.size(); ++k) {
+            byDisk[disks_.of(volumes_[candidates[k].file], file(candidates[k]).path)].push_back(k);
         }
         std::vector<std::jthread> readers;
-        for (auto [positions, spinning] : work) {
-            readers.emplace_back([this, &candidates, positions, spinning] {
+        for (auto& [disk, list] : byDisk) {
+            readers.emplace_back([this, &candidates, positions = &list, spinning = disks_.spins(disk)] {
                 std::stable_sort(positions->begin(), positions->end(), [&](size_t a, size_t b) {
-                    return file(candidates[a]).status.inode < file(candidates[b]).status.inode;
+                    const ScannedFile& x = file(candidates[a]);
+                    const ScannedFile& y = file(candidates[b]);
+                    uint32_t vx = volumes_[candidates[a].file], vy = volumes_[candidates[b].file];
+                    return vx != vy ? vx < vy : x.status.inode < y.status.inode;
                 });
                 std::vector<const ScannedFile*> list;
                 list.reserve(positions->size());
@@ -119,7 +146,7 @@ private:
                 auto digests = Hasher::digests(list, ContentHash::partialLimit, spinning, options_.cache, bytesRead_,
                                                [this](const std::string& p) { reading(p); },
                                                [this] { return cancelled(); }, options_.threads);
-                // Each reader writes the entries of its own volume only.
+                // Each reader writes the entries of its own disk only.
                 for (size_t k = 0; k < list.size(); ++k) {
                     if (digests[k]) candidates[(*positions)[k]].digest = std::move(*digests[k]);
                 }
@@ -132,7 +159,7 @@ private:
     // as all their disks together bear.
     void digestWholeFiles(std::vector<std::vector<Candidate>>& parts) {
         if (parts.empty() || cancelled()) return;
-        size_t workers = readers();
+        size_t workers = disks_.readers(options_.threads);
         auto weight = [&](const std::vector<Candidate>& part) { return file(part.front()).status.size * std::ssize(part); };
         // The largest first, so that no long read is left for last while the other readers stand idle.
         std::stable_sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return weight(a) > weight(b); });
@@ -144,7 +171,7 @@ private:
             for (auto& c : part) {
                 c.digest.clear();  // the prefix says nothing of the rest of the file
                 list.push_back(&file(c));
-                anySpins = anySpins || spinning_.at(volumes_[c.file]);
+                anySpins = anySpins || disks_.spins(disks_.at(volumes_[c.file]));
             }
             auto digests = Hasher::digestsSideBySide(list, options_.cache, bytesRead_,
                                                      [this](const std::string& path) { reading(path); },
@@ -221,7 +248,7 @@ private:
             }
         }
         std::vector<char> read(files_.size(), 0);
-        parallelFor(sets.size(), readers(), [&](size_t s) {
+        parallelFor(sets.size(), disks_.readers(options_.threads), [&](size_t s) {
             auto& members = sets[s].members;
             bool done = std::any_of(members.begin(), members.end(), [&](uint32_t i) { return asked[i] && freesAll(i); });
             for (uint32_t i : members) {
@@ -249,20 +276,13 @@ private:
         }
     }
 
-    // Readers at once for work that touches every volume: as many as all the disks together bear.
-    size_t readers() const {
-        size_t workers = 0;
-        for (auto [volume, spinning] : spinning_) workers += workersFor(options_.threads, spinning);
-        return std::max<size_t>(workers, 1);
-    }
-
     std::vector<ScannedFile>& files_;
     const std::vector<uint32_t>& volumes_;
     const AcrossReading& options_;
     const ProgressCallback& progress_;
     const CancelCallback& isCancelled_;
     std::atomic<bool> cancelled_{false};
-    std::map<uint32_t, bool> spinning_;  // by volume; filled before any reader starts
+    Disks disks_;  // of every candidate's volume, known before any reader starts
     Locked<int64_t> bytesRead_{0};
     static constexpr uint32_t filesPerReport = 16;
     std::atomic<uint32_t> readingCount_{0};
@@ -294,13 +314,14 @@ void readAcrossBlocks(std::vector<ScannedFile>& files, const std::vector<uint32_
         }
         missing = std::move(unknown);
     }
-    std::map<uint32_t, std::vector<uint32_t>> byVolume;
-    for (uint32_t i : missing) byVolume[volumes[i]].push_back(i);
+    Disks disks;
+    std::map<uint32_t, std::vector<uint32_t>> byDisk;
+    for (uint32_t i : missing) byDisk[disks.of(volumes[i], files[i].path)].push_back(i);
     std::vector<char> read(files.size(), 0);
     {
         std::vector<std::jthread> readers;
-        for (auto& [volume, list] : byVolume) {
-            size_t workers = workersFor(reading.threads, StorageKind::isRotational(files[list.front()].path));
+        for (auto& [disk, list] : byDisk) {
+            size_t workers = workersFor(reading.threads, disks.spins(disk));
             readers.emplace_back([&, workers, &list = list] {
                 parallelFor(list.size(), workers, [&](size_t k) {
                     if (isCancelled && isCancelled()) return;

@@ -4,8 +4,9 @@
 // files of what still meets a file on another volume, read side by side.
 //
 // Unlike the scan's grouping, a set of copies on one volume alone is never read further: no copy
-// there is a copy across disks. Every volume is read by a reader of its own, all at once, each as
-// its disk is read fastest (one file at a time on a spinning disk).
+// there is a copy across disks. Every disk is read by a reader of its own, all at once, each as it
+// is read fastest: one file at a time on a spinning disk (whose volumes share that one reader),
+// several on solid state.
 //
 // A plain call on the caller's thread; reading runs on worker threads, so `progress` and
 // `isCancelled` must be safe to call from any thread. Never throws: an unreadable file matches
