@@ -361,6 +361,7 @@ private:
             }
         }
         int64_t smallest = std::max<int64_t>(1, options_.minimumSize);
+        std::vector<std::pair<const std::string*, std::vector<uint32_t>*>> reportedCopies;
         for (auto& [digest, members] : byDigest) {
             if (!spansVolumes(members)) continue;
             bool allCovered = std::all_of(members.begin(), members.end(), [&](uint32_t i) {
@@ -368,11 +369,15 @@ private:
             });
             if (allCovered || folders_[members.front()].bytes < smallest) continue;
             std::sort(members.begin(), members.end(), [&](uint32_t a, uint32_t b) { return folders_[a].path < folders_[b].path; });
+            reportedCopies.emplace_back(&digest, &members);
+        }
+        settleFreed(reportedCopies);
+        for (const auto& [digest, copies] : reportedCopies) {
+            const auto& members = *copies;
             AcrossTreeGroup group;
-            group.digest = digest;
+            group.digest = *digest;
             group.bytes = folders_[members.front()].bytes;
             group.fileCount = folders_[members.front()].fileCount;
-            settleFreed(members);
             for (uint32_t i : members) {
                 group.folders.push_back(folders_[i].path);
                 group.volumes.push_back(volumeNames_[folders_[i].volume]);
@@ -403,25 +408,35 @@ private:
         });
     }
 
-    // Makes each copy's `freed` exact where it matters. A copy whose files were all looked at and
-    // free all their size frees the most any copy can; else the files left unread below the copies
-    // are read now, and what each copy frees is counted again.
-    void settleFreed(const std::vector<uint32_t>& copies) {
-        bool settled = std::any_of(copies.begin(), copies.end(), [&](uint32_t i) {
-            return !folders_[i].blocksLeft && folders_[i].freed >= folders_[i].bytes;
-        });
-        if (settled) return;
+    // Makes what each copy of the reported trees frees exact where it matters. A tree of which one
+    // copy's files were all looked at and free all their size frees the most any copy can; for the
+    // other trees the files left unread below their copies are read now (all in one go), and what
+    // each copy frees is counted again.
+    void settleFreed(const std::vector<std::pair<const std::string*, std::vector<uint32_t>*>>& trees) {
+        std::vector<const std::vector<uint32_t>*> unsettled;
         std::vector<uint32_t> unread;
-        for (uint32_t i : copies) {
-            if (folders_[i].blocksLeft) eachFileBelow(i, [&](uint32_t f) {
-                if (blocksLeft_[f]) unread.push_back(f);
+        for (const auto& [digest, copies] : trees) {
+            bool settled = std::any_of(copies->begin(), copies->end(), [&](uint32_t i) {
+                return !folders_[i].blocksLeft && folders_[i].freed >= folders_[i].bytes;
             });
+            if (settled) continue;
+            unsettled.push_back(copies);
+            for (uint32_t i : *copies) {
+                if (folders_[i].blocksLeft) eachFileBelow(i, [&](uint32_t f) {
+                    if (blocksLeft_[f]) unread.push_back(f);
+                });
+            }
         }
         if (unread.empty()) return;
+        // A file below two reported trees (one inside the other on one disk) is read once.
+        std::sort(unread.begin(), unread.end());
+        unread.erase(std::unique(unread.begin(), unread.end()), unread.end());
         readAcrossBlocks(files_, fileVolumes_, unread, AcrossReading{options_.cache, options_.threads},
                          [this] { return cancelled(); });
         for (uint32_t f : unread) blocksLeft_[f] = 0;
-        for (uint32_t i : copies) folders_[i].freed = freedBelow(i);
+        for (const auto* copies : unsettled) {
+            for (uint32_t i : *copies) folders_[i].freed = freedBelow(i);
+        }
     }
 
     template <typename Visit>
