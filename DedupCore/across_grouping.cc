@@ -9,8 +9,8 @@
 #include "hash_cache.h"
 #include "hasher.h"
 #include "locked.h"
-#include "platform/storage.h"
 #include "parallel.h"
+#include "platform/storage.h"
 
 namespace dedup {
 

@@ -2,10 +2,11 @@
 // whole identical folder trees, on two or more volumes. Btrfs subvolumes of one file system are one
 // volume (their files can share blocks, so reclaiming handles them).
 //
-// Files are grouped by the duplicate finder's own steps and digests (and its digest cache), so a
-// second search of unchanged trees reads no content. Folder trees are first matched by their shape
-// (names, kinds, sizes, link targets: no reading), and only files inside trees whose shape has a
-// twin on another volume are read for the tree digests.
+// Files are grouped with the scan's digests and digest cache (across_grouping.h), so a second
+// search of unchanged trees reads no content; only files whose size is met on another volume are
+// read, every disk by a reader of its own. Folder trees are first matched by their shape (names,
+// kinds, sizes, link targets: no reading), and only files inside trees whose shape has a twin on
+// another volume are read for the tree digests, whatever their size.
 //
 // A plain call on the caller's thread; reading runs on worker threads, so `progress` and
 // `isCancelled` must be safe to call from any thread. Never throws: unreadable folders are listed.
@@ -27,7 +28,7 @@ struct AcrossOptions {
     int64_t minimumSize = 1;  // smaller files, and smaller trees, are not reported
     bool folders = false;     // also look for identical folder trees
     HashCache* cache = nullptr;  // optional; not owned
-    int threads = 0;             // as DuplicateFinder::threads
+    int threads = 0;             // files read at once on each disk; 0: as the disk is read fastest
 };
 
 // Identical files on two or more volumes.
