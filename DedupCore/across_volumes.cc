@@ -105,17 +105,18 @@ private:
         std::unordered_map<InodeKey, uint32_t, InodeKeyHash> inodes;
         std::vector<std::string> unreadable;
 
-        uint32_t fileIndex(const std::string& path, const FileStatus& status) {
+        // Takes the path only for a file not met before (another name of a hard-linked file is not).
+        uint32_t fileIndex(std::string&& path, const FileStatus& status) {
             auto [it, isNew] = inodes.try_emplace(InodeKey{status.device, status.inode}, 0);
             if (isNew) {
                 it->second = static_cast<uint32_t>(files.size());
-                files.push_back({path, status, std::nullopt});
+                files.push_back({std::move(path), status, std::nullopt});
             }
             return it->second;
         }
-        uint32_t addFolder(const std::string& path, uint32_t parent, uint64_t device) {
+        uint32_t addFolder(std::string path, uint32_t parent, uint64_t device) {
             Folder folder;
-            folder.path = path;
+            folder.path = std::move(path);
             folder.parent = parent;
             folders.push_back(std::move(folder));
             folderDevices.push_back(device);
@@ -188,7 +189,7 @@ private:
             return;
         }
         if (status.isRegularFile()) {
-            partial.fileIndex(root, status);
+            partial.fileIndex(std::string(root), status);
             return;
         }
         if (!status.isDirectory()) return;
@@ -214,11 +215,11 @@ private:
             for (auto& item : listing) {
                 if (isTemporaryName(item.name) || item.name.starts_with(temporaryMarker)) continue;
                 std::string child = childPath(path, item.name);
-                Entry entry{item.name, TreeItem::Kind::other, none, {}};
+                Entry entry{std::move(item.name), TreeItem::Kind::other, none, {}};
                 if (item.status.isDirectory()) {
                     if (!atVolumeRoot) atVolumeRoot = Walk::isVolumeRoot(path);
                     // The disk's own Trash and system folders belong to no copy of anything.
-                    if (*atVolumeRoot && Walk::isVolumeSystemFolder(item.name)) continue;
+                    if (*atVolumeRoot && Walk::isVolumeSystemFolder(entry.name)) continue;
                     if (child == homeTrash_) continue;
                     if (item.status.device != status.device) {
                         // Another disk mounted inside: this tree cannot be compared whole.
@@ -226,12 +227,12 @@ private:
                         continue;
                     }
                     entry.kind = TreeItem::Kind::folder;
-                    entry.index = partial.addFolder(child, current, status.device);
                     prefetch.request(child);
+                    entry.index = partial.addFolder(std::move(child), current, status.device);
                     stack.push_back(entry.index);
                 } else if (item.status.isRegularFile()) {
                     entry.kind = TreeItem::Kind::file;
-                    entry.index = partial.fileIndex(child, item.status);
+                    entry.index = partial.fileIndex(std::move(child), item.status);
                 } else if (item.status.isSymbolicLink()) {
                     entry.kind = TreeItem::Kind::link;
                     entry.linkTarget = platform::readLink(child);
