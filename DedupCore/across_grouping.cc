@@ -265,10 +265,10 @@ private:
                 }
                 done = freesAll(i);
             }
+            // A copy left unread is topped by the one that freed all its size, which is counted.
             for (uint32_t i : members) {
                 if (!left[i]) sets[s].freedBytes = std::max(sets[s].freedBytes, AcrossVolumes::freedByRemoving(files_[i]));
             }
-            if (done) sets[s].freedBytes = files_[members.front()].status.size;
         });
         if (!cache) return;
         for (uint32_t i = 0; i < files_.size(); ++i) {
