@@ -44,6 +44,7 @@ public:
     }
     uint32_t at(uint32_t volume) const { return byVolume_.at(volume); }
     bool spins(uint32_t disk) const { return spins_[disk] != 0; }
+    bool anyDiskSpins() const { return std::any_of(spins_.begin(), spins_.end(), [](char s) { return s != 0; }); }
     // Readers at once for work that touches every disk: as many as they bear together.
     size_t readers(int threads) const {
         size_t workers = 0;
@@ -155,11 +156,13 @@ private:
     }
 
     // The whole-file digests of the candidates of each part (files of one size whose prefixes
-    // agree), read side by side: the copies on both disks are read at once. As many parts at a time
-    // as all their disks together bear.
+    // agree), read side by side: the copies on both disks are read at once, each disk asked for
+    // long stretches ahead. As many parts at a time as all their disks together bear; one at a
+    // time where a disk spins, as each part has a copy on nearly every disk and a second part would
+    // make that disk's head jump between them.
     void digestWholeFiles(std::vector<std::vector<Candidate>>& parts) {
         if (parts.empty() || cancelled()) return;
-        size_t workers = disks_.readers(options_.threads);
+        size_t workers = disks_.anyDiskSpins() && options_.threads == 0 ? 1 : disks_.readers(options_.threads);
         auto weight = [&](const std::vector<Candidate>& part) { return file(part.front()).status.size * std::ssize(part); };
         // The largest first, so that no long read is left for last while the other readers stand idle.
         std::stable_sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return weight(a) > weight(b); });
