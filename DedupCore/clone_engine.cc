@@ -81,40 +81,6 @@ std::string_view rawValue(CloneEngine::Leftover leftover) {
     return names[static_cast<size_t>(leftover)];
 }
 
-// One replacement between its swap and its end. Every file is reached through `folder`, the copy's
-// folder opened without following links, so a folder swapped for a link cannot redirect a change.
-struct CloneEngine::Swapped {
-    JournalEntry entry;
-    Replacement target;
-    std::string temporary;  // empty when the blocks were shared in place: nothing waits for phase two
-    std::string temporaryName;
-    std::string name;  // the copy's own name in `folder`
-    FileStatus original;  // the copy, read on its descriptor at the start
-    FileStatus cloneStatus;
-    std::optional<FileTimes> folderTimes;
-    int64_t freed = 0;
-    platform::FileDescriptor folder;
-    platform::FileDescriptor held;  // the copy, open for the lease while it is replaced
-    platform::FileDescriptor source;
-    platform::FileDescriptor clone;
-    Snapshot before;
-    // The copy as verified after sharing in place, on its descriptor: what the journal records.
-    std::optional<Snapshot> after;
-    Attributes attributes;
-    bool leases = true;  // the kernel answers whether the copy is open elsewhere
-};
-
-// The list of every process's open files, read only when the kernel cannot answer for one file
-// (no lease can be tried on it), and then once per phase of a batch: reading it walks /proc, whose
-// cost grows with every process on the machine, not with the work.
-struct CloneEngine::OpenList {
-    std::optional<OpenFiles> files;
-    const OpenFiles& get() {
-        if (!files) files = OpenFiles::now();
-        return *files;
-    }
-};
-
 void CloneEngine::step(Step s, const std::string& temporary) const {
     if (fault) fault(s, temporary);
 }
@@ -133,7 +99,7 @@ bool CloneEngine::openElsewhere(Swapped& s, const platform::FileDescriptor& fd, 
 
 // Whether the volume could make a clone of the kept copy beside this one: a nameless trial clone
 // that vanishes when closed, remembered per volume.
-bool CloneEngine::canClone(const Swapped& s) const {
+bool CloneEngine::canClone(Swapped& s) const {
     {
         std::lock_guard lock(volumes_->mutex);
         auto it = volumes_->clones.find(s.original.device);
@@ -141,8 +107,10 @@ bool CloneEngine::canClone(const Swapped& s) const {
     }
     bool answer = false;
     try {
+        // Shared in place, the copy's folder was let go once the copy was open.
+        if (!s.folder) s.folder = platform::openFolderWithoutLinks(parentOf(s.target.target));
         auto trial = platform::anonymousFileIn(s.folder, s.target.target);
-        answer = trial && platform::cloneInto(trial, s.source, s.target.target);
+        answer = trial && platform::cloneInto(trial, s.source(), s.target.target);
     } catch (const SystemError&) {
     }
     std::lock_guard lock(volumes_->mutex);
@@ -162,15 +130,6 @@ struct LeftForRecovery : ReplaceError {
     }
 };
 
-Snapshot snapshotOf(const platform::FileDescriptor& fd, const std::string& path) {
-    Snapshot snapshot;
-    snapshot.status = platform::statusOf(fd, path);
-    snapshot.times = platform::timesOf(fd, path);
-    snapshot.attributeNames = XAttr::names(fd, path);
-    std::sort(snapshot.attributeNames.begin(), snapshot.attributeNames.end());
-    snapshot.acl = ACL::text(fd, path);
-    return snapshot;
-}
 
 bool isFile(const std::optional<FileStatus>& status, const FileStatus& identity) {
     return status && status->device == identity.device && status->inode == identity.inode;
@@ -230,6 +189,16 @@ int64_t privateBytes(const std::optional<CloneInfo>& info, const FileStatus& sta
 
 }  // namespace
 
+Snapshot engine::snapshotOf(const platform::FileDescriptor& fd, const std::string& path) {
+    Snapshot snapshot;
+    snapshot.status = platform::statusOf(fd, path);
+    snapshot.times = platform::timesOf(fd, path);
+    snapshot.attributeNames = XAttr::names(fd, path);
+    std::sort(snapshot.attributeNames.begin(), snapshot.attributeNames.end());
+    snapshot.acl = ACL::text(fd, path);
+    return snapshot;
+}
+
 std::string keepBeside(const platform::FileDescriptor& folder, const std::string& folderPath,
                        const std::string& temporaryName, const std::string& name) {
     // "photo.jpg" -> "photo (other version).jpg", "photo (other version 2).jpg", ...
@@ -246,7 +215,8 @@ std::string keepBeside(const platform::FileDescriptor& folder, const std::string
     throw SystemError("renameat2", folderPath + "/" + temporaryName, errno);
 }
 
-CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& entry, OpenList& open) {
+CloneEngine::Swapped CloneEngine::look(const Replacement& r, JournalEntry& entry, OpenList& open,
+                                       std::shared_ptr<Kept>& kept) {
     FileStatus status = FileStatus::read(r.target);
     checkReplaceable(r.target, status, parentOf(r.target), r.source, r.expected);
 
@@ -261,19 +231,41 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
     swapped.held = platform::openFileIn(swapped.folder, swapped.name, r.target);
     swapped.original = platform::statusOf(swapped.held, r.target);
     if (!swapped.original.isSameVersion(r.expected)) throw Skip(SkipReason::changedSinceScan);
+    // Shared in place, nothing more is done in the copy's folder: one descriptor per copy waiting
+    // for its group's call is enough.
+    if (strategy != Strategy::cloneAndSwap) swapped.folder.reset();
     if (coordinate && !platform::takeWriteLease(swapped.held, r.target)) throw Skip(SkipReason::inUse);
 
-    auto sourceFolder = platform::openFolderWithoutLinks(parentOf(r.source));
-    swapped.source = platform::openFileIn(sourceFolder, nameOf(r.source), r.source);
-    FileStatus sourceStatus = platform::statusOf(swapped.source, r.source);
+    // The kept file is opened once for all its copies that follow one another in the batch; its
+    // status is read again for each, so that a kept file changed meanwhile is noticed.
+    if (!kept || kept->path != r.source) {
+        auto opened = std::make_shared<Kept>();
+        opened->path = r.source;
+        auto sourceFolder = platform::openFolderWithoutLinks(parentOf(r.source));
+        opened->fd = platform::openFileIn(sourceFolder, nameOf(r.source), r.source);
+        opened->status = platform::statusOf(opened->fd, r.source);
+        if (opened->status.isRegularFile()) opened->attributeBits = platform::attributeBitsOf(opened->fd, r.source);
+        kept = std::move(opened);
+    } else {
+        kept->status = platform::statusOf(kept->fd, r.source);
+    }
+    swapped.kept = kept;
+    const FileStatus& sourceStatus = kept->status;
     if (!sourceStatus.isRegularFile()) throw Skip(SkipReason::notARegularFile);
     if (sourceStatus.device != swapped.original.device) throw Skip(SkipReason::differentVolume);
     if (r.keptExpected && !sourceStatus.isSameVersion(*r.keptExpected)) throw Skip(SkipReason::changedSinceScan);
     if (sourceStatus.size != swapped.original.size) throw Skip(SkipReason::contentDiffers);
 
-    auto targetClones = platform::cloneInfoOf(swapped.held, r.target);
+    // What the scan read of both files' blocks stands unless it is missing: the kernel's
+    // comparison, not this test, is what keeps a changed copy safe.
+    auto targetClones = r.clones ? r.clones : platform::cloneInfoOf(swapped.held, r.target);
     if (targetClones) {
-        auto sourceClones = platform::cloneInfoOf(swapped.source, r.source);
+        std::optional<CloneInfo> sourceClones = r.keptClones;
+        if (!sourceClones) {
+            if (!kept->clonesRead) kept->clones = platform::cloneInfoOf(kept->fd, r.source);
+            kept->clonesRead = true;
+            sourceClones = kept->clones;
+        }
         if (sourceClones && sourceClones->cloneID == targetClones->cloneID) throw Skip(SkipReason::alreadyShared);
     }
     // Only clone and swap puts another file at the copy's path; shared in place, a program that has
@@ -283,65 +275,26 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
     }
     // Btrfs refuses to share blocks between a no-copy-on-write file and any other ("Invalid
     // argument"): say why instead of failing at the kernel.
-    if ((platform::attributeBitsOf(swapped.held, r.target) | platform::attributeBitsOf(swapped.source, r.source)) &
-        noCopyOnWriteBit) {
+    if ((platform::attributeBitsOf(swapped.held, r.target) | kept->attributeBits) & noCopyOnWriteBit) {
         throw Skip(SkipReason::noCopyOnWrite);
     }
     swapped.freed = privateBytes(targetClones, status);
 
-    swapped.before = snapshotOf(swapped.held, r.target);
+    swapped.before = engine::snapshotOf(swapped.held, r.target);
     entry.before = swapped.before;
+    return swapped;
+}
 
-    if (strategy == Strategy::cloneAndSwap) {
-        swapByClone(swapped, entry, r);
-    } else if (!shareInPlace(swapped, entry, r)) {
-        // Clone and swap puts another file at the copy's path: a program that holds the copy open
-        // keeps writing to the one that is removed, and the birth time and inode change. It is
-        // therefore never chosen for the user, only done when asked for; here the copy is left
-        // alone, saying which of the two is the case.
-        throw Skip(canClone(swapped) ? SkipReason::cloneAndSwapNotAsked : SkipReason::volumeCannotClone);
-    }
+CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& entry, OpenList& open,
+                                         std::shared_ptr<Kept>& kept) {
+    Swapped swapped = look(r, entry, open, kept);
+    swapByClone(swapped, entry, r);
     // A lease makes every other program that opens the file wait (up to the kernel's lease-break
     // time): it is held only while this copy is being changed, not while the rest of the batch is.
     // Finishing takes it again before the replaced copy is removed.
     if (coordinate) platform::releaseLease(swapped.held);
     swapped.entry = entry;
     return swapped;
-}
-
-bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacement& r) {
-    step(Step::checked, "");
-    // Sharing in place leaves nothing behind for a recovery to find.
-    entry.temporary.reset();
-    // Identity is checked again on the open descriptors right before the kernel is asked to act.
-    if (!platform::statusOf(s.held, r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
-    if (platform::statusOf(s.source, r.source).size != s.original.size) throw Skip(SkipReason::contentDiffers);
-    if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
-
-    switch (platform::shareInPlace(s.source, s.held, s.original.size, r.target)) {
-        case platform::ShareOutcome::notSupported: return false;
-        case platform::ShareOutcome::differs: throw Skip(SkipReason::contentDiffers);
-        case platform::ShareOutcome::shared: break;
-    }
-    step(Step::cloned, "");
-
-    // The kernel reports the length asked for, not what it shared: the extent map says the truth.
-    auto sourceClones = platform::cloneInfoOf(s.source, r.source);
-    auto targetClones = platform::cloneInfoOf(s.held, r.target);
-    if (!sourceClones || !targetClones || sourceClones->cloneID != targetClones->cloneID) {
-        throw std::runtime_error(r.target + ": the disk did not share its blocks");
-    }
-    Snapshot after = snapshotOf(s.held, r.target);
-    std::vector<std::string> differs;
-    if (after.status != s.before.status) differs.push_back("status");
-    if (after.times.modified != s.before.times.modified) differs.push_back("modified");
-    if (after.attributeNames != s.before.attributeNames) differs.push_back("xattr names");
-    if (after.acl != s.before.acl) differs.push_back("acl");
-    if (!differs.empty()) throw VerificationError(r.target, differs);
-    s.after = std::move(after);
-    step(Step::verified, "");
-    s.freed = std::max<int64_t>(0, s.freed - targetClones->privateSize);
-    return true;
 }
 
 void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement& r) {
@@ -376,7 +329,7 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
     s.cloneStatus = platform::statusOf(s.clone, s.temporary);
 
     try {
-        if (!platform::cloneInto(s.clone, s.source, s.temporary)) throw Skip(SkipReason::volumeCannotClone);
+        if (!platform::cloneInto(s.clone, s.source(), s.temporary)) throw Skip(SkipReason::volumeCannotClone);
         step(Step::cloned, s.temporary);
         prepareClone(s.clone, s.temporary, s.attributes);
         step(Step::metadataCopied, s.temporary);
@@ -388,7 +341,7 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
         platform::setTimes(s.clone, s.before.times, s.temporary);
         s.cloneStatus = platform::statusOf(s.clone, s.temporary);
         if (!named) {
-            Snapshot clone = snapshotOf(s.clone, s.temporary);
+            Snapshot clone = engine::snapshotOf(s.clone, s.temporary);
             entry.after = clone;
             if (journal) journal->append(entry);
             platform::linkInto(s.clone, s.folder, s.temporaryName, s.temporary);
@@ -502,12 +455,10 @@ void CloneEngine::finish(Swapped& s, OpenList& open) {
     throw Skip(SkipReason::changedDuringReplace);
 }
 
-namespace {
-
 // A copy or kept file deleted or moved away since the scan is no failure: it changed since the
 // scan, and nothing of it is left to reclaim. Every step undoes its own work before it throws, so
 // a path that is gone was taken away by someone else.
-std::exception_ptr vanishedAsSkip(std::exception_ptr error, const CloneEngine::Replacement& r) {
+std::exception_ptr engine::vanishedAsSkip(std::exception_ptr error, const CloneEngine::Replacement& r) {
     try {
         std::rethrow_exception(error);
     } catch (const LeftForRecovery&) {
@@ -522,8 +473,7 @@ std::exception_ptr vanishedAsSkip(std::exception_ptr error, const CloneEngine::R
     return error;
 }
 
-// Every failed call reaches the journal and the caller in a user's words.
-std::exception_ptr explained(std::exception_ptr error, const std::string& file) {
+std::exception_ptr engine::explained(std::exception_ptr error, const std::string& file) {
     try {
         std::rethrow_exception(error);
     } catch (const ReplaceError&) {
@@ -535,7 +485,7 @@ std::exception_ptr explained(std::exception_ptr error, const std::string& file) 
     }
 }
 
-void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
+void engine::closeEntry(Journal* journal, JournalEntry entry, std::exception_ptr error) {
     if (!journal) return;
     try {
         std::rethrow_exception(error);
@@ -559,14 +509,40 @@ void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
     }
 }
 
-}  // namespace
+
+void CloneEngine::recordReplaced(Swapped& s, const Done& done) {
+    s.held.reset();
+    JournalEntry entry = s.entry;
+    entry.event = JournalEntry::Event::replaced;
+    entry.time = std::time(nullptr);
+    entry.freedBytes = s.freed;
+    if (s.after) {
+        entry.after = std::move(s.after);
+    } else {
+        try {
+            entry.after = Snapshot::take(s.target.target);
+        } catch (const std::exception&) {
+        }
+    }
+    if (journal) {
+        try {
+            journal->append(entry);
+        } catch (...) {
+        }
+    }
+    done(s.target, {s.freed, nullptr});
+}
+
+void CloneEngine::recordFailed(const Replacement& r, const JournalEntry& entry, std::exception_ptr error,
+                               const Done& done) {
+    error = engine::explained(engine::vanishedAsSkip(error, r), r.target);
+    engine::closeEntry(journal, entry, error);
+    done(r, {0, error});
+}
 
 void CloneEngine::replace(const std::vector<Replacement>& batch,
-                          const std::function<bool(const Replacement&)>& willStart,
-                          const std::function<void(const Replacement&, const Outcome&)>& done) {
-    // Only clone and swap needs the list of every process's open files, and only as a fallback
-    // where the kernel cannot answer for one file: it is read on the first such file, if any.
-    OpenList open;
+                          const std::function<bool(const Replacement&)>& willStart, const Done& done) {
+    const bool swaps = strategy == Strategy::cloneAndSwap;
     // Every started entry of the batch is written and synced in one go before the batch changes
     // anything: one wait for the disk per batch rather than one per copy.
     std::vector<JournalEntry> announced;
@@ -575,11 +551,16 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         JournalEntry entry = JournalEntry::make(JournalEntry::Event::started, r.target);
         entry.source = r.source;
         entry.digest = r.digest;
-        if (strategy == Strategy::cloneAndSwap) entry.temporary = temporaryPathFor(r.target);
-        try {
-            entry.before = Snapshot::take(r.target);
-        } catch (const std::exception&) {
-            // The replacement's own checks say what is wrong with the copy.
+        // Clone and swap's recovery tells the copy from the clone by the copy's identity. Shared in
+        // place, nothing is ever left over to tell apart: the closing entry carries the snapshot
+        // read on the open copy, and the announcement costs no extra reads of it.
+        if (swaps) {
+            entry.temporary = temporaryPathFor(r.target);
+            try {
+                entry.before = Snapshot::take(r.target);
+            } catch (const std::exception&) {
+                // The replacement's own checks say what is wrong with the copy.
+            }
         }
         announced.push_back(std::move(entry));
     }
@@ -592,47 +573,24 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
             return;
         }
     }
-    auto replaced = [&](Swapped& s) {
-        s.held.reset();
-        JournalEntry entry = s.entry;
-        entry.event = JournalEntry::Event::replaced;
-        entry.time = std::time(nullptr);
-        entry.freedBytes = s.freed;
-        if (s.after) {
-            entry.after = std::move(s.after);
-        } else {
-            try {
-                entry.after = Snapshot::take(s.target.target);
-            } catch (const std::exception&) {
-            }
-        }
-        if (journal) {
-            try {
-                journal->append(entry);
-            } catch (...) {
-            }
-        }
-        done(s.target, {s.freed, nullptr});
-    };
+    // Only clone and swap needs the list of every process's open files, and only as a fallback
+    // where the kernel cannot answer for one file: it is read on the first such file, if any.
+    OpenList open;
     std::vector<Swapped> swapped;
     size_t next = 0;
-    for (; next < batch.size(); ++next) {
-        const Replacement& r = batch[next];
-        if (willStart && !willStart(r)) break;
-        JournalEntry& entry = announced[next];
-        try {
-            Swapped s = swapIn(r, entry, open);
-            // Shared in place, the copy is done: nothing waits under a temporary name, so its
-            // descriptors are let go now rather than held to the end of the batch.
-            if (s.temporary.empty()) {
-                replaced(s);
-            } else {
-                swapped.push_back(std::move(s));
+    if (!swaps) {
+        next = shareBatch(batch, announced, willStart, done);
+    } else {
+        std::shared_ptr<Kept> kept;
+        for (; next < batch.size(); ++next) {
+            const Replacement& r = batch[next];
+            if (willStart && !willStart(r)) break;
+            JournalEntry& entry = announced[next];
+            try {
+                swapped.push_back(swapIn(r, entry, open, kept));
+            } catch (...) {
+                recordFailed(r, entry, std::current_exception(), done);
             }
-        } catch (...) {
-            auto error = explained(vanishedAsSkip(std::current_exception(), r), r.target);
-            close(journal, entry, error);
-            done(r, {0, error});
         }
     }
     // Announced but never begun: closed now, so that no recovery takes them for interrupted.
@@ -649,6 +607,7 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
             // Left open, they are closed as "nothing left over" by the next recovery.
         }
     }
+    if (swapped.empty()) return;
     // Read afresh for the removals, and only if some file could not be asked of the kernel. Read
     // before any removal, so that a list that cannot be read leaves every entry open for recovery.
     OpenList again;
@@ -663,12 +622,12 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         try {
             finish(s, again);
         } catch (...) {
-            auto error = explained(std::current_exception(), s.target.target);
-            close(journal, s.entry, error);
+            auto error = engine::explained(std::current_exception(), s.target.target);
+            engine::closeEntry(journal, s.entry, error);
             done(s.target, {0, error});
             continue;
         }
-        replaced(s);
+        recordReplaced(s, done);
     }
 }
 
