@@ -485,12 +485,11 @@ std::exception_ptr engine::explained(std::exception_ptr error, const std::string
     }
 }
 
-void engine::closeEntry(Journal* journal, JournalEntry entry, std::exception_ptr error) {
-    if (!journal) return;
+std::optional<JournalEntry> engine::closingOf(JournalEntry entry, std::exception_ptr error) {
     try {
         std::rethrow_exception(error);
     } catch (const LeftForRecovery&) {
-        return;
+        return std::nullopt;
     } catch (const Skip& skip) {
         entry.event = JournalEntry::Event::skipped;
         entry.detail = std::string(rawValue(skip.reason));
@@ -502,17 +501,26 @@ void engine::closeEntry(Journal* journal, JournalEntry entry, std::exception_ptr
         entry.detail = "unknown error";
     }
     entry.time = std::time(nullptr);
-    try {
-        journal->append(entry);
-    } catch (...) {
-        // The outcome still reaches the caller; a journal that cannot be written shows at the next start.
-    }
+    return entry;
 }
 
+void CloneEngine::flush(Closings& closings) {
+    if (journal && !closings.entries.empty()) {
+        try {
+            journal->append(closings.entries);
+        } catch (...) {
+            // The outcomes still reach the caller; a journal that cannot be written shows at the
+            // next start, where the entries left open are closed as "nothing left over".
+        }
+    }
+    for (const auto& [r, outcome] : closings.outcomes) closings.done(r, outcome);
+    closings.entries.clear();
+    closings.outcomes.clear();
+}
 
-void CloneEngine::recordReplaced(Swapped& s, const Done& done) {
+void CloneEngine::recordReplaced(Swapped& s, Closings& closings) {
     s.held.reset();
-    JournalEntry entry = s.entry;
+    JournalEntry entry = std::move(s.entry);
     entry.event = JournalEntry::Event::replaced;
     entry.time = std::time(nullptr);
     entry.freedBytes = s.freed;
@@ -524,20 +532,16 @@ void CloneEngine::recordReplaced(Swapped& s, const Done& done) {
         } catch (const std::exception&) {
         }
     }
-    if (journal) {
-        try {
-            journal->append(entry);
-        } catch (...) {
-        }
-    }
-    done(s.target, {s.freed, nullptr});
+    closings.entries.push_back(std::move(entry));
+    closings.outcomes.emplace_back(s.target, Outcome{s.freed, nullptr});
 }
 
 void CloneEngine::recordFailed(const Replacement& r, const JournalEntry& entry, std::exception_ptr error,
-                               const Done& done) {
-    error = engine::explained(engine::vanishedAsSkip(error, r), r.target);
-    engine::closeEntry(journal, entry, error);
-    done(r, {0, error});
+                               Closings& closings, bool vanishedIsSkip) {
+    if (vanishedIsSkip) error = engine::vanishedAsSkip(error, r);
+    error = engine::explained(error, r.target);
+    if (auto closing = engine::closingOf(entry, error)) closings.entries.push_back(std::move(*closing));
+    closings.outcomes.emplace_back(r, Outcome{0, error});
 }
 
 void CloneEngine::replace(const std::vector<Replacement>& batch,
@@ -576,10 +580,11 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
     // Only clone and swap needs the list of every process's open files, and only as a fallback
     // where the kernel cannot answer for one file: it is read on the first such file, if any.
     OpenList open;
+    Closings closings{done, {}, {}};
     std::vector<Swapped> swapped;
     size_t next = 0;
     if (!swaps) {
-        next = shareBatch(batch, announced, willStart, done);
+        next = shareBatch(batch, announced, willStart, closings);
     } else {
         std::shared_ptr<Kept> kept;
         for (; next < batch.size(); ++next) {
@@ -589,7 +594,8 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
             try {
                 swapped.push_back(swapIn(r, entry, open, kept));
             } catch (...) {
-                recordFailed(r, entry, std::current_exception(), done);
+                recordFailed(r, entry, std::current_exception(), closings);
+                flush(closings);
             }
         }
     }
@@ -622,12 +628,12 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         try {
             finish(s, again);
         } catch (...) {
-            auto error = engine::explained(std::current_exception(), s.target.target);
-            engine::closeEntry(journal, s.entry, error);
-            done(s.target, {0, error});
+            recordFailed(s.target, s.entry, std::current_exception(), closings, false);
+            flush(closings);
             continue;
         }
-        recordReplaced(s, done);
+        recordReplaced(s, closings);
+        flush(closings);
     }
 }
 

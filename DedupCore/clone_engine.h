@@ -128,6 +128,7 @@ private:
     struct Kept;
     struct Swapped;
     struct OpenList;
+    struct Closings;
     using Done = std::function<void(const Replacement&, const Outcome&)>;
     // Whether each volume can clone, found out on its first copy that cannot be shared in place;
     // shared by copies of the engine.
@@ -143,12 +144,14 @@ private:
     // Shares a batch in place: copies of one group go to the kernel together. Answers how many
     // replacements were started.
     size_t shareBatch(const std::vector<Replacement>& batch, std::vector<JournalEntry>& announced,
-                      const std::function<bool(const Replacement&)>& willStart, const Done& done);
-    void shareTogether(std::vector<Swapped>& copies, const Done& done);
+                      const std::function<bool(const Replacement&)>& willStart, Closings& closings);
+    void shareTogether(std::vector<Swapped>& copies, Closings& closings);
     void verifyShared(Swapped& swapped, const std::optional<CloneInfo>& keptClones);
-    void recordReplaced(Swapped& swapped, const Done& done);
+    // Closing entries and outcomes are gathered, then written in one go and reported by flush().
+    void recordReplaced(Swapped& swapped, Closings& closings);
     void recordFailed(const Replacement& replacement, const JournalEntry& entry, std::exception_ptr error,
-                      const Done& done);
+                      Closings& closings, bool vanishedIsSkip = true);
+    void flush(Closings& closings);
     void swapByClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
     void finish(Swapped& swapped, OpenList& open);
     void step(Step step, const std::string& temporary) const;

@@ -13,11 +13,18 @@
 namespace dedup {
 
 size_t CloneEngine::shareBatch(const std::vector<Replacement>& batch, std::vector<JournalEntry>& announced,
-                               const std::function<bool(const Replacement&)>& willStart, const Done& done) {
+                               const std::function<bool(const Replacement&)>& willStart, Closings& closings) {
     OpenList open;  // never read: nothing here asks who has a copy open
     std::shared_ptr<Kept> kept;
     std::vector<Swapped> together;
     together.reserve(sharedTogether);
+    // A group's closing entries go to the journal in one write once its call has ended; copies
+    // left alone at their first look wait for the same write.
+    auto send = [&] {
+        shareTogether(together, closings);
+        together.clear();
+        flush(closings);
+    };
     size_t next = 0;
     for (; next < batch.size(); ++next) {
         const Replacement& r = batch[next];
@@ -26,7 +33,7 @@ size_t CloneEngine::shareBatch(const std::vector<Replacement>& batch, std::vecto
         if (!together.empty() && (together.front().target.source != r.source ||
                                   together.front().original.size != r.expected.size ||
                                   together.size() >= sharedTogether)) {
-            shareTogether(together, done);
+            send();
         }
         JournalEntry& entry = announced[next];
         try {
@@ -35,20 +42,16 @@ size_t CloneEngine::shareBatch(const std::vector<Replacement>& batch, std::vecto
             s.entry = entry;
             together.push_back(std::move(s));
         } catch (...) {
-            recordFailed(r, entry, std::current_exception(), done);
+            recordFailed(r, entry, std::current_exception(), closings);
         }
     }
     // Started copies always run to their end, also when the batch stops early.
-    shareTogether(together, done);
+    send();
     return next;
 }
 
-void CloneEngine::shareTogether(std::vector<Swapped>& copies, const Done& done) {
+void CloneEngine::shareTogether(std::vector<Swapped>& copies, Closings& closings) {
     if (copies.empty()) return;
-    struct Clear {
-        std::vector<Swapped>& copies;
-        ~Clear() { copies.clear(); }
-    } clear{copies};
     std::shared_ptr<Kept> kept = copies.front().kept;
     const int64_t length = copies.front().original.size;
 
@@ -62,7 +65,7 @@ void CloneEngine::shareTogether(std::vector<Swapped>& copies, const Done& done) 
         const auto& expected = copies.front().target.keptExpected;
         if (expected && !now.isSameVersion(*expected)) keptChanged = SkipReason::changedSinceScan;
     } catch (...) {
-        for (auto& s : copies) recordFailed(s.target, s.entry, std::current_exception(), done);
+        for (auto& s : copies) recordFailed(s.target, s.entry, std::current_exception(), closings);
         return;
     }
     for (auto& s : copies) {
@@ -74,7 +77,7 @@ void CloneEngine::shareTogether(std::vector<Swapped>& copies, const Done& done) 
             if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
             asked.push_back(&s);
         } catch (...) {
-            recordFailed(s.target, s.entry, std::current_exception(), done);
+            recordFailed(s.target, s.entry, std::current_exception(), closings);
         }
     }
     if (asked.empty()) return;
@@ -89,7 +92,7 @@ void CloneEngine::shareTogether(std::vector<Swapped>& copies, const Done& done) 
         // The kernel refused the call as a whole: each copy says so under its own name.
         for (auto* s : asked) {
             recordFailed(s->target, s->entry,
-                         std::make_exception_ptr(SystemError(refused.call, s->target.target, refused.code)), done);
+                         std::make_exception_ptr(SystemError(refused.call, s->target.target, refused.code)), closings);
         }
         return;
     }
@@ -119,11 +122,11 @@ void CloneEngine::shareTogether(std::vector<Swapped>& copies, const Done& done) 
             verifyShared(s, keptClones);
             step(Step::verified, "");
         } catch (...) {
-            recordFailed(s.target, s.entry, std::current_exception(), done);
+            recordFailed(s.target, s.entry, std::current_exception(), closings);
             continue;
         }
         if (coordinate) platform::releaseLease(s.held);
-        recordReplaced(s, done);
+        recordReplaced(s, closings);
     }
 }
 

@@ -6,6 +6,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "clone_engine.h"
 #include "journal.h"
@@ -68,6 +70,15 @@ struct CloneEngine::OpenList {
     }
 };
 
+// Replacements that have ended: their closing entries are written to the journal in one go (they
+// need no sync: one lost only makes the recovery look at a finished replacement again), then their
+// outcomes are reported, in order.
+struct CloneEngine::Closings {
+    const Done& done;
+    std::vector<JournalEntry> entries;
+    std::vector<std::pair<Replacement, Outcome>> outcomes;
+};
+
 namespace engine {
 
 // A file's metadata read on its open descriptor.
@@ -76,9 +87,9 @@ Snapshot snapshotOf(const platform::FileDescriptor& fd, const std::string& path)
 std::exception_ptr vanishedAsSkip(std::exception_ptr error, const CloneEngine::Replacement& r);
 // Every failed call reaches the journal and the caller in a user's words.
 std::exception_ptr explained(std::exception_ptr error, const std::string& file);
-// Journals the entry as skipped or failed with the error's text; an undo that must stay open for
-// the recovery is not closed.
-void closeEntry(Journal* journal, JournalEntry entry, std::exception_ptr error);
+// The entry closed as skipped or failed with the error's text; none for an undo whose entry must
+// stay open for the recovery.
+std::optional<JournalEntry> closingOf(JournalEntry entry, std::exception_ptr error);
 
 }  // namespace engine
 
