@@ -297,7 +297,13 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
     return swapped;
 }
 
-void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement& r) {
+void CloneEngine::removeClone(Swapped& s) {
+    if (s.linked && isFile(platform::statusIn(s.folder, s.temporaryName, s.temporary), s.cloneStatus)) {
+        platform::tryRemoveIn(s.folder, s.temporaryName);
+    }
+}
+
+void CloneEngine::buildClone(Swapped& s, JournalEntry& entry, const Replacement& r) {
     const std::string folder = parentOf(r.target);
     s.attributes = XAttr::all(s.held, r.target);
     if (restoreFolderDates) s.folderTimes = platform::timesOf(s.folder, folder);
@@ -314,18 +320,13 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
     // crash leaves nothing behind. Only once its bytes and metadata are right does it get its
     // temporary name, announced in the journal together with its identity first.
     s.clone = platform::anonymousFileIn(s.folder, s.temporary);
-    bool named = !s.clone;
-    if (named) {
+    s.named = !s.clone;
+    if (s.named) {
         // Announced before anything exists on disk, so a crash from here on leaves a journalled leftover.
         if (journal && !announced) journal->append(entry);
         s.clone = platform::createFileIn(s.folder, s.temporaryName, s.temporary);
     }
-    bool linked = named;
-    auto removeClone = [&] {
-        if (linked && isFile(platform::statusIn(s.folder, s.temporaryName, s.temporary), s.cloneStatus)) {
-            platform::tryRemoveIn(s.folder, s.temporaryName);
-        }
-    };
+    s.linked = s.named;
     s.cloneStatus = platform::statusOf(s.clone, s.temporary);
 
     try {
@@ -340,29 +341,41 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
         // Dates go on after the comparison, which reads the clone and would move its access time.
         platform::setTimes(s.clone, s.before.times, s.temporary);
         s.cloneStatus = platform::statusOf(s.clone, s.temporary);
-        if (!named) {
-            Snapshot clone = engine::snapshotOf(s.clone, s.temporary);
-            entry.after = clone;
-            if (journal) journal->append(entry);
+        // What the journal must hold before the clone gets a name; the caller writes it.
+        if (!s.named) entry.after = engine::snapshotOf(s.clone, s.temporary);
+    } catch (...) {
+        removeClone(s);
+        throw;
+    }
+}
+
+void CloneEngine::placeClone(Swapped& s, const Replacement& r) {
+    const std::string folder = parentOf(r.target);
+    FolderDates dates{s.folder, folder, s.folderTimes};
+    try {
+        if (!s.linked) {
             platform::linkInto(s.clone, s.folder, s.temporaryName, s.temporary);
-            linked = true;
+            s.linked = true;
             s.cloneStatus = platform::statusOf(s.clone, s.temporary);
         }
         // Opened by a program since the first look: it would keep writing to the replaced copy.
         if (!coordinate && platform::openElsewhere(s.held) == true) throw Skip(SkipReason::inUse);
         step(Step::compared, s.temporary);
         if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
+        // Other clones of the batch may have been made since this copy was compared: it must still
+        // be the version compared.
+        if (!platform::statusOf(s.held, r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
         // The copy's name must still name the copy that was compared: a program may have saved a
         // new file over it meanwhile, and that one is not ours to move.
         if (!isFile(platform::statusIn(s.folder, s.name, r.target), s.original)) throw Skip(SkipReason::changedSinceScan);
     } catch (...) {
-        removeClone();
+        removeClone(s);
         throw;
     }
 
     if (!platform::exchangeIn(s.folder, s.temporaryName, s.name)) {
         int code = errno;
-        removeClone();
+        removeClone(s);
         throw SystemError("renameat2", r.target, code);
     }
 
@@ -382,6 +395,14 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
         undoSwap(s);
         throw;
     }
+}
+
+void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement& r) {
+    buildClone(s, entry, r);
+    // The unnamed clone's identity is made durable before it gets a name, so that the recovery
+    // after a power cut can tell the engine's own clone from anything else.
+    if (!s.named && journal) journal->append(entry);
+    placeClone(s, r);
 }
 
 // Puts the replaced copy back at its name after a failure past the exchange. Removes only what is
@@ -544,6 +565,55 @@ void CloneEngine::recordFailed(const Replacement& r, const JournalEntry& entry, 
     closings.outcomes.emplace_back(r, Outcome{0, error});
 }
 
+size_t CloneEngine::cloneBatch(const std::vector<Replacement>& batch, std::vector<JournalEntry>& announced,
+                               const std::function<bool(const Replacement&)>& willStart, OpenList& open,
+                               Closings& closings, std::vector<Swapped>& swapped) {
+    // Every clone of the batch is built first, without a name; then one journal write, synced
+    // once, makes all their identities durable; only then does each get its name and take the
+    // copy's place. One wait for the disk per batch instead of one per copy.
+    std::shared_ptr<Kept> kept;
+    std::vector<std::pair<Swapped, size_t>> built;
+    size_t next = 0;
+    for (; next < batch.size(); ++next) {
+        const Replacement& r = batch[next];
+        if (willStart && !willStart(r)) break;
+        JournalEntry& entry = announced[next];
+        try {
+            Swapped s = look(r, entry, open, kept);
+            buildClone(s, entry, r);
+            built.emplace_back(std::move(s), next);
+        } catch (...) {
+            recordFailed(r, entry, std::current_exception(), closings);
+        }
+    }
+    std::vector<JournalEntry> identities;
+    for (const auto& [s, index] : built) {
+        if (!s.named) identities.push_back(announced[index]);
+    }
+    try {
+        if (journal) journal->append(identities);
+    } catch (...) {
+        // No clone may get a name that the journal could not announce: the unnamed ones vanish.
+        auto error = std::current_exception();
+        for (auto& [s, index] : built) {
+            if (!s.named) recordFailed(batch[index], announced[index], error, closings);
+        }
+        std::erase_if(built, [](const auto& b) { return !b.first.named; });
+    }
+    flush(closings);
+    for (auto& [s, index] : built) {
+        try {
+            placeClone(s, batch[index]);
+            s.entry = announced[index];
+            swapped.push_back(std::move(s));
+        } catch (...) {
+            recordFailed(batch[index], announced[index], std::current_exception(), closings);
+            flush(closings);
+        }
+    }
+    return next;
+}
+
 void CloneEngine::replace(const std::vector<Replacement>& batch,
                           const std::function<bool(const Replacement&)>& willStart, const Done& done) {
     const bool swaps = strategy == Strategy::cloneAndSwap;
@@ -585,7 +655,9 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
     size_t next = 0;
     if (!swaps) {
         next = shareBatch(batch, announced, willStart, closings);
-    } else {
+    } else if (coordinate) {
+        // A write lease makes every other program that opens the copy wait: each copy is taken
+        // through to its exchange on its own, holding its lease only meanwhile.
         std::shared_ptr<Kept> kept;
         for (; next < batch.size(); ++next) {
             const Replacement& r = batch[next];
@@ -598,6 +670,8 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
                 flush(closings);
             }
         }
+    } else {
+        next = cloneBatch(batch, announced, willStart, open, closings, swapped);
     }
     // Announced but never begun: closed now, so that no recovery takes them for interrupted.
     if (journal && next < batch.size()) {

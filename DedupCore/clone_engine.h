@@ -153,6 +153,17 @@ private:
                       Closings& closings, bool vanishedIsSkip = true);
     void flush(Closings& closings);
     void swapByClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
+    // Clone and swap in two steps: the clone is made (unnamed where the file system allows),
+    // compared and given the copy's metadata; then, once the journal holds its identity, it is
+    // named and exchanged with the copy.
+    void buildClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
+    void placeClone(Swapped& swapped, const Replacement& replacement);
+    void removeClone(Swapped& swapped);
+    // Clone and swap of a batch with one journal sync for all its clones' identities. Answers how
+    // many replacements were started; those exchanged wait in `swapped` for their removal.
+    size_t cloneBatch(const std::vector<Replacement>& batch, std::vector<JournalEntry>& announced,
+                      const std::function<bool(const Replacement&)>& willStart, OpenList& open,
+                      Closings& closings, std::vector<Swapped>& swapped);
     void finish(Swapped& swapped, OpenList& open);
     void step(Step step, const std::string& temporary) const;
     bool canClone(Swapped& swapped) const;

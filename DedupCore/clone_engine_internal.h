@@ -56,6 +56,8 @@ struct CloneEngine::Swapped {
     std::optional<Snapshot> after;
     Attributes attributes;
     bool leases = true;  // the kernel answers whether the copy is open elsewhere
+    bool named = false;  // the clone was made under its temporary name (no unnamed files here)
+    bool linked = false;  // the clone has its temporary name
     const platform::FileDescriptor& source() const { return kept->fd; }
 };
 
