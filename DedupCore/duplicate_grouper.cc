@@ -80,6 +80,7 @@ public:
     DuplicateFinder::Grouping run(const std::vector<ScannedFile>& files) {
         files_ = &files;
         bucketBySize(files);
+        rememberKept();
         std::vector<Candidate> candidates;
         for (auto& bucket : buckets_) {
             if (cancelled()) break;
@@ -95,6 +96,7 @@ public:
         auto needsWholeFile = [](const Bucket& b) { return b.size > ContentHash::partialLimit; };
         digestWholeFiles(candidates, needsWholeFile);
         candidates = splitByDigest(candidates, needsWholeFile);
+        if (finder_.cache) finder_.cache->forgetRemembered();
         DuplicateFinder::Grouping result;
         for (auto& candidate : candidates) result.groups.push_back(makeGroup(candidate));
         std::stable_sort(result.groups.begin(), result.groups.end(), [](const auto& a, const auto& b) {
@@ -153,6 +155,16 @@ private:
     }
 
     const ScannedFile& file(size_t member) const { return (*files_)[pool_[member].index]; }
+
+    // Every file whose size another shares is asked about up to three times (its prefix digest,
+    // its blocks, its whole digest): the cache reads what it keeps of all of them in one pass.
+    void rememberKept() {
+        if (!finder_.cache || pool_.empty()) return;
+        std::vector<const ScannedFile*> kept;
+        kept.reserve(pool_.size());
+        for (size_t i = 0; i < pool_.size(); ++i) kept.push_back(&file(i));
+        finder_.cache->remember(kept);
+    }
 
     // The extent map is read only for files whose size and prefix another file shares: most files
     // of a common size differ in their first bytes, and a digest from the cache costs no reading.
