@@ -43,6 +43,38 @@ constexpr size_t foldersReadAhead = 32;
 
 }  // namespace
 
+bool InodeSet::add(const InodeKey& key) {
+    if (key == InodeKey{}) {
+        bool isNew = !hasZero_;
+        hasZero_ = true;
+        size_ += isNew ? 1 : 0;
+        return isNew;
+    }
+    // At most half full, so that a search meets a free slot within a few steps.
+    if (2 * (size_ + 1) > slots_.size()) grow();
+    const size_t mask = slots_.size() - 1;
+    for (size_t at = InodeKeyHash{}(key) & mask;; at = (at + 1) & mask) {
+        if (slots_[at] == key) return false;
+        if (slots_[at] == InodeKey{}) {
+            slots_[at] = key;
+            ++size_;
+            return true;
+        }
+    }
+}
+
+void InodeSet::grow() {
+    std::vector<InodeKey> old = std::move(slots_);
+    slots_.assign(std::max<size_t>(1024, 2 * old.size()), InodeKey{});
+    const size_t mask = slots_.size() - 1;
+    for (const InodeKey& key : old) {
+        if (key == InodeKey{}) continue;
+        size_t at = InodeKeyHash{}(key) & mask;
+        while (!(slots_[at] == InodeKey{})) at = (at + 1) & mask;
+        slots_[at] = key;
+    }
+}
+
 Walk::Walk(ScanOptions options_) : options(std::move(options_)) {}
 
 bool Walk::isVolumeSystemFolder(const std::string& name) {
@@ -101,7 +133,7 @@ void Walk::visit(const std::string& root) {
             clones = CloneInfo::read(root);
         } catch (const SystemError&) {
         }
-        if (inodes.insert({status.device, status.inode}).second) {
+        if (inodes.add({status.device, status.inode})) {
             files.push_back({root, status, clones});
         }
         return;
@@ -159,7 +191,7 @@ void Walk::visitFolder(const std::string& folder, uint64_t device,
                 continue;
             }
             if (unfiltered ? entry.name == ".DS_Store" : !includes(entry)) continue;
-            if (!inodes.insert({st.device, st.inode}).second) continue;
+            if (!inodes.add({st.device, st.inode})) continue;
             files.push_back({std::move(path), st, std::move(entry.clones)});
         }
     }

@@ -33,6 +33,22 @@ struct InodeKeyHash {
     }
 };
 
+// The files a walk has met, by device and inode, in one flat table: a walk meets every file of the
+// tree, and a heap node per file cost more than listing the file did.
+class InodeSet {
+public:
+    // True when `key` was not in the set yet.
+    bool add(const InodeKey& key);
+    size_t size() const { return size_; }
+
+private:
+    void grow();
+
+    std::vector<InodeKey> slots_;  // a power of two of them; {0, 0} marks a free slot
+    size_t size_ = 0;
+    bool hasZero_ = false;  // {0, 0} itself, which cannot be told from a free slot
+};
+
 struct Walk {
     ScanOptions options;
     std::function<void(const ScanProgress&)> progress;  // once per folder entered
@@ -43,7 +59,7 @@ struct Walk {
     bool unfiltered = false;  // take every regular file and enter every folder (tree comparison)
     std::vector<std::pair<std::string, std::string>> links;  // unfiltered only: (path, destination)
     std::unordered_set<std::string> folders;
-    std::unordered_set<InodeKey, InodeKeyHash> inodes;
+    InodeSet inodes;
 
     explicit Walk(ScanOptions options = {});
 

@@ -42,6 +42,23 @@ TEST(WalkTest, EachFileOnceAcrossHardLinksAndNestedRoots) {
     EXPECT_TRUE(walk.folders.contains(dir.path("a/b")));
 }
 
+// The set that keeps a walk from taking a file twice: a pair is met once whatever else the table
+// holds, and the same inode number on another device is another file.
+TEST(WalkTest, InodeSetTellsEveryPairApartThroughItsGrowth) {
+    InodeSet set;
+    std::set<std::pair<uint64_t, uint64_t>> reference;
+    for (uint64_t i = 0; i < 20000; ++i) {
+        // Sequential inodes on two devices, and numbers that differ only in their high bits.
+        for (InodeKey key : {InodeKey{7, i}, InodeKey{8, i}, InodeKey{7, i << 40}, InodeKey{0, i % 3}}) {
+            EXPECT_EQ(set.add(key), reference.insert({key.device, key.inode}).second) << key.device << ":" << key.inode;
+        }
+    }
+    EXPECT_EQ(set.size(), reference.size());
+    EXPECT_FALSE(set.add({0, 0}));
+    EXPECT_FALSE(set.add({8, 19999}));
+    EXPECT_TRUE(set.add({9, 19999}));
+}
+
 TEST(WalkTest, FileRulesSizeExtensionNamesAndTemporaries) {
     test::TempDir dir;
     test::writeFile(dir.path("empty"), "");
