@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 
 #include "hash_cache.h"
@@ -80,12 +81,16 @@ public:
     DuplicateFinder::Grouping run(const std::vector<ScannedFile>& files) {
         files_ = &files;
         bucketBySize(files);
-        rememberKept();
         std::vector<Candidate> candidates;
-        for (auto& bucket : buckets_) {
-            if (cancelled()) break;
-            Candidate all{&bucket, formUnits(bucket, bucket.files)};
-            if (worthHashing(all)) candidates.push_back(std::move(all));
+        {
+            // The cache reads what it keeps while the units are formed, which asks nothing of it.
+            std::jthread remembering;
+            if (finder_.cache && !pool_.empty()) remembering = std::jthread([this] { rememberKept(); });
+            for (auto& bucket : buckets_) {
+                if (cancelled()) break;
+                Candidate all{&bucket, formUnits(bucket, bucket.files)};
+                if (worthHashing(all)) candidates.push_back(std::move(all));
+            }
         }
         digestPrefixes(candidates);
         candidates = splitByDigest(candidates, [](const Bucket&) { return true; });
@@ -158,12 +163,16 @@ private:
 
     // Every file whose size another shares is asked about up to three times (its prefix digest,
     // its blocks, its whole digest): the cache reads what it keeps of all of them in one pass.
-    void rememberKept() {
-        if (!finder_.cache || pool_.empty()) return;
-        std::vector<const ScannedFile*> kept;
-        kept.reserve(pool_.size());
-        for (size_t i = 0; i < pool_.size(); ++i) kept.push_back(&file(i));
-        finder_.cache->remember(kept);
+    // Runs beside the forming of units: reads only the pool, which is complete by then. Without
+    // it every lookup goes to the database, so a failure costs time, never an answer.
+    void rememberKept() noexcept {
+        try {
+            std::vector<const ScannedFile*> kept;
+            kept.reserve(pool_.size());
+            for (size_t i = 0; i < pool_.size(); ++i) kept.push_back(&file(i));
+            finder_.cache->remember(kept);
+        } catch (const std::exception&) {
+        }
     }
 
     // The extent map is read only for files whose size and prefix another file shares: most files
