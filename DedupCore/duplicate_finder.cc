@@ -25,6 +25,8 @@ ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const Pr
         if (!stopped && isCancelled && isCancelled()) stopped = true;
         return stopped.load();
     };
+    // From a cold cache the database is read while the walk waits on the folders.
+    if (cache) cache->readAhead();
     Walk walk(options);
     walk.progress = progress;
     walk.isCancelled = latch;

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <map>
 
+#include "platform/file_io.h"
 #include "platform/system.h"
 #include "scan_options.h"
 
@@ -22,7 +23,7 @@ constexpr int writesSkippedWhenLocked = 2048;
 const char* columnName(HashCache::Kind kind) { return kind == HashCache::Kind::partial ? "partial" : "full"; }
 
 HashCache::HashCache(const std::string& path, std::string journal)
-    : journal_(journal.empty() ? Locations::journal() : std::move(journal)) {
+    : path_(path), journal_(journal.empty() ? Locations::journal() : std::move(journal)) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     // Every use of the connection holds lock_, so SQLite's own lock around each call, a dozen of
     // them per record read, would only be paid for twice.
@@ -376,6 +377,18 @@ void HashCache::remember(const std::vector<const ScannedFile*>& files) {
         for (size_t k = 0; k < inodes.size(); ++k) records[k].inode = inodes[k];
         eachRecord(volume, inodes, recordColumns, [&](size_t k, sqlite3_stmt* row) { records[k] = decoded(row); });
         remembered_[volume] = std::move(records);
+    }
+}
+
+void HashCache::readAhead() const {
+    // Beyond this much the database would push out of memory what the scan reads itself.
+    constexpr int64_t atMost = int64_t{256} << 20;
+    for (const std::string& file : {path_, path_ + "-wal"}) {
+        try {
+            platform::FileDescriptor fd = platform::openForReading(file);
+            platform::readAhead(fd, 0, atMost);
+        } catch (const SystemError&) {
+        }
     }
 }
 

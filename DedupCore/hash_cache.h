@@ -100,6 +100,9 @@ public:
     // three. Every answer is still checked against the file's version as asked; what is written
     // for these files meanwhile is not seen, which only makes such a file be read again.
     void remember(const std::vector<const ScannedFile*>& files);
+    // Asks the kernel to bring the database into memory in the background, so that a scan from a
+    // cold cache finds it read by the time it looks anything up. Never fails.
+    void readAhead() const;
     void forgetRemembered();
 
     // What one record says of one inode, decoded once: what remember() keeps.
@@ -143,6 +146,7 @@ private:
     void commit();
 
     std::mutex lock_;
+    const std::string path_;
     std::string journal_;
     sqlite3* db_ = nullptr;
     std::unordered_map<std::string, sqlite3_stmt*> statements_;
