@@ -1,6 +1,7 @@
 #include "duplicate_finder.h"
 
 #include <atomic>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -26,7 +27,8 @@ ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const Pr
         return stopped.load();
     };
     // From a cold cache the database is read while the walk waits on the folders.
-    if (cache) cache->readAhead();
+    std::jthread readingAhead;
+    if (cache) readingAhead = std::jthread([this] { cache->readAhead(); });
     Walk walk(options);
     walk.progress = progress;
     walk.isCancelled = latch;

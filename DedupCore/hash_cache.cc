@@ -383,10 +383,13 @@ void HashCache::remember(const std::vector<const ScannedFile*>& files) {
 void HashCache::readAhead() const {
     // Beyond this much the database would push out of memory what the scan reads itself.
     constexpr int64_t atMost = int64_t{256} << 20;
+    // The kernel reads ahead at most a few megabytes per request, whatever length it is given.
+    constexpr int64_t step = int64_t{2} << 20;
     for (const std::string& file : {path_, path_ + "-wal"}) {
         try {
             platform::FileDescriptor fd = platform::openForReading(file);
-            platform::readAhead(fd, 0, atMost);
+            const int64_t size = std::min(atMost, FileStatus::read(file).size);
+            for (int64_t offset = 0; offset < size; offset += step) platform::readAhead(fd, offset, step);
         } catch (const SystemError&) {
         }
     }

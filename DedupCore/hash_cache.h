@@ -100,8 +100,9 @@ public:
     // three. Every answer is still checked against the file's version as asked; what is written
     // for these files meanwhile is not seen, which only makes such a file be read again.
     void remember(const std::vector<const ScannedFile*>& files);
-    // Asks the kernel to bring the database into memory in the background, so that a scan from a
-    // cold cache finds it read by the time it looks anything up. Never fails.
+    // Has the kernel bring the database into memory, so that a scan from a cold cache finds it
+    // read by the time it looks anything up; meant for a thread of its own beside the walk. May
+    // run beside any other call. Never fails.
     void readAhead() const;
     void forgetRemembered();
 
