@@ -148,27 +148,33 @@ void Walk::visit(const std::string& root) {
         FolderPrefetch*& prefetch;
         ~Forget() { prefetch = nullptr; }
     } forget{prefetch_};
-    std::vector<std::string> stack{root};
+    // Each folder with the identity it had when listed: a folder on the way swapped for a link
+    // since then must not lead the walk out of the tree.
+    std::vector<std::pair<std::string, FolderIdentity>> stack{{root, FolderIdentity{status.device, status.inode}}};
     while (!stack.empty()) {
-        std::string folder = std::move(stack.back());
+        auto [folder, identity] = std::move(stack.back());
         stack.pop_back();
         if (isCancelled && isCancelled()) return;
-        visitFolder(folder, status.device, [&](std::string path) {
-            prefetch.request(path);
-            stack.push_back(std::move(path));
-        });
+        visitFolder(
+            folder, status.device,
+            [&](std::string path, FolderIdentity listed) {
+                prefetch.request(path, listed);
+                stack.emplace_back(std::move(path), listed);
+            },
+            identity);
     }
 }
 
 void Walk::visitFolder(const std::string& folder, uint64_t device,
-                       const std::function<void(std::string)>& subfolder) {
+                       const std::function<void(std::string, FolderIdentity)>& subfolder,
+                       std::optional<FolderIdentity> expected) {
     folders.insert(folder);
     if (progress) {
         progress(ScanProgress{ScanProgress::Phase::walking, static_cast<int64_t>(files.size()), 0, folder});
     }
     std::vector<DirectoryEntry> entries;
     try {
-        entries = prefetch_ ? prefetch_->take(folder) : DirectoryReader::read(folder);
+        entries = prefetch_ ? prefetch_->take(folder, expected) : DirectoryReader::read(folder, expected);
     } catch (const SystemError&) {
         unreadable.push_back(folder);
         return;
@@ -184,7 +190,7 @@ void Walk::visitFolder(const std::string& folder, uint64_t device,
             if (!descends(path, entry.name, *atVolumeRoot)) continue;
             // The listing's status is the folder's own (the kernel crosses into a mounted file
             // system), so a mount point or a Btrfs subvolume shows another device here.
-            if (st.device == device) subfolder(std::move(path));
+            if (st.device == device) subfolder(std::move(path), FolderIdentity{st.device, st.inode});
         } else if (st.isSymbolicLink()) {
             if (unfiltered) links.emplace_back(path, platform::readLink(path));
         } else if (st.isRegularFile()) {

@@ -66,9 +66,11 @@ struct Walk {
     // Walks one root (a folder or a single file). A single-file root is taken without filters.
     void visit(const std::string& root);
 
-    // Reads one folder; hands every folder to be entered to `subfolder`.
+    // Reads one folder, if it is still `expected` (when given); hands every folder to be entered to
+    // `subfolder`, with the identity its listing gave it.
     void visitFolder(const std::string& folder, uint64_t device,
-                     const std::function<void(std::string)>& subfolder);
+                     const std::function<void(std::string, FolderIdentity)>& subfolder,
+                     std::optional<FolderIdentity> expected = std::nullopt);
 
     bool descends(const std::string& path, const std::string& name, bool atVolumeRoot) const;
     bool includes(const DirectoryEntry& entry) const;
