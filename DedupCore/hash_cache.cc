@@ -372,10 +372,11 @@ void HashCache::remember(const std::vector<const ScannedFile*>& files) {
     for (auto& [volume, inodes] : byVolume) {
         std::sort(inodes.begin(), inodes.end());
         inodes.erase(std::unique(inodes.begin(), inodes.end()), inodes.end());
-        // A record for every inode asked about, found or not: "none kept" is an answer too.
-        std::vector<Record> records(inodes.size());
-        for (size_t k = 0; k < inodes.size(); ++k) records[k].inode = inodes[k];
-        eachRecord(volume, inodes, recordColumns, [&](size_t k, sqlite3_stmt* row) { records[k] = decoded(row); });
+        // Only the records found: a first scan, which finds none, holds nothing more than before,
+        // and a file not among them is asked of the database as before. They come in inode order.
+        std::vector<Record> records;
+        eachRecord(volume, inodes, recordColumns, [&](size_t, sqlite3_stmt* row) { records.push_back(decoded(row)); });
+        records.shrink_to_fit();
         remembered_[volume] = std::move(records);
     }
 }

@@ -135,7 +135,7 @@ private:
     // Moves the records of a database made before they were kept in key order into a table that
     // is; left as it is when another process holds the database.
     void keepInKeyOrder();
-    // The remembered record of each inode asked about on a volume, in inode order.
+    // The remembered records of a volume, in inode order.
     std::vector<Record>* remembered(const std::string& volume);
     // The volume a write of `file` goes to, with a transaction begun; none while writes are left
     // out or the file's disk has no identifier.
