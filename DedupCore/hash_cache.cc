@@ -191,21 +191,26 @@ constexpr const char* recordColumns =
 constexpr uint8_t recordFound = 1, versioned = 2, hasPartial = 4, hasFull = 8, oddPartial = 16, oddFull = 32,
                   hasStamp = 64, hasCloneKind = 128;
 
-int hexValue(unsigned char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    return -1;
-}
+// The value of each lower-case hexadecimal digit; 16 for any other character. A table, as two
+// digests of every remembered record go through it.
+constexpr std::array<unsigned char, 256> hexValues = [] {
+    std::array<unsigned char, 256> values{};
+    values.fill(16);
+    for (int c = 0; c < 10; ++c) values['0' + c] = static_cast<unsigned char>(c);
+    for (int c = 0; c < 6; ++c) values['a' + c] = static_cast<unsigned char>(10 + c);
+    return values;
+}();
 
 bool fromHex(sqlite3_stmt* row, int column, std::array<unsigned char, 32>& bytes) {
     const auto* text = sqlite3_column_text(row, column);
     if (!text || sqlite3_column_bytes(row, column) != 64) return false;
+    unsigned char invalid = 0;
     for (size_t i = 0; i < bytes.size(); ++i) {
-        int high = hexValue(text[2 * i]), low = hexValue(text[2 * i + 1]);
-        if (high < 0 || low < 0) return false;
-        bytes[i] = static_cast<unsigned char>(high << 4 | low);
+        unsigned char high = hexValues[text[2 * i]], low = hexValues[text[2 * i + 1]];
+        invalid |= (high | low) & 16;
+        bytes[i] = static_cast<unsigned char>(high << 4 | (low & 15));
     }
-    return true;
+    return invalid == 0;
 }
 
 std::string hexText(const std::array<unsigned char, 32>& bytes) {

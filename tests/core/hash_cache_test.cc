@@ -131,7 +131,9 @@ TEST_F(HashCacheBlocksTest, RememberedRecordsAnswerAsTheDatabaseForTheirVersionA
         foreign.push_back(f);
         if (i % 5 == 4) continue;  // no record
         cache.store(hex(i), HashCache::Kind::partial, files[i]);
-        if (i % 3 == 0) cache.store(i % 2 ? "odd text" : hex(1000 + i), HashCache::Kind::full, files[i]);
+        // Texts other than 64 hexadecimal digits are served as they were stored, too.
+        const std::string odd = i % 4 == 1 ? "odd text" : std::string(63, '0') + "Z";
+        if (i % 3 == 0) cache.store(i % 2 ? odd : hex(1000 + i), HashCache::Kind::full, files[i]);
         if (i % 4 != 3) cache.storeBlocks(files[i], shared(i + 1), stamp);
         cache.store(hex(5000 + i), HashCache::Kind::full, foreign[i]);
     }
@@ -152,7 +154,8 @@ TEST_F(HashCacheBlocksTest, RememberedRecordsAnswerAsTheDatabaseForTheirVersionA
     const auto blocks = cache.blocks(all, stamp);
     ASSERT_TRUE(digests[0] && digests[1] && blocks[0]);
     EXPECT_EQ(*digests[2], hex(5000));
-    EXPECT_EQ(digests[3 * 3 + 1], "odd text");
+    EXPECT_EQ(digests[3 * 3 + 1], std::string(63, '0') + "Z");
+    EXPECT_EQ(digests[3 * 21 + 1], "odd text");
     EXPECT_FALSE(digests.back());
 
     cache.remember(all);
