@@ -28,7 +28,7 @@ ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const Pr
     };
     // From a cold cache the database is read while the walk waits on the folders.
     std::jthread readingAhead;
-    if (cache) readingAhead = std::jthread([this] { cache->readAhead(); });
+    if (cache) readingAhead = std::jthread([this](std::stop_token stop) { cache->readAhead(stop); });
     Walk walk(options);
     walk.progress = progress;
     walk.isCancelled = latch;

@@ -80,6 +80,13 @@ public:
     // whole files, read side by side.
     DuplicateFinder::Grouping run(const std::vector<ScannedFile>& files) {
         files_ = &files;
+        // What the cache remembers for this grouping is let go however the grouping ends.
+        struct Forget {
+            HashCache* cache;
+            ~Forget() {
+                if (cache) cache->forgetRemembered();
+            }
+        } forget{finder_.cache};
         bucketBySize(files);
         std::vector<Candidate> candidates;
         {
@@ -101,7 +108,7 @@ public:
         auto needsWholeFile = [](const Bucket& b) { return b.size > ContentHash::partialLimit; };
         digestWholeFiles(candidates, needsWholeFile);
         candidates = splitByDigest(candidates, needsWholeFile);
-        if (finder_.cache) finder_.cache->forgetRemembered();
+        if (finder_.cache) finder_.cache->forgetRemembered();  // before the groups are made: memory
         DuplicateFinder::Grouping result;
         for (auto& candidate : candidates) result.groups.push_back(makeGroup(candidate));
         std::stable_sort(result.groups.begin(), result.groups.end(), [](const auto& a, const auto& b) {

@@ -386,7 +386,7 @@ void HashCache::remember(const std::vector<const ScannedFile*>& files) {
     }
 }
 
-void HashCache::readAhead() const {
+void HashCache::readAhead(std::stop_token stop) const {
     // Beyond this much the database would push out of memory what the scan reads itself.
     constexpr int64_t atMost = int64_t{256} << 20;
     // The kernel reads ahead at most a few megabytes per request, whatever length it is given.
@@ -395,7 +395,9 @@ void HashCache::readAhead() const {
         try {
             platform::FileDescriptor fd = platform::openForReading(file);
             const int64_t size = std::min(atMost, FileStatus::read(file).size);
-            for (int64_t offset = 0; offset < size; offset += step) platform::readAhead(fd, offset, step);
+            for (int64_t offset = 0; offset < size && !stop.stop_requested(); offset += step) {
+                platform::readAhead(fd, offset, step);
+            }
         } catch (const SystemError&) {
         }
     }

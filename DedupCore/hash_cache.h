@@ -22,6 +22,7 @@
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <unordered_map>
 #include <variant>
@@ -101,9 +102,10 @@ public:
     // for these files meanwhile is not seen, which only makes such a file be read again.
     void remember(const std::vector<const ScannedFile*>& files);
     // Has the kernel bring the database into memory, so that a scan from a cold cache finds it
-    // read by the time it looks anything up; meant for a thread of its own beside the walk. May
-    // run beside any other call. Never fails.
-    void readAhead() const;
+    // read by the time it looks anything up; meant for a thread of its own beside the walk, and
+    // given up as soon as `stop` is asked (a scan that ended first does not wait for it). May run
+    // beside any other call. Never fails.
+    void readAhead(std::stop_token stop) const;
     void forgetRemembered();
 
     // What one record says of one inode, decoded once: what remember() keeps.
