@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <map>
 
+#include "hasher.h"
 #include "platform/file_io.h"
 #include "platform/system.h"
 #include "scan_options.h"
@@ -213,16 +214,6 @@ bool fromHex(sqlite3_stmt* row, int column, std::array<unsigned char, 32>& bytes
     return invalid == 0;
 }
 
-std::string hexText(const std::array<unsigned char, 32>& bytes) {
-    static constexpr char hex[] = "0123456789abcdef";
-    std::string text(64, '0');
-    for (size_t i = 0; i < bytes.size(); ++i) {
-        text[2 * i] = hex[bytes[i] >> 4];
-        text[2 * i + 1] = hex[bytes[i] & 0xF];
-    }
-    return text;
-}
-
 bool isInteger(sqlite3_stmt* row, int column) { return sqlite3_column_type(row, column) == SQLITE_INTEGER; }
 
 // A row of `SELECT inode, recordColumns`.
@@ -358,6 +349,28 @@ void HashCache::eachRecord(const std::string& volume, const std::vector<int64_t>
     }
 }
 
+template <typename InodeOf, typename Answer>
+void HashCache::eachKept(const std::string& volume, std::vector<size_t>& asked, InodeOf inodeOf, Answer answer) {
+    std::stable_sort(asked.begin(), asked.end(), [&](size_t a, size_t b) { return inodeOf(a) < inodeOf(b); });
+    std::vector<size_t> unknown;
+    if (const auto* records = remembered(volume)) {
+        size_t at = 0;
+        for (size_t i : asked) {
+            if (const Record* r = seek(*records, at, inodeOf(i))) {
+                answer(i, *r);
+            } else {
+                unknown.push_back(i);
+            }
+        }
+    } else {
+        unknown = std::move(asked);
+    }
+    std::vector<int64_t> inodes;
+    inodes.reserve(unknown.size());
+    for (size_t i : unknown) inodes.push_back(inodeOf(i));
+    eachRecord(volume, inodes, recordColumns, [&](size_t k, sqlite3_stmt* row) { answer(unknown[k], decoded(row)); });
+}
+
 std::vector<HashCache::Record>* HashCache::remembered(const std::string& volume) {
     auto it = remembered_.find(volume);
     return it == remembered_.end() ? nullptr : &it->second;
@@ -425,31 +438,13 @@ std::vector<std::optional<std::string>> HashCache::digests(const std::vector<Loo
         if (!sameVersion(r, lookup.file->status)) return;
         const bool full = lookup.kind == Kind::full;
         if (r.facts & (full ? hasFull : hasPartial)) {
-            result[i] = hexText(full ? r.full : r.partial);
+            result[i] = digestText(full ? r.full : r.partial);
         } else if (r.facts & (full ? oddFull : oddPartial)) {
             result[i] = lookUp(volume, lookup.kind, lookup.file->status);
         }
     };
     for (auto& [volume, asked] : byVolume) {
-        std::stable_sort(asked.begin(), asked.end(), [&](size_t a, size_t b) { return inode(a) < inode(b); });
-        std::vector<size_t> unknown;
-        if (const auto* records = remembered(volume)) {
-            size_t at = 0;
-            for (size_t i : asked) {
-                if (const Record* r = seek(*records, at, inode(i))) {
-                    answer(i, *r, volume);
-                } else {
-                    unknown.push_back(i);
-                }
-            }
-        } else {
-            unknown = std::move(asked);
-        }
-        std::vector<int64_t> inodes;
-        inodes.reserve(unknown.size());
-        for (size_t i : unknown) inodes.push_back(inode(i));
-        eachRecord(volume, inodes, recordColumns,
-                   [&](size_t k, sqlite3_stmt* row) { answer(unknown[k], decoded(row), volume); });
+        eachKept(volume, asked, inode, [&](size_t i, const Record& r) { answer(i, r, volume); });
     }
     return result;
 }
@@ -516,26 +511,7 @@ std::vector<std::optional<HashCache::Blocks>> HashCache::blocks(const std::vecto
         }
         result[i] = std::move(known);
     };
-    for (auto& [volume, asked] : byVolume) {
-        std::stable_sort(asked.begin(), asked.end(), [&](size_t a, size_t b) { return inode(a) < inode(b); });
-        std::vector<size_t> unknown;
-        if (const auto* records = remembered(volume)) {
-            size_t at = 0;
-            for (size_t i : asked) {
-                if (const Record* r = seek(*records, at, inode(i))) {
-                    answer(i, *r);
-                } else {
-                    unknown.push_back(i);
-                }
-            }
-        } else {
-            unknown = std::move(asked);
-        }
-        std::vector<int64_t> inodes;
-        inodes.reserve(unknown.size());
-        for (size_t i : unknown) inodes.push_back(inode(i));
-        eachRecord(volume, inodes, recordColumns, [&](size_t k, sqlite3_stmt* row) { answer(unknown[k], decoded(row)); });
-    }
+    for (auto& [volume, asked] : byVolume) eachKept(volume, asked, inode, answer);
     return result;
 }
 

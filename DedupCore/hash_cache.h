@@ -137,6 +137,11 @@ private:
     // Moves the records of a database made before they were kept in key order into a table that
     // is; left as it is when another process holds the database.
     void keepInKeyOrder();
+    // Calls answer(i, record) for each file of `volume` (by its index in `asked`, whose inodes
+    // inodeOf gives) that has a record: from the remembered records where they hold it, else from
+    // the database. Puts `asked` in inode order.
+    template <typename InodeOf, typename Answer>
+    void eachKept(const std::string& volume, std::vector<size_t>& asked, InodeOf inodeOf, Answer answer);
     // The remembered records of a volume, in inode order.
     std::vector<Record>* remembered(const std::string& volume);
     // The volume a write of `file` goes to, with a transaction begun; none while writes are left
