@@ -233,7 +233,7 @@ void AutoReclaimer::indexFolderTree(const std::string& folder, uint64_t device, 
         stack.pop_back();
         watch(next);
         folders_.insert(next);
-        walk.visitFolder(watchedSpelling(next), device, [&](std::string subfolder) {
+        walk.visitFolder(watchedSpelling(next), device, [&](std::string subfolder, FolderIdentity) {
             subfolder = ownPath(subfolder);
             if (!folders_.contains(subfolder)) stack.push_back(std::move(subfolder));
         });

@@ -1,6 +1,7 @@
 #include "duplicate_finder.h"
 
 #include <atomic>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -25,6 +26,9 @@ ScanResult DuplicateFinder::scan(const std::vector<std::string>& roots, const Pr
         if (!stopped && isCancelled && isCancelled()) stopped = true;
         return stopped.load();
     };
+    // From a cold cache the database is read while the walk waits on the folders.
+    std::jthread readingAhead;
+    if (cache) readingAhead = std::jthread([this](std::stop_token stop) { cache->readAhead(stop); });
     Walk walk(options);
     walk.progress = progress;
     walk.isCancelled = latch;

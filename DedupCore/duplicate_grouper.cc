@@ -6,6 +6,7 @@
 #include <map>
 #include <mutex>
 #include <string_view>
+#include <thread>
 #include <unordered_map>
 
 #include "hash_cache.h"
@@ -79,12 +80,24 @@ public:
     // whole files, read side by side.
     DuplicateFinder::Grouping run(const std::vector<ScannedFile>& files) {
         files_ = &files;
+        // What the cache remembers for this grouping is let go however the grouping ends.
+        struct Forget {
+            HashCache* cache;
+            ~Forget() {
+                if (cache) cache->forgetRemembered();
+            }
+        } forget{finder_.cache};
         bucketBySize(files);
         std::vector<Candidate> candidates;
-        for (auto& bucket : buckets_) {
-            if (cancelled()) break;
-            Candidate all{&bucket, formUnits(bucket, bucket.files)};
-            if (worthHashing(all)) candidates.push_back(std::move(all));
+        {
+            // The cache reads what it keeps while the units are formed, which asks nothing of it.
+            std::jthread remembering;
+            if (finder_.cache && !pool_.empty()) remembering = std::jthread([this] { rememberKept(); });
+            for (auto& bucket : buckets_) {
+                if (cancelled()) break;
+                Candidate all{&bucket, formUnits(bucket, bucket.files)};
+                if (worthHashing(all)) candidates.push_back(std::move(all));
+            }
         }
         digestPrefixes(candidates);
         candidates = splitByDigest(candidates, [](const Bucket&) { return true; });
@@ -95,6 +108,7 @@ public:
         auto needsWholeFile = [](const Bucket& b) { return b.size > ContentHash::partialLimit; };
         digestWholeFiles(candidates, needsWholeFile);
         candidates = splitByDigest(candidates, needsWholeFile);
+        if (finder_.cache) finder_.cache->forgetRemembered();  // before the groups are made: memory
         DuplicateFinder::Grouping result;
         for (auto& candidate : candidates) result.groups.push_back(makeGroup(candidate));
         std::stable_sort(result.groups.begin(), result.groups.end(), [](const auto& a, const auto& b) {
@@ -153,6 +167,20 @@ private:
     }
 
     const ScannedFile& file(size_t member) const { return (*files_)[pool_[member].index]; }
+
+    // Every file whose size another shares is asked about up to three times (its prefix digest,
+    // its blocks, its whole digest): the cache reads what it keeps of all of them in one pass.
+    // Runs beside the forming of units: reads only the pool, which is complete by then. Without
+    // it every lookup goes to the database, so a failure costs time, never an answer.
+    void rememberKept() noexcept {
+        try {
+            std::vector<const ScannedFile*> kept;
+            kept.reserve(pool_.size());
+            for (size_t i = 0; i < pool_.size(); ++i) kept.push_back(&file(i));
+            finder_.cache->remember(kept);
+        } catch (const std::exception&) {
+        }
+    }
 
     // The extent map is read only for files whose size and prefix another file shares: most files
     // of a common size differ in their first bytes, and a digest from the cache costs no reading.

@@ -15,16 +15,18 @@ FolderPrefetch::~FolderPrefetch() {
     readers_.clear();
 }
 
-void FolderPrefetch::request(const std::string& folder) {
+void FolderPrefetch::request(const std::string& folder, std::optional<FolderIdentity> expected) {
     {
         std::lock_guard lock(mutex_);
-        if (!listings_.try_emplace(folder).second) return;
+        auto [it, isNew] = listings_.try_emplace(folder);
+        if (!isNew) return;
+        it->second.expected = expected;
         queue_.push_back(folder);
     }
     work_.notify_one();
 }
 
-std::vector<DirectoryEntry> FolderPrefetch::take(const std::string& folder) {
+std::vector<DirectoryEntry> FolderPrefetch::take(const std::string& folder, std::optional<FolderIdentity> expected) {
     std::unique_lock lock(mutex_);
     auto it = listings_.find(folder);
     if (it == listings_.end() || !it->second.started) {
@@ -36,7 +38,7 @@ std::vector<DirectoryEntry> FolderPrefetch::take(const std::string& folder) {
             }
         }
         lock.unlock();
-        return DirectoryReader::read(folder);
+        return DirectoryReader::read(folder, expected);
     }
     Listing& ready = it->second;  // a reference, unlike the iterator, outlives a rehash
     waitedFor_ = &ready;
@@ -63,11 +65,12 @@ void FolderPrefetch::readAhead(std::stop_token stop) {
         Listing& listing = listings_[folder];
         listing.started = true;
         ++started_;
+        const auto expected = listing.expected;
         lock.unlock();
         std::vector<DirectoryEntry> entries;
         std::exception_ptr error;
         try {
-            entries = DirectoryReader::read(folder);
+            entries = DirectoryReader::read(folder, expected);
         } catch (...) {
             error = std::current_exception();
         }

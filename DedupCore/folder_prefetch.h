@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -29,14 +30,15 @@ public:
 
     // The walk will enter `folder`. The folder requested last is read first, as a walk that keeps
     // the folders still to enter on a stack takes them.
-    void request(const std::string& folder);
+    void request(const std::string& folder, std::optional<FolderIdentity> expected = std::nullopt);
 
     // The listing of `folder`: the one read ahead, or read here and now when no helper has started
     // on it. Throws what DirectoryReader::read throws, on this thread.
-    std::vector<DirectoryEntry> take(const std::string& folder);
+    std::vector<DirectoryEntry> take(const std::string& folder, std::optional<FolderIdentity> expected = std::nullopt);
 
 private:
     struct Listing {
+        std::optional<FolderIdentity> expected;
         bool started = false;
         bool done = false;
         std::vector<DirectoryEntry> entries;

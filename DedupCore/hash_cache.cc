@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <map>
 
+#include "hasher.h"
+#include "platform/file_io.h"
 #include "platform/system.h"
 #include "scan_options.h"
 
@@ -22,7 +24,7 @@ constexpr int writesSkippedWhenLocked = 2048;
 const char* columnName(HashCache::Kind kind) { return kind == HashCache::Kind::partial ? "partial" : "full"; }
 
 HashCache::HashCache(const std::string& path, std::string journal)
-    : journal_(journal.empty() ? Locations::journal() : std::move(journal)) {
+    : path_(path), journal_(journal.empty() ? Locations::journal() : std::move(journal)) {
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     // Every use of the connection holds lock_, so SQLite's own lock around each call, a dozen of
     // them per record read, would only be paid for twice.
@@ -46,6 +48,7 @@ HashCache::HashCache(const std::string& path, std::string journal)
     // is folded in when it grows large, by whichever scan writes then.
     sqlite3_db_config(db_, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     addMissingColumns();
+    keepInKeyOrder();
 }
 
 // A database made before the facts of blocks were kept gets their columns; its records have none
@@ -64,6 +67,33 @@ void HashCache::addMissingColumns() {
         std::string sql = std::string("ALTER TABLE hashes ADD COLUMN ") + column + " INTEGER";
         // Another process may add it at the same moment; what matters is that it is there.
         sqlite3_exec(db_, sql.c_str(), nullptr, nullptr, nullptr);
+    }
+}
+
+// Records kept in key order (volume, inode) are read in one pass over a volume's records, each
+// step a record; a table with a separate key index costs a second search per record on top, and
+// the index's own copy of every key.
+void HashCache::keepInKeyOrder() {
+    std::string made;
+    sqlite3_stmt* info = nullptr;
+    if (sqlite3_prepare_v2(db_, "SELECT sql FROM sqlite_master WHERE type = 'table' AND name = 'hashes'", -1, &info,
+                           nullptr) == SQLITE_OK &&
+        sqlite3_step(info) == SQLITE_ROW) {
+        if (const auto* text = sqlite3_column_text(info, 0)) made = reinterpret_cast<const char*>(text);
+    }
+    sqlite3_finalize(info);
+    if (made.empty() || made.find("WITHOUT ROWID") != std::string::npos) return;
+    std::string create(schema);
+    create.erase(0, create.find("CREATE TABLE"));
+    create.replace(create.find("hashes ("), 6, "hashes_keyed");
+    const std::string columns =
+        "volume, inode, path, size, mtime, mtime_ns, ctime, ctime_ns, partial, full, blocks_stamp, clone_kind, "
+        "private_size, clone_id, clone_refs";
+    // One transaction: another process sees the old table or the new one, never neither.
+    const std::string move = "BEGIN IMMEDIATE;" + create + "INSERT INTO hashes_keyed (" + columns + ") SELECT " +
+                             columns + " FROM hashes; DROP TABLE hashes; ALTER TABLE hashes_keyed RENAME TO hashes; COMMIT;";
+    if (sqlite3_exec(db_, move.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) {
+        sqlite3_exec(db_, "ROLLBACK;", nullptr, nullptr, nullptr);
     }
 }
 
@@ -150,30 +180,90 @@ void HashCache::flush() {
 
 namespace {
 
-// The columns every lookup reads, after the inode: the version a record was made for, then both
-// digests. A record serves a file only while the file has exactly that size and those times.
-constexpr const char* recordColumns = "size, mtime, mtime_ns, ctime, ctime_ns, partial, full";
-constexpr int sizeColumn = 0;
-constexpr int partialColumn = 5;
+// The columns every lookup reads, after the inode: the version a record was made for, both digests
+// and the facts of blocks. A record serves a file only while the file has exactly that size and
+// those times.
+constexpr const char* recordColumns =
+    "size, mtime, mtime_ns, ctime, ctime_ns, partial, full, blocks_stamp, clone_kind, private_size, clone_id, "
+    "clone_refs";
 
-// Whether the record's five version columns, from `first` on, are those of `s`.
-bool sameVersion(sqlite3_stmt* row, int first, const FileStatus& s) {
-    const int64_t expected[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
-                                 s.changed.nanoseconds};
-    for (int i = 0; i < 5; ++i) {
-        if (sqlite3_column_type(row, first + i) != SQLITE_INTEGER || sqlite3_column_int64(row, first + i) != expected[i]) {
-            return false;
-        }
+// What a Record holds. A digest whose text is not the usual 64 hexadecimal characters is not kept
+// in memory: `odd` sends its lookup back to the database.
+constexpr uint8_t recordFound = 1, versioned = 2, hasPartial = 4, hasFull = 8, oddPartial = 16, oddFull = 32,
+                  hasStamp = 64, hasCloneKind = 128;
+
+// The value of each lower-case hexadecimal digit; 16 for any other character. A table, as two
+// digests of every remembered record go through it.
+constexpr std::array<unsigned char, 256> hexValues = [] {
+    std::array<unsigned char, 256> values{};
+    values.fill(16);
+    for (int c = 0; c < 10; ++c) values['0' + c] = static_cast<unsigned char>(c);
+    for (int c = 0; c < 6; ++c) values['a' + c] = static_cast<unsigned char>(10 + c);
+    return values;
+}();
+
+bool fromHex(sqlite3_stmt* row, int column, std::array<unsigned char, 32>& bytes) {
+    const auto* text = sqlite3_column_text(row, column);
+    if (!text || sqlite3_column_bytes(row, column) != 64) return false;
+    unsigned char invalid = 0;
+    for (size_t i = 0; i < bytes.size(); ++i) {
+        unsigned char high = hexValues[text[2 * i]], low = hexValues[text[2 * i + 1]];
+        invalid |= (high | low) & 16;
+        bytes[i] = static_cast<unsigned char>(high << 4 | (low & 15));
     }
-    return true;
+    return invalid == 0;
 }
 
-std::optional<std::string> digestOfRow(sqlite3_stmt* row, int first, HashCache::Kind kind, const FileStatus& s) {
-    if (!sameVersion(row, first + sizeColumn, s)) return std::nullopt;
-    int column = first + partialColumn + (kind == HashCache::Kind::full ? 1 : 0);
-    const auto* text = sqlite3_column_text(row, column);
-    if (!text) return std::nullopt;
-    return std::string(reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(row, column)));
+bool isInteger(sqlite3_stmt* row, int column) { return sqlite3_column_type(row, column) == SQLITE_INTEGER; }
+
+// A row of `SELECT inode, recordColumns`.
+HashCache::Record decoded(sqlite3_stmt* row) {
+    HashCache::Record r;
+    r.inode = sqlite3_column_int64(row, 0);
+    r.facts = recordFound | versioned;
+    for (int i = 0; i < 5; ++i) {
+        if (!isInteger(row, 1 + i)) r.facts &= static_cast<uint8_t>(~versioned);
+        r.version[i] = sqlite3_column_int64(row, 1 + i);
+    }
+    if (fromHex(row, 6, r.partial)) {
+        r.facts |= hasPartial;
+    } else if (sqlite3_column_type(row, 6) != SQLITE_NULL) {
+        r.facts |= oddPartial;
+    }
+    if (fromHex(row, 7, r.full)) {
+        r.facts |= hasFull;
+    } else if (sqlite3_column_type(row, 7) != SQLITE_NULL) {
+        r.facts |= oddFull;
+    }
+    if (isInteger(row, 8)) {
+        r.facts |= hasStamp;
+        r.blocksStamp = sqlite3_column_int64(row, 8);
+    }
+    if (isInteger(row, 9)) {
+        r.facts |= hasCloneKind;
+        r.cloneKind = static_cast<uint8_t>(sqlite3_column_int64(row, 9));
+        r.privateSize = sqlite3_column_int64(row, 10);
+        r.cloneID = static_cast<uint64_t>(sqlite3_column_int64(row, 11));
+        r.references = static_cast<uint32_t>(sqlite3_column_int64(row, 12));
+    }
+    return r;
+}
+
+// Whether the record was made for this version of the file.
+bool sameVersion(const HashCache::Record& r, const FileStatus& s) {
+    return (r.facts & recordFound) && (r.facts & versioned) && r.version[0] == s.size &&
+           r.version[1] == s.modified.seconds && r.version[2] == s.modified.nanoseconds &&
+           r.version[3] == s.changed.seconds && r.version[4] == s.changed.nanoseconds;
+}
+
+// The record of `inode` among `records` (in inode order), searched from `at` on: the files of one
+// lookup come in inode order too. A search, not a step per record, as many lookups ask about a
+// few files each.
+const HashCache::Record* seek(const std::vector<HashCache::Record>& records, size_t& at, int64_t inode) {
+    auto it = std::lower_bound(records.begin() + static_cast<ptrdiff_t>(at), records.end(), inode,
+                               [](const HashCache::Record& r, int64_t wanted) { return r.inode < wanted; });
+    at = static_cast<size_t>(it - records.begin());
+    return it != records.end() && it->inode == inode ? &*it : nullptr;
 }
 
 // Below this many files of one volume, one search per file; from there on, one pass in inode order
@@ -192,14 +282,21 @@ sqlite3_stmt* HashCache::prepared(const std::string& sql) {
 }
 
 std::optional<std::string> HashCache::lookUp(const std::string& volume, Kind kind, const FileStatus& status) {
-    static const std::string sql =
-        std::string("SELECT ") + recordColumns + " FROM hashes WHERE volume = ? AND inode = ?";
+    static const std::string sql = "SELECT partial, full FROM hashes WHERE volume = ? AND inode = ? AND size = ? AND "
+                                   "mtime = ? AND mtime_ns = ? AND ctime = ? AND ctime_ns = ?";
     sqlite3_stmt* statement = prepared(sql);
     if (!statement) return std::nullopt;
     sqlite3_bind_text(statement, 1, volume.c_str(), static_cast<int>(volume.size()), SQLITE_STATIC);
-    sqlite3_bind_int64(statement, 2, static_cast<int64_t>(status.inode));
+    const int64_t key[6] = {static_cast<int64_t>(status.inode), status.size, status.modified.seconds,
+                            status.modified.nanoseconds, status.changed.seconds, status.changed.nanoseconds};
+    for (int i = 0; i < 6; ++i) sqlite3_bind_int64(statement, 2 + i, key[i]);
     std::optional<std::string> digest;
-    if (sqlite3_step(statement) == SQLITE_ROW) digest = digestOfRow(statement, 0, kind, status);
+    const int column = kind == Kind::full ? 1 : 0;
+    if (sqlite3_step(statement) == SQLITE_ROW) {
+        if (const auto* text = sqlite3_column_text(statement, column)) {
+            digest.emplace(reinterpret_cast<const char*>(text), static_cast<size_t>(sqlite3_column_bytes(statement, column)));
+        }
+    }
     sqlite3_reset(statement);
     return digest;
 }
@@ -252,6 +349,78 @@ void HashCache::eachRecord(const std::string& volume, const std::vector<int64_t>
     }
 }
 
+template <typename InodeOf, typename Answer>
+void HashCache::eachKept(const std::string& volume, std::vector<size_t>& asked, InodeOf inodeOf, Answer answer) {
+    std::stable_sort(asked.begin(), asked.end(), [&](size_t a, size_t b) { return inodeOf(a) < inodeOf(b); });
+    std::vector<size_t> unknown;
+    if (const auto* records = remembered(volume)) {
+        size_t at = 0;
+        for (size_t i : asked) {
+            if (const Record* r = seek(*records, at, inodeOf(i))) {
+                answer(i, *r);
+            } else {
+                unknown.push_back(i);
+            }
+        }
+    } else {
+        unknown = std::move(asked);
+    }
+    std::vector<int64_t> inodes;
+    inodes.reserve(unknown.size());
+    for (size_t i : unknown) inodes.push_back(inodeOf(i));
+    eachRecord(volume, inodes, recordColumns, [&](size_t k, sqlite3_stmt* row) { answer(unknown[k], decoded(row)); });
+}
+
+std::vector<HashCache::Record>* HashCache::remembered(const std::string& volume) {
+    auto it = remembered_.find(volume);
+    return it == remembered_.end() ? nullptr : &it->second;
+}
+
+void HashCache::remember(const std::vector<const ScannedFile*>& files) {
+    std::lock_guard guard(lock_);
+    std::map<std::string, std::vector<int64_t>> byVolume;
+    for (const ScannedFile* file : files) {
+        if (auto volume = volumeOf(file->status.device, file->path)) {
+            byVolume[*volume].push_back(static_cast<int64_t>(file->status.inode));
+        }
+    }
+    if (byVolume.empty()) return;
+    begin();
+    counted();
+    for (auto& [volume, inodes] : byVolume) {
+        std::sort(inodes.begin(), inodes.end());
+        inodes.erase(std::unique(inodes.begin(), inodes.end()), inodes.end());
+        // Only the records found: a first scan, which finds none, holds nothing more than before,
+        // and a file not among them is asked of the database as before. They come in inode order.
+        std::vector<Record> records;
+        eachRecord(volume, inodes, recordColumns, [&](size_t, sqlite3_stmt* row) { records.push_back(decoded(row)); });
+        records.shrink_to_fit();
+        remembered_[volume] = std::move(records);
+    }
+}
+
+void HashCache::readAhead(std::stop_token stop) const {
+    // Beyond this much the database would push out of memory what the scan reads itself.
+    constexpr int64_t atMost = int64_t{256} << 20;
+    // The kernel reads ahead at most a few megabytes per request, whatever length it is given.
+    constexpr int64_t step = int64_t{2} << 20;
+    for (const std::string& file : {path_, path_ + "-wal"}) {
+        try {
+            platform::FileDescriptor fd = platform::openForReading(file);
+            const int64_t size = std::min(atMost, FileStatus::read(file).size);
+            for (int64_t offset = 0; offset < size && !stop.stop_requested(); offset += step) {
+                platform::readAhead(fd, offset, step);
+            }
+        } catch (const SystemError&) {
+        }
+    }
+}
+
+void HashCache::forgetRemembered() {
+    std::lock_guard guard(lock_);
+    remembered_.clear();
+}
+
 std::vector<std::optional<std::string>> HashCache::digests(const std::vector<Lookup>& lookups) {
     std::vector<std::optional<std::string>> result(lookups.size());
     std::lock_guard guard(lock_);
@@ -264,15 +433,18 @@ std::vector<std::optional<std::string>> HashCache::digests(const std::vector<Loo
     begin();
     counted();
     auto inode = [&](size_t i) { return static_cast<int64_t>(lookups[i].file->status.inode); };
+    auto answer = [&](size_t i, const Record& r, const std::string& volume) {
+        const Lookup& lookup = lookups[i];
+        if (!sameVersion(r, lookup.file->status)) return;
+        const bool full = lookup.kind == Kind::full;
+        if (r.facts & (full ? hasFull : hasPartial)) {
+            result[i] = digestText(full ? r.full : r.partial);
+        } else if (r.facts & (full ? oddFull : oddPartial)) {
+            result[i] = lookUp(volume, lookup.kind, lookup.file->status);
+        }
+    };
     for (auto& [volume, asked] : byVolume) {
-        std::stable_sort(asked.begin(), asked.end(), [&](size_t a, size_t b) { return inode(a) < inode(b); });
-        std::vector<int64_t> inodes;
-        inodes.reserve(asked.size());
-        for (size_t i : asked) inodes.push_back(inode(i));
-        eachRecord(volume, inodes, recordColumns, [&](size_t k, sqlite3_stmt* row) {
-            const Lookup& lookup = lookups[asked[k]];
-            result[asked[k]] = digestOfRow(row, 1, lookup.kind, lookup.file->status);
-        });
+        eachKept(volume, asked, inode, [&](size_t i, const Record& r) { answer(i, r, volume); });
     }
     return result;
 }
@@ -281,8 +453,6 @@ namespace {
 
 // clone_kind: 0, the file system could not tell; otherwise bit 0 set, and the two flags above it.
 constexpr int64_t cloneKnown = 1, cloneInline = 2, cloneNoBlocks = 4;
-constexpr const char* blockColumns =
-    "size, mtime, mtime_ns, ctime, ctime_ns, blocks_stamp, clone_kind, private_size, clone_id, clone_refs";
 
 // The first eight parameters of every write: which file, where it was, and which version of it.
 void bindRecord(sqlite3_stmt* statement, const std::string& volume, const ScannedFile& file) {
@@ -326,29 +496,22 @@ std::vector<std::optional<HashCache::Blocks>> HashCache::blocks(const std::vecto
     begin();
     counted();
     auto inode = [&](size_t i) { return static_cast<int64_t>(files[i]->status.inode); };
-    for (auto& [volume, asked] : byVolume) {
-        std::stable_sort(asked.begin(), asked.end(), [&](size_t a, size_t b) { return inode(a) < inode(b); });
-        std::vector<int64_t> inodes;
-        inodes.reserve(asked.size());
-        for (size_t i : asked) inodes.push_back(inode(i));
-        eachRecord(volume, inodes, blockColumns, [&](size_t k, sqlite3_stmt* row) {
-            if (!sameVersion(row, 1, files[asked[k]]->status)) return;
-            if (sqlite3_column_type(row, 6) != SQLITE_INTEGER || sqlite3_column_int64(row, 6) != stamp) return;
-            if (sqlite3_column_type(row, 7) != SQLITE_INTEGER) return;
-            int64_t kind = sqlite3_column_int64(row, 7);
-            Blocks known;
-            if (kind & cloneKnown) {
-                CloneInfo clones;
-                clones.privateSize = sqlite3_column_int64(row, 8);
-                clones.cloneID = static_cast<uint64_t>(sqlite3_column_int64(row, 9));
-                clones.references = static_cast<uint32_t>(sqlite3_column_int64(row, 10));
-                clones.inlineData = (kind & cloneInline) != 0;
-                clones.noBlocks = (kind & cloneNoBlocks) != 0;
-                known.clones = clones;
-            }
-            result[asked[k]] = std::move(known);
-        });
-    }
+    auto answer = [&](size_t i, const Record& r) {
+        if (!sameVersion(r, files[i]->status)) return;
+        if (!(r.facts & hasStamp) || r.blocksStamp != stamp || !(r.facts & hasCloneKind)) return;
+        Blocks known;
+        if (r.cloneKind & cloneKnown) {
+            CloneInfo clones;
+            clones.privateSize = r.privateSize;
+            clones.cloneID = r.cloneID;
+            clones.references = r.references;
+            clones.inlineData = (r.cloneKind & cloneInline) != 0;
+            clones.noBlocks = (r.cloneKind & cloneNoBlocks) != 0;
+            known.clones = clones;
+        }
+        result[i] = std::move(known);
+    };
+    for (auto& [volume, asked] : byVolume) eachKept(volume, asked, inode, answer);
     return result;
 }
 
@@ -383,6 +546,8 @@ void HashCache::storeBlocks(const ScannedFile& file, const Blocks& blocks, int64
 
 void HashCache::forgetBlocks(const std::vector<ScannedFile>& files) {
     std::lock_guard guard(lock_);
+    // What was remembered of these files' blocks is no longer true either.
+    remembered_.clear();
     sqlite3_stmt* statement = prepared("UPDATE hashes SET blocks_stamp = NULL WHERE volume = ? AND inode = ?");
     if (!statement) return;
     begin();

@@ -16,10 +16,13 @@
 // transactions committed every few hundred operations, by flush() and on destruction.
 #pragma once
 
+#include <array>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
 #include <unordered_map>
 #include <variant>
@@ -49,7 +52,7 @@ public:
         "    ctime INTEGER NOT NULL, ctime_ns INTEGER NOT NULL,\n"
         "    partial TEXT, full TEXT,\n"
         "    blocks_stamp INTEGER, clone_kind INTEGER, private_size INTEGER, clone_id INTEGER, clone_refs INTEGER,\n"
-        "    PRIMARY KEY (volume, inode));";
+        "    PRIMARY KEY (volume, inode)) WITHOUT ROWID;";
 
     // What the extent map said of one version of a file. `clones` absent: the file system could
     // not tell (no FIEMAP, or no extent at all).
@@ -92,6 +95,33 @@ public:
     // without writing to the journal.
     void forgetBlocks(const std::vector<ScannedFile>& files);
 
+    // Reads what is kept of each of `files` in one pass over its volume's records and answers
+    // digests() and blocks() for them from memory until forgetRemembered(). A grouping asks about
+    // the same files three times (prefix digests, blocks, whole digests): one pass instead of
+    // three. Every answer is still checked against the file's version as asked; what is written
+    // for these files meanwhile is not seen, which only makes such a file be read again.
+    void remember(const std::vector<const ScannedFile*>& files);
+    // Has the kernel bring the database into memory, so that a scan from a cold cache finds it
+    // read by the time it looks anything up; meant for a thread of its own beside the walk, and
+    // given up as soon as `stop` is asked (a scan that ended first does not wait for it). May run
+    // beside any other call. Never fails.
+    void readAhead(std::stop_token stop) const;
+    void forgetRemembered();
+
+    // What one record says of one inode, decoded once: what remember() keeps.
+    struct Record {
+        int64_t inode = 0;
+        int64_t version[5] = {};  // size, modification and change times; valid with `versioned`
+        int64_t blocksStamp = 0;
+        int64_t privateSize = 0;
+        uint64_t cloneID = 0;
+        uint32_t references = 0;
+        uint8_t cloneKind = 0;
+        uint8_t facts = 0;  // which of the above the record holds (bits in hash_cache.cc)
+        std::array<unsigned char, 32> partial{};
+        std::array<unsigned char, 32> full{};
+    };
+
 private:
     std::vector<std::vector<Value>> query(const std::string& sql, const std::vector<Value>& parameters);
     // The statement for `sql`, prepared on first use and kept; null when SQLite refuses it.
@@ -104,6 +134,16 @@ private:
     void eachRecord(const std::string& volume, const std::vector<int64_t>& inodes, const std::string& columns,
                     Found found);
     void addMissingColumns();
+    // Moves the records of a database made before they were kept in key order into a table that
+    // is; left as it is when another process holds the database.
+    void keepInKeyOrder();
+    // Calls answer(i, record) for each file of `volume` (by its index in `asked`, whose inodes
+    // inodeOf gives) that has a record: from the remembered records where they hold it, else from
+    // the database. Puts `asked` in inode order.
+    template <typename InodeOf, typename Answer>
+    void eachKept(const std::string& volume, std::vector<size_t>& asked, InodeOf inodeOf, Answer answer);
+    // The remembered records of a volume, in inode order.
+    std::vector<Record>* remembered(const std::string& volume);
     // The volume a write of `file` goes to, with a transaction begun; none while writes are left
     // out or the file's disk has no identifier.
     std::optional<std::string> writableVolume(const ScannedFile& file);
@@ -114,10 +154,12 @@ private:
     void commit();
 
     std::mutex lock_;
+    const std::string path_;
     std::string journal_;
     sqlite3* db_ = nullptr;
     std::unordered_map<std::string, sqlite3_stmt*> statements_;
     std::unordered_map<uint64_t, std::optional<std::string>> volumes_;
+    std::map<std::string, std::vector<Record>> remembered_;
     bool inTransaction_ = false;
     int pendingOperations_ = 0;
     int lastStep_ = 0;  // the result of the last statement's final step

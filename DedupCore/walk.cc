@@ -37,11 +37,45 @@ bool startsWith(std::string_view s, std::string_view prefix) {
     return s.substr(0, prefix.size()) == prefix;
 }
 
-// Folders listed ahead of the walk at once, and at most how many listings wait for it.
-constexpr size_t foldersReadAtOnce = 2;
+// Folders listed ahead of the walk at once, and at most how many listings wait for it. From a cold
+// cache a listing waits on the disk for nearly every entry's status, and the more requests the
+// disk has before it the sooner it answers them all: more readers than cores.
+constexpr size_t foldersReadAtOnce = 6;
 constexpr size_t foldersReadAhead = 32;
 
 }  // namespace
+
+bool InodeSet::add(const InodeKey& key) {
+    if (key == InodeKey{}) {
+        bool isNew = !hasZero_;
+        hasZero_ = true;
+        size_ += isNew ? 1 : 0;
+        return isNew;
+    }
+    // At most half full, so that a search meets a free slot within a few steps.
+    if (2 * (size_ + 1) > slots_.size()) grow();
+    const size_t mask = slots_.size() - 1;
+    for (size_t at = InodeKeyHash{}(key) & mask;; at = (at + 1) & mask) {
+        if (slots_[at] == key) return false;
+        if (slots_[at] == InodeKey{}) {
+            slots_[at] = key;
+            ++size_;
+            return true;
+        }
+    }
+}
+
+void InodeSet::grow() {
+    std::vector<InodeKey> old = std::move(slots_);
+    slots_.assign(std::max<size_t>(1024, 2 * old.size()), InodeKey{});
+    const size_t mask = slots_.size() - 1;
+    for (const InodeKey& key : old) {
+        if (key == InodeKey{}) continue;
+        size_t at = InodeKeyHash{}(key) & mask;
+        while (!(slots_[at] == InodeKey{})) at = (at + 1) & mask;
+        slots_[at] = key;
+    }
+}
 
 Walk::Walk(ScanOptions options_) : options(std::move(options_)) {}
 
@@ -101,7 +135,7 @@ void Walk::visit(const std::string& root) {
             clones = CloneInfo::read(root);
         } catch (const SystemError&) {
         }
-        if (inodes.insert({status.device, status.inode}).second) {
+        if (inodes.add({status.device, status.inode})) {
             files.push_back({root, status, clones});
         }
         return;
@@ -114,27 +148,33 @@ void Walk::visit(const std::string& root) {
         FolderPrefetch*& prefetch;
         ~Forget() { prefetch = nullptr; }
     } forget{prefetch_};
-    std::vector<std::string> stack{root};
+    // Each folder with the identity it had when listed: a folder on the way swapped for a link
+    // since then must not lead the walk out of the tree.
+    std::vector<std::pair<std::string, FolderIdentity>> stack{{root, FolderIdentity{status.device, status.inode}}};
     while (!stack.empty()) {
-        std::string folder = std::move(stack.back());
+        auto [folder, identity] = std::move(stack.back());
         stack.pop_back();
         if (isCancelled && isCancelled()) return;
-        visitFolder(folder, status.device, [&](std::string path) {
-            prefetch.request(path);
-            stack.push_back(std::move(path));
-        });
+        visitFolder(
+            folder, status.device,
+            [&](std::string path, FolderIdentity listed) {
+                prefetch.request(path, listed);
+                stack.emplace_back(std::move(path), listed);
+            },
+            identity);
     }
 }
 
 void Walk::visitFolder(const std::string& folder, uint64_t device,
-                       const std::function<void(std::string)>& subfolder) {
+                       const std::function<void(std::string, FolderIdentity)>& subfolder,
+                       std::optional<FolderIdentity> expected) {
     folders.insert(folder);
     if (progress) {
         progress(ScanProgress{ScanProgress::Phase::walking, static_cast<int64_t>(files.size()), 0, folder});
     }
     std::vector<DirectoryEntry> entries;
     try {
-        entries = prefetch_ ? prefetch_->take(folder) : DirectoryReader::read(folder);
+        entries = prefetch_ ? prefetch_->take(folder, expected) : DirectoryReader::read(folder, expected);
     } catch (const SystemError&) {
         unreadable.push_back(folder);
         return;
@@ -150,7 +190,7 @@ void Walk::visitFolder(const std::string& folder, uint64_t device,
             if (!descends(path, entry.name, *atVolumeRoot)) continue;
             // The listing's status is the folder's own (the kernel crosses into a mounted file
             // system), so a mount point or a Btrfs subvolume shows another device here.
-            if (st.device == device) subfolder(std::move(path));
+            if (st.device == device) subfolder(std::move(path), FolderIdentity{st.device, st.inode});
         } else if (st.isSymbolicLink()) {
             if (unfiltered) links.emplace_back(path, platform::readLink(path));
         } else if (st.isRegularFile()) {
@@ -159,7 +199,7 @@ void Walk::visitFolder(const std::string& folder, uint64_t device,
                 continue;
             }
             if (unfiltered ? entry.name == ".DS_Store" : !includes(entry)) continue;
-            if (!inodes.insert({st.device, st.inode}).second) continue;
+            if (!inodes.add({st.device, st.inode})) continue;
             files.push_back({std::move(path), st, std::move(entry.clones)});
         }
     }

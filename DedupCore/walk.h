@@ -33,6 +33,22 @@ struct InodeKeyHash {
     }
 };
 
+// The files a walk has met, by device and inode, in one flat table: a walk meets every file of the
+// tree, and a heap node per file cost more than listing the file did.
+class InodeSet {
+public:
+    // True when `key` was not in the set yet.
+    bool add(const InodeKey& key);
+    size_t size() const { return size_; }
+
+private:
+    void grow();
+
+    std::vector<InodeKey> slots_;  // a power of two of them; {0, 0} marks a free slot
+    size_t size_ = 0;
+    bool hasZero_ = false;  // {0, 0} itself, which cannot be told from a free slot
+};
+
 struct Walk {
     ScanOptions options;
     std::function<void(const ScanProgress&)> progress;  // once per folder entered
@@ -43,16 +59,18 @@ struct Walk {
     bool unfiltered = false;  // take every regular file and enter every folder (tree comparison)
     std::vector<std::pair<std::string, std::string>> links;  // unfiltered only: (path, destination)
     std::unordered_set<std::string> folders;
-    std::unordered_set<InodeKey, InodeKeyHash> inodes;
+    InodeSet inodes;
 
     explicit Walk(ScanOptions options = {});
 
     // Walks one root (a folder or a single file). A single-file root is taken without filters.
     void visit(const std::string& root);
 
-    // Reads one folder; hands every folder to be entered to `subfolder`.
+    // Reads one folder, if it is still `expected` (when given); hands every folder to be entered to
+    // `subfolder`, with the identity its listing gave it.
     void visitFolder(const std::string& folder, uint64_t device,
-                     const std::function<void(std::string)>& subfolder);
+                     const std::function<void(std::string, FolderIdentity)>& subfolder,
+                     std::optional<FolderIdentity> expected = std::nullopt);
 
     bool descends(const std::string& path, const std::string& name, bool atVolumeRoot) const;
     bool includes(const DirectoryEntry& entry) const;

@@ -180,6 +180,36 @@ TEST_P(FinderOnVolume, CacheIsReusedInvalidatedAndPruned) {
     EXPECT_EQ(scan(root_, &cache).bytesRead, 0);
 }
 
+// A program saves over a file in place with bytes of the same length and puts its modification
+// time back: only the change time tells. The second scan, which answers from the records it read
+// in one pass, must read that file again and no longer take it for a copy; names need not be UTF-8.
+TEST_P(FinderOnVolume, FileRewrittenInPlaceWithItsSizeAndDateIsReadAgain) {
+    HashCache cache(database());
+    for (const char* name : {"small\xff", "small copy\xfe"}) test::writeRandomFile(at(name), 3000, 1);
+    for (const char* name : {"large\xff", "large copy\xfe"}) test::writeRandomFile(at(name), 150000, 2);
+    ASSERT_EQ(scan(root_, &cache).groups.size(), 2u);
+    auto second = scan(root_, &cache);
+    EXPECT_EQ(second.bytesRead, 0);
+    ASSERT_EQ(second.groups.size(), 2u);
+
+    for (const char* name : {"small copy\xfe", "large copy\xfe"}) {
+        const FileStatus before = FileStatus::read(at(name));
+        int fd = ::open(at(name).c_str(), O_WRONLY);
+        ASSERT_GE(fd, 0);
+        ASSERT_EQ(::pwrite(fd, "changed", 7, 1000), 7);
+        ::close(fd);
+        struct timespec times[2] = {{0, UTIME_OMIT}, {before.modified.seconds, before.modified.nanoseconds}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, at(name).c_str(), times, 0), 0);
+        const FileStatus after = FileStatus::read(at(name));
+        ASSERT_EQ(after.size, before.size);
+        ASSERT_EQ(after.modified, before.modified);
+        ASSERT_EQ(after.inode, before.inode);
+    }
+    auto rewritten = scan(root_, &cache);
+    EXPECT_TRUE(rewritten.groups.empty());
+    EXPECT_EQ(rewritten.bytesRead, 3000 + 65536) << "the two rewritten files, and only they";
+}
+
 TEST_P(FinderOnVolume, KeptBlocksServeUntilAReclaimIsJournalledAFullCheckOrANewVersion) {
     const std::string journal = data_.path("journal.jsonl");
     HashCache cache(database(), journal);

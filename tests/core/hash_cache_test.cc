@@ -105,6 +105,79 @@ TEST_F(HashCacheBlocksTest, KeptFactsServeOnlyTheirVersionUnderTheirStamp) {
     EXPECT_FALSE(cache.blocks({&files[3]}, stamp)[0]);
 }
 
+// The answers given from what remember() read must be the database's own: for that very version of
+// the file, on that volume only, and gone with the facts whoever changes blocks forgets.
+TEST_F(HashCacheBlocksTest, RememberedRecordsAnswerAsTheDatabaseForTheirVersionAndVolumeOnly) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::btrfs);
+    HashCache cache(data_.path("hashes.sqlite"), journal());
+    std::ofstream(journal()) << "{}\n";
+    const int64_t stamp = cache.replacementStamp();
+    auto hex = [](uint64_t n) {
+        std::string text(64, '0');
+        for (size_t i = 0; n; ++i, n >>= 4) text[63 - i] = "0123456789abcdef"[n & 0xF];
+        return text;
+    };
+    // The same inode numbers on another volume, with records of their own.
+    const std::string other = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::btrfs), "other");
+    test::writeFile(other + "/real", "content");
+    ScannedFile elsewhere{other + "/real", FileStatus::read(other + "/real"), {}};
+    ASSERT_NE(elsewhere.status.device, real_.status.device);
+
+    std::vector<ScannedFile> files, foreign;
+    for (uint64_t i = 0; i < 300; ++i) {
+        files.push_back(madeUp(9000 + 2 * i));
+        ScannedFile f = elsewhere;
+        f.status.inode = files.back().status.inode;
+        foreign.push_back(f);
+        if (i % 5 == 4) continue;  // no record
+        cache.store(hex(i), HashCache::Kind::partial, files[i]);
+        // Texts other than 64 hexadecimal digits are served as they were stored, too.
+        const std::string odd = i % 4 == 1 ? "odd text" : std::string(63, '0') + "Z";
+        if (i % 3 == 0) cache.store(i % 2 ? odd : hex(1000 + i), HashCache::Kind::full, files[i]);
+        if (i % 4 != 3) cache.storeBlocks(files[i], shared(i + 1), stamp);
+        cache.store(hex(5000 + i), HashCache::Kind::full, foreign[i]);
+    }
+    // Saved over in place with the same size and dates but a moved change time, after the cache read it.
+    ScannedFile rewritten = files[6];
+    rewritten.status.changed.nanoseconds += 1;
+
+    std::vector<const ScannedFile*> all;
+    std::vector<HashCache::Lookup> lookups;
+    for (size_t i = 0; i < files.size(); ++i) {
+        all.push_back(&files[i]);
+        lookups.push_back({HashCache::Kind::partial, &files[i]});
+        lookups.push_back({HashCache::Kind::full, &files[i]});
+        lookups.push_back({HashCache::Kind::full, &foreign[i]});
+    }
+    lookups.push_back({HashCache::Kind::partial, &rewritten});
+    const auto digests = cache.digests(lookups);
+    const auto blocks = cache.blocks(all, stamp);
+    ASSERT_TRUE(digests[0] && digests[1] && blocks[0]);
+    EXPECT_EQ(*digests[2], hex(5000));
+    EXPECT_EQ(digests[3 * 3 + 1], std::string(63, '0') + "Z");
+    EXPECT_EQ(digests[3 * 21 + 1], "odd text");
+    EXPECT_FALSE(digests.back());
+
+    cache.remember(all);
+    EXPECT_EQ(cache.digests(lookups), digests);
+    EXPECT_EQ(cache.blocks(all, stamp), blocks);
+    // Asked one at a time, as the side-by-side reading asks, and about a file never remembered.
+    for (size_t i : {0, 3, 6, 298}) {
+        EXPECT_EQ(cache.digests({{HashCache::Kind::full, &files[i]}})[0], digests[3 * i + 1]) << i;
+        EXPECT_EQ(cache.digests({{HashCache::Kind::full, &foreign[i]}})[0], hex(5000 + i)) << i;
+    }
+    EXPECT_FALSE(cache.digests({{HashCache::Kind::partial, &rewritten}})[0]);
+    EXPECT_FALSE(cache.blocks({&rewritten}, stamp)[0]);
+    EXPECT_FALSE(cache.blocks({&files[0]}, stamp + 2)[0]) << "another stamp";
+
+    // Blocks shared without the journal: what was remembered of them goes too.
+    cache.forgetBlocks({files[0]});
+    EXPECT_FALSE(cache.blocks({&files[0]}, stamp)[0]);
+    EXPECT_EQ(cache.blocks({&files[1]}, stamp)[0], blocks[1]);
+    cache.forgetRemembered();
+    EXPECT_EQ(cache.digests(lookups), digests);
+}
+
 TEST_F(HashCacheBlocksTest, DatabaseFromBeforeKeptBlocksGetsTheirColumnsAndKeepsItsDigests) {
     const std::string path = data_.path("old.sqlite");
     {
@@ -127,6 +200,16 @@ TEST_F(HashCacheBlocksTest, DatabaseFromBeforeKeptBlocksGetsTheirColumnsAndKeeps
     cache.storeBlocks(real_, shared(5), 0);
     EXPECT_EQ(cache.blocks({&real_}, 0)[0], shared(5));
     EXPECT_EQ(cache.digest(HashCache::Kind::full, real_), "kept");
+    // And its records were moved into key order, so that one pass over a volume's records is a walk
+    // through one tree.
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+    sqlite3_stmt* made = nullptr;
+    ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT sql FROM sqlite_master WHERE name = 'hashes'", -1, &made, nullptr), SQLITE_OK);
+    ASSERT_EQ(sqlite3_step(made), SQLITE_ROW);
+    EXPECT_NE(std::string(reinterpret_cast<const char*>(sqlite3_column_text(made, 0))).find("WITHOUT ROWID"), std::string::npos);
+    sqlite3_finalize(made);
+    sqlite3_close(db);
 }
 
 }  // namespace

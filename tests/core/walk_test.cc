@@ -42,6 +42,23 @@ TEST(WalkTest, EachFileOnceAcrossHardLinksAndNestedRoots) {
     EXPECT_TRUE(walk.folders.contains(dir.path("a/b")));
 }
 
+// The set that keeps a walk from taking a file twice: a pair is met once whatever else the table
+// holds, and the same inode number on another device is another file.
+TEST(WalkTest, InodeSetTellsEveryPairApartThroughItsGrowth) {
+    InodeSet set;
+    std::set<std::pair<uint64_t, uint64_t>> reference;
+    for (uint64_t i = 0; i < 20000; ++i) {
+        // Sequential inodes on two devices, and numbers that differ only in their high bits.
+        for (InodeKey key : {InodeKey{7, i}, InodeKey{8, i}, InodeKey{7, i << 40}, InodeKey{0, i % 3}}) {
+            EXPECT_EQ(set.add(key), reference.insert({key.device, key.inode}).second) << key.device << ":" << key.inode;
+        }
+    }
+    EXPECT_EQ(set.size(), reference.size());
+    EXPECT_FALSE(set.add({0, 0}));
+    EXPECT_FALSE(set.add({8, 19999}));
+    EXPECT_TRUE(set.add({9, 19999}));
+}
+
 TEST(WalkTest, FileRulesSizeExtensionNamesAndTemporaries) {
     test::TempDir dir;
     test::writeFile(dir.path("empty"), "");
@@ -105,6 +122,48 @@ TEST(WalkTest, FolderRulesExclusionsCacheAndLinks) {
     EXPECT_EQ(viaLink.unreadable, std::vector<std::string>{home + "/link-to-folder"});
     Walk missing = walkOf({dir.path("nothing-here")});
     EXPECT_EQ(missing.unreadable, std::vector<std::string>{dir.path("nothing-here")});
+}
+
+// Another user swaps a folder the walk has listed for a link to a tree of the same shape
+// elsewhere: the folders below it, opened by their path, would be read over there. The walk reads
+// a folder only if it is the one its parent's listing showed, names that are not UTF-8 included.
+TEST(WalkTest, FolderSwappedForALinkDuringTheWalkLeadsNowhere) {
+    test::TempDir dir;
+    const std::string swapped = dir.path("tree/a/b\xff");
+    test::writeFile(swapped + "/c/inside", "in");
+    test::writeFile(dir.path("elsewhere/c/secret"), "se");
+    test::writeFile(dir.path("tree/kept\xfe"), "kp");
+    auto swap = [&] {
+        fs::rename(swapped, dir.path("tree/a/moved"));
+        fs::create_symlink(dir.path("elsewhere"), swapped);
+    };
+    auto noSecret = [](const Walk& walk) {
+        for (const auto& file : walk.files) EXPECT_EQ(file.path.find("secret"), std::string::npos) << file.path;
+    };
+
+    // Listed, then swapped, then the folder below it is entered by its path.
+    const FileStatus listedB = FileStatus::read(swapped);
+    Walk steps;
+    std::vector<std::pair<std::string, FolderIdentity>> below;
+    auto keep = [&](std::string path, FolderIdentity identity) { below.emplace_back(std::move(path), identity); };
+    steps.visitFolder(swapped, listedB.device, keep, FolderIdentity{listedB.device, listedB.inode});
+    ASSERT_EQ(below.size(), 1u);
+    swap();
+    steps.visitFolder(below[0].first, listedB.device, keep, below[0].second);
+    noSecret(steps);
+    EXPECT_EQ(steps.unreadable, std::vector<std::string>{swapped + "/c"});
+
+    // A whole walk, the swap made as it enters the folder: whatever was listed ahead by then.
+    fs::remove(swapped);
+    fs::rename(dir.path("tree/a/moved"), swapped);
+    Walk walk;
+    walk.progress = [&](const ScanProgress& progress) {
+        if (progress.current == swapped) swap();
+    };
+    walk.visit(dir.path("tree"));
+    noSecret(walk);
+    EXPECT_EQ(sortedPaths(walk.files).front(), dir.path("tree/kept\xfe"));
+    EXPECT_FALSE(walk.unreadable.empty()) << "the folder that changed is reported, not passed over in silence";
 }
 
 TEST(WalkTest, MountedVolumeInsideTheTreeIsNotEntered) {

@@ -39,8 +39,17 @@ uint32_t typeBits(unsigned char type) {
 
 }  // namespace
 
-std::vector<DirectoryEntry> DirectoryReader::read(const std::string& path) {
+std::vector<DirectoryEntry> DirectoryReader::read(const std::string& path, std::optional<FolderIdentity> expected) {
     platform::FileDescriptor dir = platform::openDirectory(path);
+    if (expected) {
+        // Opened by its path, the folder is whatever the path leads to now; only the one listed
+        // is read, so that a link put in place of a folder on the way leads nowhere.
+        struct statx sx {};
+        if (::statx(dir.get(), "", AT_EMPTY_PATH, STATX_INO, &sx) != 0) throw SystemError("statx", path, errno);
+        if (makedev(sx.stx_dev_major, sx.stx_dev_minor) != expected->device || sx.stx_ino != expected->inode) {
+            throw SystemError("open", path, ELOOP);
+        }
+    }
     // One buffer per thread, reused for every folder: a fresh large allocation per folder would
     // cost more page faults than the listing itself.
     thread_local std::vector<char> buffer(64 * 1024);
