@@ -72,6 +72,24 @@ public:
 
     AcrossSets run(const std::vector<uint32_t>& wanted) {
         std::vector<Candidate> candidates = metOnAnotherVolume(wanted);
+        // Each candidate is asked of the cache up to three times (prefix, blocks, whole digest):
+        // it reads what it keeps of all of them in one pass, and lets go however this ends.
+        struct Forget {
+            HashCache* cache;
+            ~Forget() {
+                if (cache) cache->forgetRemembered();
+            }
+        } forget{options_.cache};
+        if (options_.cache && !candidates.empty()) {
+            std::vector<const ScannedFile*> kept;
+            kept.reserve(candidates.size());
+            for (const auto& c : candidates) kept.push_back(&file(c));
+            try {
+                options_.cache->remember(kept);
+            } catch (const std::exception&) {
+                // Every lookup goes to the database then: slower, never another answer.
+            }
+        }
         digestPrefixes(candidates);
         AcrossSets result;
         std::vector<std::vector<Candidate>> whole;
