@@ -17,6 +17,11 @@ constexpr int operationsPerTransaction = 512;
 // a while rather than slowing every file of the scan.
 constexpr int busyTimeoutMs = 200;
 constexpr int writesSkippedWhenLocked = 2048;
+// Writes made together, in the order of their records. A scan's stores come in the order the files
+// were read, and the facts of blocks and the whole-file digests of copies land on records all over
+// the table: made one by one in transactions of a few hundred, they wrote the same pages to the
+// log again and again (a hundred thousand page writes for a tree of a hundred thousand files).
+constexpr size_t writesTogether = 2048;
 }  // namespace
 
 const char* columnName(HashCache::Kind kind) { return kind == HashCache::Kind::partial ? "partial" : "full"; }
@@ -70,6 +75,7 @@ void HashCache::addMissingColumns() {
 HashCache::~HashCache() {
     {
         std::lock_guard guard(lock_);
+        writePending();
         commit();
         for (auto& [text, statement] : statements_) sqlite3_finalize(statement);
     }
@@ -145,6 +151,7 @@ void HashCache::commit() {
 
 void HashCache::flush() {
     std::lock_guard guard(lock_);
+    writePending();
     commit();
 }
 
@@ -208,6 +215,7 @@ std::optional<std::string> HashCache::digest(Kind kind, const ScannedFile& file)
     std::lock_guard guard(lock_);
     auto volume = volumeOf(file.status.device, file.path);
     if (!volume) return std::nullopt;
+    writePending();
     begin();
     counted();
     return lookUp(*volume, kind, file.status);
@@ -261,6 +269,7 @@ std::vector<std::optional<std::string>> HashCache::digests(const std::vector<Loo
         if (auto volume = volumeOf(file.status.device, file.path)) byVolume[*volume].push_back(i);
     }
     if (byVolume.empty()) return result;
+    writePending();
     begin();
     counted();
     auto inode = [&](size_t i) { return static_cast<int64_t>(lookups[i].file->status.inode); };
@@ -323,6 +332,7 @@ std::vector<std::optional<HashCache::Blocks>> HashCache::blocks(const std::vecto
         if (auto volume = volumeOf(files[i]->status.device, files[i]->path)) byVolume[*volume].push_back(i);
     }
     if (byVolume.empty()) return result;
+    writePending();
     begin();
     counted();
     auto inode = [&](size_t i) { return static_cast<int64_t>(files[i]->status.inode); };
@@ -356,33 +366,12 @@ void HashCache::storeBlocks(const ScannedFile& file, const Blocks& blocks, int64
     std::lock_guard guard(lock_);
     auto volume = writableVolume(file);
     if (!volume) return;
-    // Digests of an older version of the file go with it, as in store().
-    static const std::string sameAsStored =
-        "size = excluded.size AND mtime = excluded.mtime AND mtime_ns = excluded.mtime_ns AND "
-        "ctime = excluded.ctime AND ctime_ns = excluded.ctime_ns";
-    static const std::string sql =
-        "INSERT INTO hashes (volume, inode, path, size, mtime, mtime_ns, ctime, ctime_ns, blocks_stamp, clone_kind, "
-        "private_size, clone_id, clone_refs) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) "
-        "ON CONFLICT (volume, inode) DO UPDATE SET partial = CASE WHEN " + sameAsStored + " THEN partial END, "
-        "full = CASE WHEN " + sameAsStored + " THEN full END, path = excluded.path, size = excluded.size, "
-        "mtime = excluded.mtime, mtime_ns = excluded.mtime_ns, ctime = excluded.ctime, ctime_ns = excluded.ctime_ns, "
-        "blocks_stamp = excluded.blocks_stamp, clone_kind = excluded.clone_kind, private_size = excluded.private_size, "
-        "clone_id = excluded.clone_id, clone_refs = excluded.clone_refs";
-    sqlite3_stmt* statement = prepared(sql);
-    if (!statement) return;
-    bindRecord(statement, *volume, file);
-    sqlite3_bind_int64(statement, 9, stamp);
-    const auto& c = blocks.clones;
-    int64_t kind = c ? cloneKnown | (c->inlineData ? cloneInline : 0) | (c->noBlocks ? cloneNoBlocks : 0) : 0;
-    sqlite3_bind_int64(statement, 10, kind);
-    sqlite3_bind_int64(statement, 11, c ? c->privateSize : 0);
-    sqlite3_bind_int64(statement, 12, c ? static_cast<int64_t>(c->cloneID) : 0);
-    sqlite3_bind_int64(statement, 13, c ? c->references : 0);
-    write(statement);
+    queue({PendingWrite::What::blocks, std::move(*volume), file, {}, blocks, stamp});
 }
 
 void HashCache::forgetBlocks(const std::vector<ScannedFile>& files) {
     std::lock_guard guard(lock_);
+    writePending();
     sqlite3_stmt* statement = prepared("UPDATE hashes SET blocks_stamp = NULL WHERE volume = ? AND inode = ?");
     if (!statement) return;
     begin();
@@ -403,6 +392,64 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
     std::lock_guard guard(lock_);
     auto volume = writableVolume(file);
     if (!volume) return;
+    auto what = kind == Kind::full ? PendingWrite::What::full : PendingWrite::What::partial;
+    queue({what, std::move(*volume), file, digest, {}, 0});
+}
+
+void HashCache::queue(PendingWrite write) {
+    if (pending_.empty()) pending_.reserve(writesTogether);
+    pending_.push_back(std::move(write));
+    if (pending_.size() >= writesTogether) writePending();
+}
+
+void HashCache::writePending() {
+    if (pending_.empty()) return;
+    // Stable: two writes of one file are made in the order they were asked for.
+    std::stable_sort(pending_.begin(), pending_.end(), [](const PendingWrite& a, const PendingWrite& b) {
+        if (a.volume != b.volume) return a.volume < b.volume;
+        return a.file.status.inode < b.file.status.inode;
+    });
+    begin();
+    for (size_t k = 0; k < pending_.size(); ++k) {
+        writeNow(pending_[k]);
+        if (skipWrites_ > 0) {
+            // Another process holds the database: what is left of the batch counts as left out.
+            skipWrites_ = std::max(0, skipWrites_ - static_cast<int>(pending_.size() - k - 1));
+            break;
+        }
+    }
+    pending_.clear();
+    commit();
+}
+
+void HashCache::writeNow(const PendingWrite& pending) {
+    const ScannedFile& file = pending.file;
+    if (pending.what == PendingWrite::What::blocks) {
+        // Digests of an older version of the file go with it, as for a digest below.
+        static const std::string sameAsStored =
+            "size = excluded.size AND mtime = excluded.mtime AND mtime_ns = excluded.mtime_ns AND "
+            "ctime = excluded.ctime AND ctime_ns = excluded.ctime_ns";
+        static const std::string sql =
+            "INSERT INTO hashes (volume, inode, path, size, mtime, mtime_ns, ctime, ctime_ns, blocks_stamp, clone_kind, "
+            "private_size, clone_id, clone_refs) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) "
+            "ON CONFLICT (volume, inode) DO UPDATE SET partial = CASE WHEN " + sameAsStored + " THEN partial END, "
+            "full = CASE WHEN " + sameAsStored + " THEN full END, path = excluded.path, size = excluded.size, "
+            "mtime = excluded.mtime, mtime_ns = excluded.mtime_ns, ctime = excluded.ctime, ctime_ns = excluded.ctime_ns, "
+            "blocks_stamp = excluded.blocks_stamp, clone_kind = excluded.clone_kind, private_size = excluded.private_size, "
+            "clone_id = excluded.clone_id, clone_refs = excluded.clone_refs";
+        sqlite3_stmt* statement = prepared(sql);
+        if (!statement) return;
+        bindRecord(statement, pending.volume, file);
+        sqlite3_bind_int64(statement, 9, pending.stamp);
+        const auto& c = pending.blocks.clones;
+        int64_t kind = c ? cloneKnown | (c->inlineData ? cloneInline : 0) | (c->noBlocks ? cloneNoBlocks : 0) : 0;
+        sqlite3_bind_int64(statement, 10, kind);
+        sqlite3_bind_int64(statement, 11, c ? c->privateSize : 0);
+        sqlite3_bind_int64(statement, 12, c ? static_cast<int64_t>(c->cloneID) : 0);
+        sqlite3_bind_int64(statement, 13, c ? c->references : 0);
+        write(statement);
+        return;
+    }
     // One statement whether the record is new, of the same version or of an older one. A record of
     // an older version keeps nothing of it: its digest of the other kind is dropped with it.
     auto upsert = [](Kind kind) {
@@ -419,10 +466,10 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
                "ctime = excluded.ctime, ctime_ns = excluded.ctime_ns";
     };
     static const std::string sql[2] = {upsert(Kind::partial), upsert(Kind::full)};
-    sqlite3_stmt* statement = prepared(sql[kind == Kind::full ? 1 : 0]);
+    sqlite3_stmt* statement = prepared(sql[pending.what == PendingWrite::What::full ? 1 : 0]);
     if (!statement) return;
-    bindRecord(statement, *volume, file);
-    sqlite3_bind_text(statement, 9, digest.c_str(), static_cast<int>(digest.size()), SQLITE_STATIC);
+    bindRecord(statement, pending.volume, file);
+    sqlite3_bind_text(statement, 9, pending.digest.c_str(), static_cast<int>(pending.digest.size()), SQLITE_STATIC);
     write(statement);
 }
 
@@ -431,9 +478,7 @@ std::optional<std::string> HashCache::writableVolume(const ScannedFile& file) {
         --skipWrites_;
         return std::nullopt;
     }
-    auto volume = volumeOf(file.status.device, file.path);
-    if (volume) begin();
-    return volume;
+    return volumeOf(file.status.device, file.path);
 }
 
 void HashCache::write(sqlite3_stmt* statement) {
@@ -448,13 +493,12 @@ void HashCache::write(sqlite3_stmt* statement) {
     if ((lastStep_ & 0xFF) == SQLITE_BUSY || (lastStep_ & 0xFF) == SQLITE_LOCKED) {
         commit();
         skipWrites_ = writesSkippedWhenLocked;
-        return;
     }
-    counted();
 }
 
 void HashCache::prune(const std::vector<std::string>& roots, const std::vector<ScannedFile>& seen) {
     std::lock_guard guard(lock_);
+    writePending();
     if (roots.empty()) return;
     // Sorted inode numbers per volume: a few bytes a file, where a hash set costs a node each.
     std::map<std::string, std::vector<int64_t>> seenInodes;
