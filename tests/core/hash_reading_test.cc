@@ -132,5 +132,30 @@ TEST(HasherTest, SideBySideServesCachedDigestsAndReadsOnlyTheRest) {
     EXPECT_EQ(cache.digest(HashCache::Kind::full, files[2]), real);
 }
 
+TEST(HasherTest, FileThatGrewOrShrankSinceItWasListedIsDigestedAsItIsNow) {
+    test::TempDir dir;
+    std::string content = test::randomBytes(70000, 35);
+    // (bytes on disk, size the listing saw): unchanged, grown by a byte and by much, shrunk, and
+    // grown past the prefix limit from just below it.
+    const std::vector<std::pair<size_t, int64_t>> cases = {
+        {100, 100}, {101, 100}, {5000, 100}, {60, 100}, {70000, 65535}, {65536, 65535}, {1, 0}};
+    std::vector<ScannedFile> files;
+    for (size_t k = 0; k < cases.size(); ++k) {
+        std::string path = dir.path("f" + std::to_string(k));
+        test::writeFile(path, std::string_view(content).substr(0, cases[k].first));
+        files.push_back({path, FileStatus::read(path), {}});
+        files.back().status.size = cases[k].second;
+    }
+    for (int64_t limit : {ContentHash::partialLimit, ContentHash::fullLimit}) {
+        Locked<int64_t> bytes{0};
+        auto digests = Hasher::digests(files, limit, false, nullptr, bytes, nullptr, nullptr);
+        for (size_t k = 0; k < files.size(); ++k) {
+            ASSERT_TRUE(digests[k]) << k;
+            EXPECT_EQ(*digests[k], digestText(ContentHash::sha256(files[k].path, limit)))
+                << "file of " << cases[k].first << " bytes listed with " << cases[k].second << ", limit " << limit;
+        }
+    }
+}
+
 }  // namespace
 }  // namespace dedup
