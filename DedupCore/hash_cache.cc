@@ -21,7 +21,7 @@ constexpr int writesSkippedWhenLocked = 2048;
 // were read, and the facts of blocks and the whole-file digests of copies land on records all over
 // the table: made one by one in transactions of a few hundred, they wrote the same pages to the
 // log again and again (a hundred thousand page writes for a tree of a hundred thousand files).
-constexpr size_t writesTogether = 2048;
+constexpr size_t writesTogether = 512;
 }  // namespace
 
 const char* columnName(HashCache::Kind kind) { return kind == HashCache::Kind::partial ? "partial" : "full"; }
@@ -294,11 +294,10 @@ constexpr const char* blockColumns =
     "size, mtime, mtime_ns, ctime, ctime_ns, blocks_stamp, clone_kind, private_size, clone_id, clone_refs";
 
 // The first eight parameters of every write: which file, where it was, and which version of it.
-void bindRecord(sqlite3_stmt* statement, const std::string& volume, const ScannedFile& file) {
-    const auto& s = file.status;
+void bindRecord(sqlite3_stmt* statement, const std::string& volume, const std::string& path, const FileStatus& s) {
     sqlite3_bind_text(statement, 1, volume.c_str(), static_cast<int>(volume.size()), SQLITE_STATIC);
     sqlite3_bind_int64(statement, 2, static_cast<int64_t>(s.inode));
-    sqlite3_bind_text(statement, 3, file.path.c_str(), static_cast<int>(file.path.size()), SQLITE_STATIC);
+    sqlite3_bind_text(statement, 3, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
     const int64_t version[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
                                 s.changed.nanoseconds};
     for (int i = 0; i < 5; ++i) sqlite3_bind_int64(statement, 4 + i, version[i]);
@@ -366,7 +365,7 @@ void HashCache::storeBlocks(const ScannedFile& file, const Blocks& blocks, int64
     std::lock_guard guard(lock_);
     auto volume = writableVolume(file);
     if (!volume) return;
-    queue({PendingWrite::What::blocks, std::move(*volume), file, {}, blocks, stamp});
+    queue({PendingWrite::What::blocks, file.path, file.status, {}, blocks, stamp});
 }
 
 void HashCache::forgetBlocks(const std::vector<ScannedFile>& files) {
@@ -392,8 +391,8 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
     std::lock_guard guard(lock_);
     auto volume = writableVolume(file);
     if (!volume) return;
-    auto what = kind == Kind::full ? PendingWrite::What::full : PendingWrite::What::partial;
-    queue({what, std::move(*volume), file, digest, {}, 0});
+    queue({kind == Kind::full ? PendingWrite::What::full : PendingWrite::What::partial, file.path, file.status, digest,
+           {}, 0});
 }
 
 void HashCache::queue(PendingWrite write) {
@@ -406,24 +405,27 @@ void HashCache::writePending() {
     if (pending_.empty()) return;
     // Stable: two writes of one file are made in the order they were asked for.
     std::stable_sort(pending_.begin(), pending_.end(), [](const PendingWrite& a, const PendingWrite& b) {
-        if (a.volume != b.volume) return a.volume < b.volume;
-        return a.file.status.inode < b.file.status.inode;
+        if (a.status.device != b.status.device) return a.status.device < b.status.device;
+        return a.status.inode < b.status.inode;
     });
     begin();
     for (size_t k = 0; k < pending_.size(); ++k) {
-        writeNow(pending_[k]);
+        // Only files whose device has an identifier were queued, and the answer is kept.
+        auto volume = volumes_.find(pending_[k].status.device);
+        if (volume == volumes_.end() || !volume->second) continue;
+        writeNow(*volume->second, pending_[k]);
         if (skipWrites_ > 0) {
             // Another process holds the database: what is left of the batch counts as left out.
             skipWrites_ = std::max(0, skipWrites_ - static_cast<int>(pending_.size() - k - 1));
             break;
         }
     }
-    pending_.clear();
+    // Given back, not kept: between batches the memory serves the scan.
+    pending_ = {};
     commit();
 }
 
-void HashCache::writeNow(const PendingWrite& pending) {
-    const ScannedFile& file = pending.file;
+void HashCache::writeNow(const std::string& volume, const PendingWrite& pending) {
     if (pending.what == PendingWrite::What::blocks) {
         // Digests of an older version of the file go with it, as for a digest below.
         static const std::string sameAsStored =
@@ -439,7 +441,7 @@ void HashCache::writeNow(const PendingWrite& pending) {
             "clone_id = excluded.clone_id, clone_refs = excluded.clone_refs";
         sqlite3_stmt* statement = prepared(sql);
         if (!statement) return;
-        bindRecord(statement, pending.volume, file);
+        bindRecord(statement, volume, pending.path, pending.status);
         sqlite3_bind_int64(statement, 9, pending.stamp);
         const auto& c = pending.blocks.clones;
         int64_t kind = c ? cloneKnown | (c->inlineData ? cloneInline : 0) | (c->noBlocks ? cloneNoBlocks : 0) : 0;
@@ -468,7 +470,7 @@ void HashCache::writeNow(const PendingWrite& pending) {
     static const std::string sql[2] = {upsert(Kind::partial), upsert(Kind::full)};
     sqlite3_stmt* statement = prepared(sql[pending.what == PendingWrite::What::full ? 1 : 0]);
     if (!statement) return;
-    bindRecord(statement, pending.volume, file);
+    bindRecord(statement, volume, pending.path, pending.status);
     sqlite3_bind_text(statement, 9, pending.digest.c_str(), static_cast<int>(pending.digest.size()), SQLITE_STATIC);
     write(statement);
 }

@@ -111,10 +111,12 @@ private:
     // A write waiting its turn. Writes are gathered and made in the order of their records, one
     // transaction per batch: made as the files come, each would dirty a page of its own, and every
     // commit would write most of those pages to the log again.
+    // Held lean, a batch of them being alive through a scan: the volume is found again from the
+    // device, whose answer is kept.
     struct PendingWrite {
         enum class What : uint8_t { partial, full, blocks } what;
-        std::string volume;
-        ScannedFile file;
+        std::string path;
+        FileStatus status;
         std::string digest;
         Blocks blocks;
         int64_t stamp = 0;
@@ -122,7 +124,7 @@ private:
     void queue(PendingWrite write);
     // Makes the gathered writes; every lookup calls it first, so that it sees them.
     void writePending();
-    void writeNow(const PendingWrite& write);
+    void writeNow(const std::string& volume, const PendingWrite& write);
     // Steps a write and handles a database that another process holds.
     void write(sqlite3_stmt* statement);
     void begin();

@@ -131,7 +131,15 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
             // Two windows ahead, so the next one is on its way while this one is digested.
             for (const auto& run : runs) {
                 if (run.ended) continue;
-                for (size_t m : run.members) platform::readAhead(members[m].fd, offset, 2 * window);
+                for (size_t m : run.members) {
+                    // Asking for what is in memory already costs a walk over its pages: a file
+                    // whose last byte asked for is there is taken to be there whole. A page the
+                    // kernel dropped meanwhile is still read, by its own read-ahead.
+                    int64_t end = std::min(offset + 2 * window, files[members[m].index]->status.size);
+                    if (end <= offset || !platform::isInMemory(members[m].fd, end - 1)) {
+                        platform::readAhead(members[m].fd, offset, 2 * window);
+                    }
+                }
             }
         }
         for (size_t r = 0, open = runs.size(); r < open; ++r) {

@@ -1,12 +1,15 @@
 // Reading for digests in bulk: many cache lookups answered in one pass, and sets of likely copies
 // read side by side, each file once.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 
 #include "hash_cache.h"
 #include "hasher.h"
 #include "locked.h"
+#include "platform/file_io.h"
 #include "support/test_files.h"
 #include "volumes.h"
 
@@ -155,6 +158,25 @@ TEST(HasherTest, FileThatGrewOrShrankSinceItWasListedIsDigestedAsItIsNow) {
                 << "file of " << cases[k].first << " bytes listed with " << cases[k].second << ", limit " << limit;
         }
     }
+}
+
+TEST(HasherTest, ReadAheadIsAskedOnlyForWhatIsNotInMemory) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+    std::string root = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::xfs), "in-memory");
+    std::string path = root + "/file";
+    test::writeRandomFile(path, 1 << 20, 36);
+    platform::syncFile(path);
+    auto fd = platform::openForReading(path);
+    // Just written: in memory, and so is anything past the end (there is nothing to wait for).
+    EXPECT_TRUE(platform::isInMemory(fd, 0));
+    EXPECT_TRUE(platform::isInMemory(fd, (1 << 20) - 1));
+    EXPECT_TRUE(platform::isInMemory(fd, 5 << 20));
+    // Dropped from memory: the disk would have to be read, so read-ahead is worth asking for.
+    ASSERT_EQ(::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED), 0);
+    EXPECT_FALSE(platform::isInMemory(fd, (1 << 20) - 1));
+    std::string bytes(4096, '\0');
+    ASSERT_EQ(::pread(fd.get(), bytes.data(), bytes.size(), 0), 4096);
+    EXPECT_TRUE(platform::isInMemory(fd, 0));
 }
 
 }  // namespace
