@@ -81,40 +81,6 @@ std::string_view rawValue(CloneEngine::Leftover leftover) {
     return names[static_cast<size_t>(leftover)];
 }
 
-// One replacement between its swap and its end. Every file is reached through `folder`, the copy's
-// folder opened without following links, so a folder swapped for a link cannot redirect a change.
-struct CloneEngine::Swapped {
-    JournalEntry entry;
-    Replacement target;
-    std::string temporary;  // empty when the blocks were shared in place: nothing waits for phase two
-    std::string temporaryName;
-    std::string name;  // the copy's own name in `folder`
-    FileStatus original;  // the copy, read on its descriptor at the start
-    FileStatus cloneStatus;
-    std::optional<FileTimes> folderTimes;
-    int64_t freed = 0;
-    platform::FileDescriptor folder;
-    platform::FileDescriptor held;  // the copy, open for the lease while it is replaced
-    platform::FileDescriptor source;
-    platform::FileDescriptor clone;
-    Snapshot before;
-    // The copy as verified after sharing in place, on its descriptor: what the journal records.
-    std::optional<Snapshot> after;
-    Attributes attributes;
-    bool leases = true;  // the kernel answers whether the copy is open elsewhere
-};
-
-// The list of every process's open files, read only when the kernel cannot answer for one file
-// (no lease can be tried on it), and then once per phase of a batch: reading it walks /proc, whose
-// cost grows with every process on the machine, not with the work.
-struct CloneEngine::OpenList {
-    std::optional<OpenFiles> files;
-    const OpenFiles& get() {
-        if (!files) files = OpenFiles::now();
-        return *files;
-    }
-};
-
 void CloneEngine::step(Step s, const std::string& temporary) const {
     if (fault) fault(s, temporary);
 }
@@ -133,7 +99,7 @@ bool CloneEngine::openElsewhere(Swapped& s, const platform::FileDescriptor& fd, 
 
 // Whether the volume could make a clone of the kept copy beside this one: a nameless trial clone
 // that vanishes when closed, remembered per volume.
-bool CloneEngine::canClone(const Swapped& s) const {
+bool CloneEngine::canClone(Swapped& s) const {
     {
         std::lock_guard lock(volumes_->mutex);
         auto it = volumes_->clones.find(s.original.device);
@@ -141,8 +107,10 @@ bool CloneEngine::canClone(const Swapped& s) const {
     }
     bool answer = false;
     try {
+        // Shared in place, the copy's folder was let go once the copy was open.
+        if (!s.folder) s.folder = platform::openFolderWithoutLinks(parentOf(s.target.target));
         auto trial = platform::anonymousFileIn(s.folder, s.target.target);
-        answer = trial && platform::cloneInto(trial, s.source, s.target.target);
+        answer = trial && platform::cloneInto(trial, s.source(), s.target.target);
     } catch (const SystemError&) {
     }
     std::lock_guard lock(volumes_->mutex);
@@ -162,15 +130,6 @@ struct LeftForRecovery : ReplaceError {
     }
 };
 
-Snapshot snapshotOf(const platform::FileDescriptor& fd, const std::string& path) {
-    Snapshot snapshot;
-    snapshot.status = platform::statusOf(fd, path);
-    snapshot.times = platform::timesOf(fd, path);
-    snapshot.attributeNames = XAttr::names(fd, path);
-    std::sort(snapshot.attributeNames.begin(), snapshot.attributeNames.end());
-    snapshot.acl = ACL::text(fd, path);
-    return snapshot;
-}
 
 bool isFile(const std::optional<FileStatus>& status, const FileStatus& identity) {
     return status && status->device == identity.device && status->inode == identity.inode;
@@ -230,6 +189,16 @@ int64_t privateBytes(const std::optional<CloneInfo>& info, const FileStatus& sta
 
 }  // namespace
 
+Snapshot engine::snapshotOf(const platform::FileDescriptor& fd, const std::string& path) {
+    Snapshot snapshot;
+    snapshot.status = platform::statusOf(fd, path);
+    snapshot.times = platform::timesOf(fd, path);
+    snapshot.attributeNames = XAttr::names(fd, path);
+    std::sort(snapshot.attributeNames.begin(), snapshot.attributeNames.end());
+    snapshot.acl = ACL::text(fd, path);
+    return snapshot;
+}
+
 std::string keepBeside(const platform::FileDescriptor& folder, const std::string& folderPath,
                        const std::string& temporaryName, const std::string& name) {
     // "photo.jpg" -> "photo (other version).jpg", "photo (other version 2).jpg", ...
@@ -246,7 +215,8 @@ std::string keepBeside(const platform::FileDescriptor& folder, const std::string
     throw SystemError("renameat2", folderPath + "/" + temporaryName, errno);
 }
 
-CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& entry, OpenList& open) {
+CloneEngine::Swapped CloneEngine::look(const Replacement& r, JournalEntry& entry, OpenList& open,
+                                       std::shared_ptr<Kept>& kept) {
     FileStatus status = FileStatus::read(r.target);
     checkReplaceable(r.target, status, parentOf(r.target), r.source, r.expected);
 
@@ -261,19 +231,41 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
     swapped.held = platform::openFileIn(swapped.folder, swapped.name, r.target);
     swapped.original = platform::statusOf(swapped.held, r.target);
     if (!swapped.original.isSameVersion(r.expected)) throw Skip(SkipReason::changedSinceScan);
+    // Shared in place, nothing more is done in the copy's folder: one descriptor per copy waiting
+    // for its group's call is enough.
+    if (strategy != Strategy::cloneAndSwap) swapped.folder.reset();
     if (coordinate && !platform::takeWriteLease(swapped.held, r.target)) throw Skip(SkipReason::inUse);
 
-    auto sourceFolder = platform::openFolderWithoutLinks(parentOf(r.source));
-    swapped.source = platform::openFileIn(sourceFolder, nameOf(r.source), r.source);
-    FileStatus sourceStatus = platform::statusOf(swapped.source, r.source);
+    // The kept file is opened once for all its copies that follow one another in the batch; its
+    // status is read again for each, so that a kept file changed meanwhile is noticed.
+    if (!kept || kept->path != r.source) {
+        auto opened = std::make_shared<Kept>();
+        opened->path = r.source;
+        auto sourceFolder = platform::openFolderWithoutLinks(parentOf(r.source));
+        opened->fd = platform::openFileIn(sourceFolder, nameOf(r.source), r.source);
+        opened->status = platform::statusOf(opened->fd, r.source);
+        if (opened->status.isRegularFile()) opened->attributeBits = platform::attributeBitsOf(opened->fd, r.source);
+        kept = std::move(opened);
+    } else {
+        kept->status = platform::statusOf(kept->fd, r.source);
+    }
+    swapped.kept = kept;
+    const FileStatus& sourceStatus = kept->status;
     if (!sourceStatus.isRegularFile()) throw Skip(SkipReason::notARegularFile);
     if (sourceStatus.device != swapped.original.device) throw Skip(SkipReason::differentVolume);
     if (r.keptExpected && !sourceStatus.isSameVersion(*r.keptExpected)) throw Skip(SkipReason::changedSinceScan);
     if (sourceStatus.size != swapped.original.size) throw Skip(SkipReason::contentDiffers);
 
-    auto targetClones = platform::cloneInfoOf(swapped.held, r.target);
+    // What the scan read of both files' blocks stands unless it is missing: the kernel's
+    // comparison, not this test, is what keeps a changed copy safe.
+    auto targetClones = r.clones ? r.clones : platform::cloneInfoOf(swapped.held, r.target);
     if (targetClones) {
-        auto sourceClones = platform::cloneInfoOf(swapped.source, r.source);
+        std::optional<CloneInfo> sourceClones = r.keptClones;
+        if (!sourceClones) {
+            if (!kept->clonesRead) kept->clones = platform::cloneInfoOf(kept->fd, r.source);
+            kept->clonesRead = true;
+            sourceClones = kept->clones;
+        }
         if (sourceClones && sourceClones->cloneID == targetClones->cloneID) throw Skip(SkipReason::alreadyShared);
     }
     // Only clone and swap puts another file at the copy's path; shared in place, a program that has
@@ -283,24 +275,20 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
     }
     // Btrfs refuses to share blocks between a no-copy-on-write file and any other ("Invalid
     // argument"): say why instead of failing at the kernel.
-    if ((platform::attributeBitsOf(swapped.held, r.target) | platform::attributeBitsOf(swapped.source, r.source)) &
-        noCopyOnWriteBit) {
+    if ((platform::attributeBitsOf(swapped.held, r.target) | kept->attributeBits) & noCopyOnWriteBit) {
         throw Skip(SkipReason::noCopyOnWrite);
     }
     swapped.freed = privateBytes(targetClones, status);
 
-    swapped.before = snapshotOf(swapped.held, r.target);
+    swapped.before = engine::snapshotOf(swapped.held, r.target);
     entry.before = swapped.before;
+    return swapped;
+}
 
-    if (strategy == Strategy::cloneAndSwap) {
-        swapByClone(swapped, entry, r);
-    } else if (!shareInPlace(swapped, entry, r)) {
-        // Clone and swap puts another file at the copy's path: a program that holds the copy open
-        // keeps writing to the one that is removed, and the birth time and inode change. It is
-        // therefore never chosen for the user, only done when asked for; here the copy is left
-        // alone, saying which of the two is the case.
-        throw Skip(canClone(swapped) ? SkipReason::cloneAndSwapNotAsked : SkipReason::volumeCannotClone);
-    }
+CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& entry, OpenList& open,
+                                         std::shared_ptr<Kept>& kept) {
+    Swapped swapped = look(r, entry, open, kept);
+    swapByClone(swapped, entry, r);
     // A lease makes every other program that opens the file wait (up to the kernel's lease-break
     // time): it is held only while this copy is being changed, not while the rest of the batch is.
     // Finishing takes it again before the replaced copy is removed.
@@ -309,42 +297,13 @@ CloneEngine::Swapped CloneEngine::swapIn(const Replacement& r, JournalEntry& ent
     return swapped;
 }
 
-bool CloneEngine::shareInPlace(Swapped& s, JournalEntry& entry, const Replacement& r) {
-    step(Step::checked, "");
-    // Sharing in place leaves nothing behind for a recovery to find.
-    entry.temporary.reset();
-    // Identity is checked again on the open descriptors right before the kernel is asked to act.
-    if (!platform::statusOf(s.held, r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
-    if (platform::statusOf(s.source, r.source).size != s.original.size) throw Skip(SkipReason::contentDiffers);
-    if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
-
-    switch (platform::shareInPlace(s.source, s.held, s.original.size, r.target)) {
-        case platform::ShareOutcome::notSupported: return false;
-        case platform::ShareOutcome::differs: throw Skip(SkipReason::contentDiffers);
-        case platform::ShareOutcome::shared: break;
+void CloneEngine::removeClone(Swapped& s) {
+    if (s.linked && isFile(platform::statusIn(s.folder, s.temporaryName, s.temporary), s.cloneStatus)) {
+        platform::tryRemoveIn(s.folder, s.temporaryName);
     }
-    step(Step::cloned, "");
-
-    // The kernel reports the length asked for, not what it shared: the extent map says the truth.
-    auto sourceClones = platform::cloneInfoOf(s.source, r.source);
-    auto targetClones = platform::cloneInfoOf(s.held, r.target);
-    if (!sourceClones || !targetClones || sourceClones->cloneID != targetClones->cloneID) {
-        throw std::runtime_error(r.target + ": the disk did not share its blocks");
-    }
-    Snapshot after = snapshotOf(s.held, r.target);
-    std::vector<std::string> differs;
-    if (after.status != s.before.status) differs.push_back("status");
-    if (after.times.modified != s.before.times.modified) differs.push_back("modified");
-    if (after.attributeNames != s.before.attributeNames) differs.push_back("xattr names");
-    if (after.acl != s.before.acl) differs.push_back("acl");
-    if (!differs.empty()) throw VerificationError(r.target, differs);
-    s.after = std::move(after);
-    step(Step::verified, "");
-    s.freed = std::max<int64_t>(0, s.freed - targetClones->privateSize);
-    return true;
 }
 
-void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement& r) {
+void CloneEngine::buildClone(Swapped& s, JournalEntry& entry, const Replacement& r) {
     const std::string folder = parentOf(r.target);
     s.attributes = XAttr::all(s.held, r.target);
     if (restoreFolderDates) s.folderTimes = platform::timesOf(s.folder, folder);
@@ -361,22 +320,17 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
     // crash leaves nothing behind. Only once its bytes and metadata are right does it get its
     // temporary name, announced in the journal together with its identity first.
     s.clone = platform::anonymousFileIn(s.folder, s.temporary);
-    bool named = !s.clone;
-    if (named) {
+    s.named = !s.clone;
+    if (s.named) {
         // Announced before anything exists on disk, so a crash from here on leaves a journalled leftover.
         if (journal && !announced) journal->append(entry);
         s.clone = platform::createFileIn(s.folder, s.temporaryName, s.temporary);
     }
-    bool linked = named;
-    auto removeClone = [&] {
-        if (linked && isFile(platform::statusIn(s.folder, s.temporaryName, s.temporary), s.cloneStatus)) {
-            platform::tryRemoveIn(s.folder, s.temporaryName);
-        }
-    };
+    s.linked = s.named;
     s.cloneStatus = platform::statusOf(s.clone, s.temporary);
 
     try {
-        if (!platform::cloneInto(s.clone, s.source, s.temporary)) throw Skip(SkipReason::volumeCannotClone);
+        if (!platform::cloneInto(s.clone, s.source(), s.temporary)) throw Skip(SkipReason::volumeCannotClone);
         step(Step::cloned, s.temporary);
         prepareClone(s.clone, s.temporary, s.attributes);
         step(Step::metadataCopied, s.temporary);
@@ -387,29 +341,41 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
         // Dates go on after the comparison, which reads the clone and would move its access time.
         platform::setTimes(s.clone, s.before.times, s.temporary);
         s.cloneStatus = platform::statusOf(s.clone, s.temporary);
-        if (!named) {
-            Snapshot clone = snapshotOf(s.clone, s.temporary);
-            entry.after = clone;
-            if (journal) journal->append(entry);
+        // What the journal must hold before the clone gets a name; the caller writes it.
+        if (!s.named) entry.after = engine::snapshotOf(s.clone, s.temporary);
+    } catch (...) {
+        removeClone(s);
+        throw;
+    }
+}
+
+void CloneEngine::placeClone(Swapped& s, const Replacement& r) {
+    const std::string folder = parentOf(r.target);
+    FolderDates dates{s.folder, folder, s.folderTimes};
+    try {
+        if (!s.linked) {
             platform::linkInto(s.clone, s.folder, s.temporaryName, s.temporary);
-            linked = true;
+            s.linked = true;
             s.cloneStatus = platform::statusOf(s.clone, s.temporary);
         }
         // Opened by a program since the first look: it would keep writing to the replaced copy.
         if (!coordinate && platform::openElsewhere(s.held) == true) throw Skip(SkipReason::inUse);
         step(Step::compared, s.temporary);
         if (coordinate && !platform::leaseHeld(s.held)) throw Skip(SkipReason::coordinationTimedOut);
+        // Other clones of the batch may have been made since this copy was compared: it must still
+        // be the version compared.
+        if (!platform::statusOf(s.held, r.target).isSameVersion(s.original)) throw Skip(SkipReason::changedSinceScan);
         // The copy's name must still name the copy that was compared: a program may have saved a
         // new file over it meanwhile, and that one is not ours to move.
         if (!isFile(platform::statusIn(s.folder, s.name, r.target), s.original)) throw Skip(SkipReason::changedSinceScan);
     } catch (...) {
-        removeClone();
+        removeClone(s);
         throw;
     }
 
     if (!platform::exchangeIn(s.folder, s.temporaryName, s.name)) {
         int code = errno;
-        removeClone();
+        removeClone(s);
         throw SystemError("renameat2", r.target, code);
     }
 
@@ -429,6 +395,14 @@ void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement
         undoSwap(s);
         throw;
     }
+}
+
+void CloneEngine::swapByClone(Swapped& s, JournalEntry& entry, const Replacement& r) {
+    buildClone(s, entry, r);
+    // The unnamed clone's identity is made durable before it gets a name, so that the recovery
+    // after a power cut can tell the engine's own clone from anything else.
+    if (!s.named && journal) journal->append(entry);
+    placeClone(s, r);
 }
 
 // Puts the replaced copy back at its name after a failure past the exchange. Removes only what is
@@ -502,12 +476,10 @@ void CloneEngine::finish(Swapped& s, OpenList& open) {
     throw Skip(SkipReason::changedDuringReplace);
 }
 
-namespace {
-
 // A copy or kept file deleted or moved away since the scan is no failure: it changed since the
 // scan, and nothing of it is left to reclaim. Every step undoes its own work before it throws, so
 // a path that is gone was taken away by someone else.
-std::exception_ptr vanishedAsSkip(std::exception_ptr error, const CloneEngine::Replacement& r) {
+std::exception_ptr engine::vanishedAsSkip(std::exception_ptr error, const CloneEngine::Replacement& r) {
     try {
         std::rethrow_exception(error);
     } catch (const LeftForRecovery&) {
@@ -522,8 +494,7 @@ std::exception_ptr vanishedAsSkip(std::exception_ptr error, const CloneEngine::R
     return error;
 }
 
-// Every failed call reaches the journal and the caller in a user's words.
-std::exception_ptr explained(std::exception_ptr error, const std::string& file) {
+std::exception_ptr engine::explained(std::exception_ptr error, const std::string& file) {
     try {
         std::rethrow_exception(error);
     } catch (const ReplaceError&) {
@@ -535,12 +506,11 @@ std::exception_ptr explained(std::exception_ptr error, const std::string& file) 
     }
 }
 
-void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
-    if (!journal) return;
+std::optional<JournalEntry> engine::closingOf(JournalEntry entry, std::exception_ptr error) {
     try {
         std::rethrow_exception(error);
     } catch (const LeftForRecovery&) {
-        return;
+        return std::nullopt;
     } catch (const Skip& skip) {
         entry.event = JournalEntry::Event::skipped;
         entry.detail = std::string(rawValue(skip.reason));
@@ -552,21 +522,101 @@ void close(Journal* journal, JournalEntry entry, std::exception_ptr error) {
         entry.detail = "unknown error";
     }
     entry.time = std::time(nullptr);
-    try {
-        journal->append(entry);
-    } catch (...) {
-        // The outcome still reaches the caller; a journal that cannot be written shows at the next start.
-    }
+    return entry;
 }
 
-}  // namespace
+void CloneEngine::flush(Closings& closings) {
+    if (journal && !closings.entries.empty()) {
+        try {
+            journal->append(closings.entries);
+        } catch (...) {
+            // The outcomes still reach the caller; a journal that cannot be written shows at the
+            // next start, where the entries left open are closed as "nothing left over".
+        }
+    }
+    for (const auto& [r, outcome] : closings.outcomes) closings.done(r, outcome);
+    closings.entries.clear();
+    closings.outcomes.clear();
+}
+
+void CloneEngine::recordReplaced(Swapped& s, Closings& closings) {
+    s.held.reset();
+    JournalEntry entry = std::move(s.entry);
+    entry.event = JournalEntry::Event::replaced;
+    entry.time = std::time(nullptr);
+    entry.freedBytes = s.freed;
+    if (s.after) {
+        entry.after = std::move(s.after);
+    } else {
+        try {
+            entry.after = Snapshot::take(s.target.target);
+        } catch (const std::exception&) {
+        }
+    }
+    closings.entries.push_back(std::move(entry));
+    closings.outcomes.emplace_back(s.target, Outcome{s.freed, nullptr});
+}
+
+void CloneEngine::recordFailed(const Replacement& r, const JournalEntry& entry, std::exception_ptr error,
+                               Closings& closings, bool vanishedIsSkip) {
+    if (vanishedIsSkip) error = engine::vanishedAsSkip(error, r);
+    error = engine::explained(error, r.target);
+    if (auto closing = engine::closingOf(entry, error)) closings.entries.push_back(std::move(*closing));
+    closings.outcomes.emplace_back(r, Outcome{0, error});
+}
+
+size_t CloneEngine::cloneBatch(const std::vector<Replacement>& batch, std::vector<JournalEntry>& announced,
+                               const std::function<bool(const Replacement&)>& willStart, OpenList& open,
+                               Closings& closings, std::vector<Swapped>& swapped) {
+    // Every clone of the batch is built first, without a name; then one journal write, synced
+    // once, makes all their identities durable; only then does each get its name and take the
+    // copy's place. One wait for the disk per batch instead of one per copy.
+    std::shared_ptr<Kept> kept;
+    std::vector<std::pair<Swapped, size_t>> built;
+    size_t next = 0;
+    for (; next < batch.size(); ++next) {
+        const Replacement& r = batch[next];
+        if (willStart && !willStart(r)) break;
+        JournalEntry& entry = announced[next];
+        try {
+            Swapped s = look(r, entry, open, kept);
+            buildClone(s, entry, r);
+            built.emplace_back(std::move(s), next);
+        } catch (...) {
+            recordFailed(r, entry, std::current_exception(), closings);
+        }
+    }
+    std::vector<JournalEntry> identities;
+    for (const auto& [s, index] : built) {
+        if (!s.named) identities.push_back(announced[index]);
+    }
+    try {
+        if (journal) journal->append(identities);
+    } catch (...) {
+        // No clone may get a name that the journal could not announce: the unnamed ones vanish.
+        auto error = std::current_exception();
+        for (auto& [s, index] : built) {
+            if (!s.named) recordFailed(batch[index], announced[index], error, closings);
+        }
+        std::erase_if(built, [](const auto& b) { return !b.first.named; });
+    }
+    flush(closings);
+    for (auto& [s, index] : built) {
+        try {
+            placeClone(s, batch[index]);
+            s.entry = announced[index];
+            swapped.push_back(std::move(s));
+        } catch (...) {
+            recordFailed(batch[index], announced[index], std::current_exception(), closings);
+            flush(closings);
+        }
+    }
+    return next;
+}
 
 void CloneEngine::replace(const std::vector<Replacement>& batch,
-                          const std::function<bool(const Replacement&)>& willStart,
-                          const std::function<void(const Replacement&, const Outcome&)>& done) {
-    // Only clone and swap needs the list of every process's open files, and only as a fallback
-    // where the kernel cannot answer for one file: it is read on the first such file, if any.
-    OpenList open;
+                          const std::function<bool(const Replacement&)>& willStart, const Done& done) {
+    const bool swaps = strategy == Strategy::cloneAndSwap;
     // Every started entry of the batch is written and synced in one go before the batch changes
     // anything: one wait for the disk per batch rather than one per copy.
     std::vector<JournalEntry> announced;
@@ -575,11 +625,16 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         JournalEntry entry = JournalEntry::make(JournalEntry::Event::started, r.target);
         entry.source = r.source;
         entry.digest = r.digest;
-        if (strategy == Strategy::cloneAndSwap) entry.temporary = temporaryPathFor(r.target);
-        try {
-            entry.before = Snapshot::take(r.target);
-        } catch (const std::exception&) {
-            // The replacement's own checks say what is wrong with the copy.
+        // Clone and swap's recovery tells the copy from the clone by the copy's identity. Shared in
+        // place, nothing is ever left over to tell apart: the closing entry carries the snapshot
+        // read on the open copy, and the announcement costs no extra reads of it.
+        if (swaps) {
+            entry.temporary = temporaryPathFor(r.target);
+            try {
+                entry.before = Snapshot::take(r.target);
+            } catch (const std::exception&) {
+                // The replacement's own checks say what is wrong with the copy.
+            }
         }
         announced.push_back(std::move(entry));
     }
@@ -592,48 +647,31 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
             return;
         }
     }
-    auto replaced = [&](Swapped& s) {
-        s.held.reset();
-        JournalEntry entry = s.entry;
-        entry.event = JournalEntry::Event::replaced;
-        entry.time = std::time(nullptr);
-        entry.freedBytes = s.freed;
-        if (s.after) {
-            entry.after = std::move(s.after);
-        } else {
-            try {
-                entry.after = Snapshot::take(s.target.target);
-            } catch (const std::exception&) {
-            }
-        }
-        if (journal) {
-            try {
-                journal->append(entry);
-            } catch (...) {
-            }
-        }
-        done(s.target, {s.freed, nullptr});
-    };
+    // Only clone and swap needs the list of every process's open files, and only as a fallback
+    // where the kernel cannot answer for one file: it is read on the first such file, if any.
+    OpenList open;
+    Closings closings{done, {}, {}};
     std::vector<Swapped> swapped;
     size_t next = 0;
-    for (; next < batch.size(); ++next) {
-        const Replacement& r = batch[next];
-        if (willStart && !willStart(r)) break;
-        JournalEntry& entry = announced[next];
-        try {
-            Swapped s = swapIn(r, entry, open);
-            // Shared in place, the copy is done: nothing waits under a temporary name, so its
-            // descriptors are let go now rather than held to the end of the batch.
-            if (s.temporary.empty()) {
-                replaced(s);
-            } else {
-                swapped.push_back(std::move(s));
+    if (!swaps) {
+        next = shareBatch(batch, announced, willStart, closings);
+    } else if (coordinate) {
+        // A write lease makes every other program that opens the copy wait: each copy is taken
+        // through to its exchange on its own, holding its lease only meanwhile.
+        std::shared_ptr<Kept> kept;
+        for (; next < batch.size(); ++next) {
+            const Replacement& r = batch[next];
+            if (willStart && !willStart(r)) break;
+            JournalEntry& entry = announced[next];
+            try {
+                swapped.push_back(swapIn(r, entry, open, kept));
+            } catch (...) {
+                recordFailed(r, entry, std::current_exception(), closings);
+                flush(closings);
             }
-        } catch (...) {
-            auto error = explained(vanishedAsSkip(std::current_exception(), r), r.target);
-            close(journal, entry, error);
-            done(r, {0, error});
         }
+    } else {
+        next = cloneBatch(batch, announced, willStart, open, closings, swapped);
     }
     // Announced but never begun: closed now, so that no recovery takes them for interrupted.
     if (journal && next < batch.size()) {
@@ -649,6 +687,7 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
             // Left open, they are closed as "nothing left over" by the next recovery.
         }
     }
+    if (swapped.empty()) return;
     // Read afresh for the removals, and only if some file could not be asked of the kernel. Read
     // before any removal, so that a list that cannot be read leaves every entry open for recovery.
     OpenList again;
@@ -663,12 +702,12 @@ void CloneEngine::replace(const std::vector<Replacement>& batch,
         try {
             finish(s, again);
         } catch (...) {
-            auto error = explained(std::current_exception(), s.target.target);
-            close(journal, s.entry, error);
-            done(s.target, {0, error});
+            recordFailed(s.target, s.entry, std::current_exception(), closings, false);
+            flush(closings);
             continue;
         }
-        replaced(s);
+        recordReplaced(s, closings);
+        flush(closings);
     }
 }
 

@@ -68,6 +68,12 @@ struct CloneEngine {
         // The kept file as the scan saw it; when present, the file opened as the source must be
         // that very version.
         std::optional<FileStatus> keptExpected;
+        // What the scan read of the copy's and the kept file's blocks. Used instead of reading the
+        // extent maps again to tell a copy that already shares the kept file's blocks and what
+        // sharing frees; read afresh where absent. Blocks shared behind the scan's back at worst
+        // make a copy be shared again, which changes nothing, and its freed bytes be counted high.
+        std::optional<CloneInfo> clones = std::nullopt;
+        std::optional<CloneInfo> keptClones = std::nullopt;
         bool operator==(const Replacement&) const = default;
     };
 
@@ -114,22 +120,53 @@ struct CloneEngine {
     static Recovered recoverLeftover(const JournalEntry& entry);
     static bool isTemporary(const std::string& path);
 
+    // Copies of one group shared in place by one kernel call, at most: each holds a descriptor
+    // until the call.
+    static constexpr size_t sharedTogether = 16;
+
 private:
+    struct Kept;
     struct Swapped;
     struct OpenList;
+    struct Closings;
+    using Done = std::function<void(const Replacement&, const Outcome&)>;
     // Whether each volume can clone, found out on its first copy that cannot be shared in place;
     // shared by copies of the engine.
     struct Volumes {
         std::mutex mutex;
         std::map<uint64_t, bool> clones;
     };
-    Swapped swapIn(const Replacement& replacement, JournalEntry& entry, OpenList& open);
+    // Checks and opens the copy and its kept file (reusing `kept` when it is the same file) and
+    // takes the copy's snapshot: everything before the first change.
+    Swapped look(const Replacement& replacement, JournalEntry& entry, OpenList& open, std::shared_ptr<Kept>& kept);
+    Swapped swapIn(const Replacement& replacement, JournalEntry& entry, OpenList& open, std::shared_ptr<Kept>& kept);
     void undoSwap(Swapped& swapped);
-    bool shareInPlace(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
+    // Shares a batch in place: copies of one group go to the kernel together. Answers how many
+    // replacements were started.
+    size_t shareBatch(const std::vector<Replacement>& batch, std::vector<JournalEntry>& announced,
+                      const std::function<bool(const Replacement&)>& willStart, Closings& closings);
+    void shareTogether(std::vector<Swapped>& copies, Closings& closings);
+    void verifyShared(Swapped& swapped, const std::optional<CloneInfo>& keptClones);
+    // Closing entries and outcomes are gathered, then written in one go and reported by flush().
+    void recordReplaced(Swapped& swapped, Closings& closings);
+    void recordFailed(const Replacement& replacement, const JournalEntry& entry, std::exception_ptr error,
+                      Closings& closings, bool vanishedIsSkip = true);
+    void flush(Closings& closings);
     void swapByClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
+    // Clone and swap in two steps: the clone is made (unnamed where the file system allows),
+    // compared and given the copy's metadata; then, once the journal holds its identity, it is
+    // named and exchanged with the copy.
+    void buildClone(Swapped& swapped, JournalEntry& entry, const Replacement& replacement);
+    void placeClone(Swapped& swapped, const Replacement& replacement);
+    void removeClone(Swapped& swapped);
+    // Clone and swap of a batch with one journal sync for all its clones' identities. Answers how
+    // many replacements were started; those exchanged wait in `swapped` for their removal.
+    size_t cloneBatch(const std::vector<Replacement>& batch, std::vector<JournalEntry>& announced,
+                      const std::function<bool(const Replacement&)>& willStart, OpenList& open,
+                      Closings& closings, std::vector<Swapped>& swapped);
     void finish(Swapped& swapped, OpenList& open);
     void step(Step step, const std::string& temporary) const;
-    bool canClone(const Swapped& swapped) const;
+    bool canClone(Swapped& swapped) const;
     bool openElsewhere(Swapped& swapped, const platform::FileDescriptor& fd, const FileStatus& status,
                        OpenList& open) const;
 

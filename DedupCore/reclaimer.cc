@@ -28,7 +28,8 @@ std::vector<CloneEngine::Replacement> Reclaimer::replacements(const std::vector<
         if (group.files.empty()) continue;
         const auto& kept = group.files.front();
         for (const auto& target : Report::targets({group}, selection)) {
-            result.push_back({target.file.path, kept.path, target.file.status, group.digest, kept.status});
+            result.push_back({target.file.path, kept.path, target.file.status, group.digest, kept.status,
+                              target.file.clones, kept.clones});
         }
     }
     return result;

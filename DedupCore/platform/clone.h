@@ -4,7 +4,9 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
+#include <vector>
 
 #include "../file_records.h"
 #include "file_io.h"
@@ -20,6 +22,22 @@ enum class ShareOutcome { shared, differs, notSupported };
 // Throws SystemError("FIDEDUPERANGE", targetPath, errno) for any other failure.
 ShareOutcome shareInPlace(const FileDescriptor& source, const FileDescriptor& target, int64_t length,
                           const std::string& targetPath);
+
+// What the kernel answered for one of several copies shared in one call: `error` is the errno of a
+// refusal that is neither "differs" nor "not supported" (0 otherwise).
+struct ShareAnswer {
+    ShareOutcome outcome = ShareOutcome::shared;
+    int error = 0;
+};
+// The most copies one call takes: the kernel reads the request from one page.
+constexpr size_t maxShareTargets = 127;
+// The same for several copies of one length at once: one call per 1 GiB step names every copy, so
+// the kernel takes the source once and compares each copy against pages it has just read. Each
+// copy gets its own answer, in order; a copy refused at one step is left out of the next. At most
+// maxShareTargets copies. Throws SystemError("FIDEDUPERANGE", sourcePath, errno) only when the
+// kernel refused the call as a whole for a reason other than "not supported".
+std::vector<ShareAnswer> shareInPlace(const FileDescriptor& source, std::span<const FileDescriptor* const> targets,
+                                      int64_t length, const std::string& sourcePath);
 
 void removeFile(const std::string& path);                                  // SystemError("unlink")
 void renamePath(const std::string& from, const std::string& to);           // SystemError("rename")

@@ -14,6 +14,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <set>
 
 #include "journal.h"
 #include "metadata.h"
@@ -408,6 +409,63 @@ TEST_P(CloneAndSwapTest, LinuxAttributesAndCapabilitiesComeAlongOrTheCopyIsLeftA
         EXPECT_EQ(skipOf([&] { engine_.replace(nocow, kept(), FileStatus::read(nocow)); }),
                   SkipReason::noCopyOnWrite);
     }
+}
+
+// Every clone of a batch is made, unnamed, before the journal records their identities in one
+// synced write; only then does any of them get a name. A copy written to while the others' clones
+// were made is left alone with what was written, and the rest of the batch goes on.
+TEST_P(CloneAndSwapTest, ABatchJournalsEveryCloneBeforeAnyGetsANameAndLeavesACopyChangedMeanwhile) {
+    constexpr int copies = 4;
+    test::writeRandomFile(kept(), 100000, 21);
+    std::vector<CloneEngine::Replacement> batch;
+    for (int i = 0; i < copies; ++i) {
+        std::string path = dir_ + "/copy" + std::to_string(i);
+        test::writeRandomFile(path, 100000, 21);
+        batch.push_back({path, kept(), FileStatus::read(path), "digest", std::nullopt});
+    }
+    const std::string written = test::randomBytes(100000, 99);
+    int built = 0;
+    bool looked = false;
+    engine_.fault = [&](CloneEngine::Step step, const std::string&) {
+        // The last copy's clone is made: a program writes into the first copy.
+        if (step == CloneEngine::Step::metadataCopied && ++built == copies) test::writeFile(batch[0].target, written);
+        if (step != CloneEngine::Step::compared || looked) return;
+        looked = true;
+        // The first clone to be named: every clone's identity is in the journal already, and no
+        // other clone has a name yet.
+        std::set<std::string> identified;
+        for (const auto& entry : journal_->entries()) {
+            if (entry.event == JournalEntry::Event::started && entry.after) identified.insert(entry.target);
+        }
+        EXPECT_EQ(identified.size(), static_cast<size_t>(copies));
+        int named = 0;
+        for (const auto& entry : fs::directory_iterator(dir_)) named += CloneEngine::isTemporary(entry.path());
+        EXPECT_LE(named, 1);
+    };
+    std::map<std::string, std::string> outcome;
+    engine_.replace(batch, nullptr, [&](const CloneEngine::Replacement& r, const CloneEngine::Outcome& o) {
+        if (!o.error) {
+            outcome[r.target] = "replaced";
+            return;
+        }
+        try {
+            std::rethrow_exception(o.error);
+        } catch (const Skip& skip) {
+            outcome[r.target] = std::string(rawValue(skip.reason));
+        } catch (const std::exception& error) {
+            outcome[r.target] = error.what();
+        }
+    });
+    EXPECT_TRUE(looked);
+    EXPECT_EQ(outcome[batch[0].target], "changedSinceScan");
+    EXPECT_EQ(test::readFile(batch[0].target), written);
+    EXPECT_EQ(FileStatus::read(batch[0].target).inode, batch[0].expected.inode);
+    for (int i = 1; i < copies; ++i) {
+        EXPECT_EQ(outcome[batch[i].target], "replaced") << batch[i].target;
+        EXPECT_EQ(test::readFile(batch[i].target), test::readFile(kept())) << batch[i].target;
+    }
+    EXPECT_FALSE(anyTemporaryIn(dir_));
+    EXPECT_TRUE(journal_->interrupted().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Volumes, CloneAndSwapTest,

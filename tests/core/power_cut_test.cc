@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <map>
 
 #include "clone_engine.h"
 #include "journal.h"
@@ -91,9 +92,19 @@ TEST(PowerCutTest, StartedEntriesSurviveAndRecoveryPutsEveryTemporaryRight) {
     Journal journal(journalPath);
     auto interrupted = journal.interrupted();
     ASSERT_EQ(interrupted.size(), static_cast<size_t>(copies));
-    for (const auto& entry : interrupted) EXPECT_TRUE(entry.temporary) << entry.target;
-    auto recovery = journal.recover(
-        [](const std::string& path) { return std::string(rawValue(CloneEngine::recoverLeftover(path))); });
+    // Every clone of the batch was made and its identity synced before the first got a name, so
+    // the recovery can tell each of them from anything else at its temporary name.
+    std::map<std::string, const JournalEntry*> byTemporary;
+    for (const auto& entry : interrupted) {
+        EXPECT_TRUE(entry.temporary) << entry.target;
+        EXPECT_TRUE(entry.after) << entry.target;
+        if (entry.temporary) byTemporary[*entry.temporary] = &entry;
+    }
+    auto recovery = journal.recover([&](const std::string& path) {
+        auto recovered = CloneEngine::recoverLeftover(*byTemporary.at(path));
+        EXPECT_FALSE(recovered.keptBeside) << path;
+        return recovered.detail();
+    });
     EXPECT_TRUE(recovery.stuck.empty());
     EXPECT_EQ(recovery.recovered.size(), static_cast<size_t>(copies));
     EXPECT_TRUE(temporariesIn(folder).empty());

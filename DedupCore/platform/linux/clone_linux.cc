@@ -17,6 +17,7 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <vector>
 
 #include "statx_util.h"
@@ -33,39 +34,88 @@ void prefetch(int fd, int64_t offset, int64_t length) {
 
 }  // namespace
 
-ShareOutcome shareInPlace(const FileDescriptor& source, const FileDescriptor& target, int64_t length,
-                          const std::string& targetPath) {
-    std::vector<std::byte> buffer(sizeof(file_dedupe_range) + sizeof(file_dedupe_range_info));
+namespace {
+
+bool unsupported(int code) { return code == EOPNOTSUPP || code == ENOTTY || code == EXDEV; }
+
+// Shares `length` bytes of the source with every target, in aligned 1 GiB steps. Answers 0 with an
+// answer per target, or the errno of a call the kernel refused as a whole.
+int shareAll(const FileDescriptor& source, std::span<const FileDescriptor* const> targets, int64_t length,
+             std::vector<ShareAnswer>& answers) {
+    answers.assign(targets.size(), ShareAnswer{});
+    if (targets.empty()) return 0;
+    if (targets.size() > maxShareTargets) return EINVAL;
+    std::vector<std::byte> buffer(sizeof(file_dedupe_range) + targets.size() * sizeof(file_dedupe_range_info));
     auto* range = reinterpret_cast<file_dedupe_range*>(buffer.data());
+    std::vector<size_t> asked(targets.size());  // the request's slot -> the target it names
     for (int64_t offset = 0; offset < length;) {
-        // Aligned 1 GiB steps; the last call asks for the whole rest, so both files end at the same
-        // end of file and their tail block is shared too.
+        // The last call asks for the whole rest, so both files end at the same end of file and
+        // their tail block is shared too.
         int64_t chunk = length - offset > maxDedupeCall ? maxDedupeCall : length - offset;
-        prefetch(source.get(), offset, chunk);
-        prefetch(target.get(), offset, chunk);
         std::fill(buffer.begin(), buffer.end(), std::byte{0});
         range->src_offset = static_cast<uint64_t>(offset);
         range->src_length = static_cast<uint64_t>(chunk);
-        range->dest_count = 1;
-        range->info[0].dest_fd = target.get();
-        range->info[0].dest_offset = static_cast<uint64_t>(offset);
+        uint16_t count = 0;
+        prefetch(source.get(), offset, chunk);
+        for (size_t i = 0; i < targets.size(); ++i) {
+            if (answers[i].outcome != ShareOutcome::shared || answers[i].error != 0) continue;
+            prefetch(targets[i]->get(), offset, chunk);
+            range->info[count].dest_fd = targets[i]->get();
+            range->info[count].dest_offset = static_cast<uint64_t>(offset);
+            asked[count++] = i;
+        }
+        if (count == 0) break;
+        range->dest_count = count;
         int result;
         do {
             result = ::ioctl(source.get(), FIDEDUPERANGE, range);
         } while (result != 0 && errno == EINTR);
-        if (result != 0) {
-            if (errno == EOPNOTSUPP || errno == ENOTTY || errno == EXDEV) return ShareOutcome::notSupported;
-            throw SystemError("FIDEDUPERANGE", targetPath, errno);
-        }
-        const auto& info = range->info[0];
-        if (info.status == FILE_DEDUPE_RANGE_DIFFERS) return ShareOutcome::differs;
-        if (info.status < 0) {
-            if (-info.status == EOPNOTSUPP || -info.status == EXDEV) return ShareOutcome::notSupported;
-            throw SystemError("FIDEDUPERANGE", targetPath, -info.status);
+        if (result != 0) return errno;
+        for (uint16_t k = 0; k < count; ++k) {
+            const auto& info = range->info[k];
+            ShareAnswer& answer = answers[asked[k]];
+            if (info.status == FILE_DEDUPE_RANGE_DIFFERS) {
+                answer.outcome = ShareOutcome::differs;
+            } else if (info.status < 0) {
+                if (unsupported(-info.status)) {
+                    answer.outcome = ShareOutcome::notSupported;
+                } else {
+                    answer.error = -info.status;
+                }
+            } else if (info.bytes_deduped == 0) {
+                // The kernel stops going through the copies when the process is being killed: a
+                // copy it never reached says "same" with nothing done, and must not count as shared.
+                answer.error = EINTR;
+            }
         }
         offset += chunk;
     }
-    return ShareOutcome::shared;
+    return 0;
+}
+
+}  // namespace
+
+ShareOutcome shareInPlace(const FileDescriptor& source, const FileDescriptor& target, int64_t length,
+                          const std::string& targetPath) {
+    const FileDescriptor* targets[] = {&target};
+    std::vector<ShareAnswer> answers;
+    int code = shareAll(source, targets, length, answers);
+    if (code != 0) {
+        if (unsupported(code)) return ShareOutcome::notSupported;
+        throw SystemError("FIDEDUPERANGE", targetPath, code);
+    }
+    if (answers[0].error != 0) throw SystemError("FIDEDUPERANGE", targetPath, answers[0].error);
+    return answers[0].outcome;
+}
+
+std::vector<ShareAnswer> shareInPlace(const FileDescriptor& source, std::span<const FileDescriptor* const> targets,
+                                      int64_t length, const std::string& sourcePath) {
+    std::vector<ShareAnswer> answers;
+    int code = shareAll(source, targets, length, answers);
+    if (code == 0) return answers;
+    if (!unsupported(code)) throw SystemError("FIDEDUPERANGE", sourcePath, code);
+    for (auto& answer : answers) answer = {ShareOutcome::notSupported, 0};
+    return answers;
 }
 
 void removeFile(const std::string& path) {
