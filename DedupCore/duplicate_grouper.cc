@@ -225,9 +225,18 @@ private:
             }
         });
         if (!cache) return;
+        // Stored in the order of the cache's records (by inode), so that each of its pages is
+        // written once rather than once for every file on it.
+        std::vector<size_t> stored;
         for (size_t k = 0; k < missing.size(); ++k) {
-            if (read[k]) cache->storeBlocks(file(missing[k]), HashCache::Blocks{pool_[missing[k]].clones}, stamp);
+            if (read[k]) stored.push_back(missing[k]);
         }
+        std::sort(stored.begin(), stored.end(), [&](size_t a, size_t b) {
+            const FileStatus& x = file(a).status;
+            const FileStatus& y = file(b).status;
+            return x.device != y.device ? x.device < y.device : x.inode < y.inode;
+        });
+        for (size_t i : stored) cache->storeBlocks(file(i), HashCache::Blocks{pool_[i].clones}, stamp);
     }
 
     // Makes units of `files` (members of `bucket`): files that share all their blocks form one, in

@@ -19,6 +19,11 @@ constexpr int operationsPerTransaction = 512;
 // a while rather than slowing every file of the scan.
 constexpr int busyTimeoutMs = 200;
 constexpr int writesSkippedWhenLocked = 2048;
+// Writes made together, in the order of their records. A scan's stores come in the order the files
+// were read, and the facts of blocks and the whole-file digests of copies land on records all over
+// the table: made one by one in transactions of a few hundred, they wrote the same pages to the
+// log again and again (a hundred thousand page writes for a tree of a hundred thousand files).
+constexpr size_t writesTogether = 512;
 }  // namespace
 
 const char* columnName(HashCache::Kind kind) { return kind == HashCache::Kind::partial ? "partial" : "full"; }
@@ -100,6 +105,7 @@ void HashCache::keepInKeyOrder() {
 HashCache::~HashCache() {
     {
         std::lock_guard guard(lock_);
+        writePending();
         commit();
         for (auto& [text, statement] : statements_) sqlite3_finalize(statement);
     }
@@ -175,6 +181,7 @@ void HashCache::commit() {
 
 void HashCache::flush() {
     std::lock_guard guard(lock_);
+    writePending();
     commit();
 }
 
@@ -305,6 +312,7 @@ std::optional<std::string> HashCache::digest(Kind kind, const ScannedFile& file)
     std::lock_guard guard(lock_);
     auto volume = volumeOf(file.status.device, file.path);
     if (!volume) return std::nullopt;
+    writePending();
     begin();
     counted();
     return lookUp(*volume, kind, file.status);
@@ -385,6 +393,8 @@ void HashCache::remember(const std::vector<const ScannedFile*>& files) {
         }
     }
     if (byVolume.empty()) return;
+    // What is remembered is read from the database: writes still waiting must be in it first.
+    writePending();
     begin();
     counted();
     for (auto& [volume, inodes] : byVolume) {
@@ -430,6 +440,7 @@ std::vector<std::optional<std::string>> HashCache::digests(const std::vector<Loo
         if (auto volume = volumeOf(file.status.device, file.path)) byVolume[*volume].push_back(i);
     }
     if (byVolume.empty()) return result;
+    writePending();
     begin();
     counted();
     auto inode = [&](size_t i) { return static_cast<int64_t>(lookups[i].file->status.inode); };
@@ -455,11 +466,10 @@ namespace {
 constexpr int64_t cloneKnown = 1, cloneInline = 2, cloneNoBlocks = 4;
 
 // The first eight parameters of every write: which file, where it was, and which version of it.
-void bindRecord(sqlite3_stmt* statement, const std::string& volume, const ScannedFile& file) {
-    const auto& s = file.status;
+void bindRecord(sqlite3_stmt* statement, const std::string& volume, const std::string& path, const FileStatus& s) {
     sqlite3_bind_text(statement, 1, volume.c_str(), static_cast<int>(volume.size()), SQLITE_STATIC);
     sqlite3_bind_int64(statement, 2, static_cast<int64_t>(s.inode));
-    sqlite3_bind_text(statement, 3, file.path.c_str(), static_cast<int>(file.path.size()), SQLITE_STATIC);
+    sqlite3_bind_text(statement, 3, path.c_str(), static_cast<int>(path.size()), SQLITE_STATIC);
     const int64_t version[5] = {s.size, s.modified.seconds, s.modified.nanoseconds, s.changed.seconds,
                                 s.changed.nanoseconds};
     for (int i = 0; i < 5; ++i) sqlite3_bind_int64(statement, 4 + i, version[i]);
@@ -493,6 +503,7 @@ std::vector<std::optional<HashCache::Blocks>> HashCache::blocks(const std::vecto
         if (auto volume = volumeOf(files[i]->status.device, files[i]->path)) byVolume[*volume].push_back(i);
     }
     if (byVolume.empty()) return result;
+    writePending();
     begin();
     counted();
     auto inode = [&](size_t i) { return static_cast<int64_t>(files[i]->status.inode); };
@@ -519,35 +530,14 @@ void HashCache::storeBlocks(const ScannedFile& file, const Blocks& blocks, int64
     std::lock_guard guard(lock_);
     auto volume = writableVolume(file);
     if (!volume) return;
-    // Digests of an older version of the file go with it, as in store().
-    static const std::string sameAsStored =
-        "size = excluded.size AND mtime = excluded.mtime AND mtime_ns = excluded.mtime_ns AND "
-        "ctime = excluded.ctime AND ctime_ns = excluded.ctime_ns";
-    static const std::string sql =
-        "INSERT INTO hashes (volume, inode, path, size, mtime, mtime_ns, ctime, ctime_ns, blocks_stamp, clone_kind, "
-        "private_size, clone_id, clone_refs) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) "
-        "ON CONFLICT (volume, inode) DO UPDATE SET partial = CASE WHEN " + sameAsStored + " THEN partial END, "
-        "full = CASE WHEN " + sameAsStored + " THEN full END, path = excluded.path, size = excluded.size, "
-        "mtime = excluded.mtime, mtime_ns = excluded.mtime_ns, ctime = excluded.ctime, ctime_ns = excluded.ctime_ns, "
-        "blocks_stamp = excluded.blocks_stamp, clone_kind = excluded.clone_kind, private_size = excluded.private_size, "
-        "clone_id = excluded.clone_id, clone_refs = excluded.clone_refs";
-    sqlite3_stmt* statement = prepared(sql);
-    if (!statement) return;
-    bindRecord(statement, *volume, file);
-    sqlite3_bind_int64(statement, 9, stamp);
-    const auto& c = blocks.clones;
-    int64_t kind = c ? cloneKnown | (c->inlineData ? cloneInline : 0) | (c->noBlocks ? cloneNoBlocks : 0) : 0;
-    sqlite3_bind_int64(statement, 10, kind);
-    sqlite3_bind_int64(statement, 11, c ? c->privateSize : 0);
-    sqlite3_bind_int64(statement, 12, c ? static_cast<int64_t>(c->cloneID) : 0);
-    sqlite3_bind_int64(statement, 13, c ? c->references : 0);
-    write(statement);
+    queue({PendingWrite::What::blocks, file.path, file.status, {}, blocks, stamp});
 }
 
 void HashCache::forgetBlocks(const std::vector<ScannedFile>& files) {
     std::lock_guard guard(lock_);
     // What was remembered of these files' blocks is no longer true either.
     remembered_.clear();
+    writePending();
     sqlite3_stmt* statement = prepared("UPDATE hashes SET blocks_stamp = NULL WHERE volume = ? AND inode = ?");
     if (!statement) return;
     begin();
@@ -568,6 +558,67 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
     std::lock_guard guard(lock_);
     auto volume = writableVolume(file);
     if (!volume) return;
+    queue({kind == Kind::full ? PendingWrite::What::full : PendingWrite::What::partial, file.path, file.status, digest,
+           {}, 0});
+}
+
+void HashCache::queue(PendingWrite write) {
+    if (pending_.empty()) pending_.reserve(writesTogether);
+    pending_.push_back(std::move(write));
+    if (pending_.size() >= writesTogether) writePending();
+}
+
+void HashCache::writePending() {
+    if (pending_.empty()) return;
+    // Stable: two writes of one file are made in the order they were asked for.
+    std::stable_sort(pending_.begin(), pending_.end(), [](const PendingWrite& a, const PendingWrite& b) {
+        if (a.status.device != b.status.device) return a.status.device < b.status.device;
+        return a.status.inode < b.status.inode;
+    });
+    begin();
+    for (size_t k = 0; k < pending_.size(); ++k) {
+        // Only files whose device has an identifier were queued, and the answer is kept.
+        auto volume = volumes_.find(pending_[k].status.device);
+        if (volume == volumes_.end() || !volume->second) continue;
+        writeNow(*volume->second, pending_[k]);
+        if (skipWrites_ > 0) {
+            // Another process holds the database: what is left of the batch counts as left out.
+            skipWrites_ = std::max(0, skipWrites_ - static_cast<int>(pending_.size() - k - 1));
+            break;
+        }
+    }
+    // Given back, not kept: between batches the memory serves the scan.
+    pending_ = {};
+    commit();
+}
+
+void HashCache::writeNow(const std::string& volume, const PendingWrite& pending) {
+    if (pending.what == PendingWrite::What::blocks) {
+        // Digests of an older version of the file go with it, as for a digest below.
+        static const std::string sameAsStored =
+            "size = excluded.size AND mtime = excluded.mtime AND mtime_ns = excluded.mtime_ns AND "
+            "ctime = excluded.ctime AND ctime_ns = excluded.ctime_ns";
+        static const std::string sql =
+            "INSERT INTO hashes (volume, inode, path, size, mtime, mtime_ns, ctime, ctime_ns, blocks_stamp, clone_kind, "
+            "private_size, clone_id, clone_refs) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) "
+            "ON CONFLICT (volume, inode) DO UPDATE SET partial = CASE WHEN " + sameAsStored + " THEN partial END, "
+            "full = CASE WHEN " + sameAsStored + " THEN full END, path = excluded.path, size = excluded.size, "
+            "mtime = excluded.mtime, mtime_ns = excluded.mtime_ns, ctime = excluded.ctime, ctime_ns = excluded.ctime_ns, "
+            "blocks_stamp = excluded.blocks_stamp, clone_kind = excluded.clone_kind, private_size = excluded.private_size, "
+            "clone_id = excluded.clone_id, clone_refs = excluded.clone_refs";
+        sqlite3_stmt* statement = prepared(sql);
+        if (!statement) return;
+        bindRecord(statement, volume, pending.path, pending.status);
+        sqlite3_bind_int64(statement, 9, pending.stamp);
+        const auto& c = pending.blocks.clones;
+        int64_t kind = c ? cloneKnown | (c->inlineData ? cloneInline : 0) | (c->noBlocks ? cloneNoBlocks : 0) : 0;
+        sqlite3_bind_int64(statement, 10, kind);
+        sqlite3_bind_int64(statement, 11, c ? c->privateSize : 0);
+        sqlite3_bind_int64(statement, 12, c ? static_cast<int64_t>(c->cloneID) : 0);
+        sqlite3_bind_int64(statement, 13, c ? c->references : 0);
+        write(statement);
+        return;
+    }
     // One statement whether the record is new, of the same version or of an older one. A record of
     // an older version keeps nothing of it: its digest of the other kind is dropped with it.
     auto upsert = [](Kind kind) {
@@ -584,10 +635,10 @@ void HashCache::store(const std::string& digest, Kind kind, const ScannedFile& f
                "ctime = excluded.ctime, ctime_ns = excluded.ctime_ns";
     };
     static const std::string sql[2] = {upsert(Kind::partial), upsert(Kind::full)};
-    sqlite3_stmt* statement = prepared(sql[kind == Kind::full ? 1 : 0]);
+    sqlite3_stmt* statement = prepared(sql[pending.what == PendingWrite::What::full ? 1 : 0]);
     if (!statement) return;
-    bindRecord(statement, *volume, file);
-    sqlite3_bind_text(statement, 9, digest.c_str(), static_cast<int>(digest.size()), SQLITE_STATIC);
+    bindRecord(statement, volume, pending.path, pending.status);
+    sqlite3_bind_text(statement, 9, pending.digest.c_str(), static_cast<int>(pending.digest.size()), SQLITE_STATIC);
     write(statement);
 }
 
@@ -596,9 +647,7 @@ std::optional<std::string> HashCache::writableVolume(const ScannedFile& file) {
         --skipWrites_;
         return std::nullopt;
     }
-    auto volume = volumeOf(file.status.device, file.path);
-    if (volume) begin();
-    return volume;
+    return volumeOf(file.status.device, file.path);
 }
 
 void HashCache::write(sqlite3_stmt* statement) {
@@ -613,13 +662,12 @@ void HashCache::write(sqlite3_stmt* statement) {
     if ((lastStep_ & 0xFF) == SQLITE_BUSY || (lastStep_ & 0xFF) == SQLITE_LOCKED) {
         commit();
         skipWrites_ = writesSkippedWhenLocked;
-        return;
     }
-    counted();
 }
 
 void HashCache::prune(const std::vector<std::string>& roots, const std::vector<ScannedFile>& seen) {
     std::lock_guard guard(lock_);
+    writePending();
     if (roots.empty()) return;
     // Sorted inode numbers per volume: a few bytes a file, where a hash set costs a node each.
     std::map<std::string, std::vector<int64_t>> seenInodes;

@@ -13,7 +13,8 @@
 // Owns one SQLite connection. Every public operation runs entirely under one lock, so the hashing
 // threads may share an instance. Only opening can fail; after that a broken, locked or full
 // database behaves like an empty one and never stops a scan. Lookups and stores are grouped into
-// transactions committed every few hundred operations, by flush() and on destruction.
+// transactions committed every few hundred operations, by flush() and on destruction; writes are
+// gathered and made a batch at a time, before any lookup that could need them.
 #pragma once
 
 #include <array>
@@ -147,6 +148,23 @@ private:
     // The volume a write of `file` goes to, with a transaction begun; none while writes are left
     // out or the file's disk has no identifier.
     std::optional<std::string> writableVolume(const ScannedFile& file);
+    // A write waiting its turn. Writes are gathered and made in the order of their records, one
+    // transaction per batch: made as the files come, each would dirty a page of its own, and every
+    // commit would write most of those pages to the log again.
+    // Held lean, a batch of them being alive through a scan: the volume is found again from the
+    // device, whose answer is kept.
+    struct PendingWrite {
+        enum class What : uint8_t { partial, full, blocks } what;
+        std::string path;
+        FileStatus status;
+        std::string digest;
+        Blocks blocks;
+        int64_t stamp = 0;
+    };
+    void queue(PendingWrite write);
+    // Makes the gathered writes; every lookup calls it first, so that it sees them.
+    void writePending();
+    void writeNow(const std::string& volume, const PendingWrite& write);
     // Steps a write and handles a database that another process holds.
     void write(sqlite3_stmt* statement);
     void begin();
@@ -160,6 +178,7 @@ private:
     std::unordered_map<std::string, sqlite3_stmt*> statements_;
     std::unordered_map<uint64_t, std::optional<std::string>> volumes_;
     std::map<std::string, std::vector<Record>> remembered_;
+    std::vector<PendingWrite> pending_;
     bool inTransaction_ = false;
     int pendingOperations_ = 0;
     int lastStep_ = 0;  // the result of the last statement's final step

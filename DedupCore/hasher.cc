@@ -131,7 +131,15 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
             // Two windows ahead, so the next one is on its way while this one is digested.
             for (const auto& run : runs) {
                 if (run.ended) continue;
-                for (size_t m : run.members) platform::readAhead(members[m].fd, offset, 2 * window);
+                for (size_t m : run.members) {
+                    // Asking for what is in memory already costs a walk over its pages: a file
+                    // whose last byte asked for is there is taken to be there whole. A page the
+                    // kernel dropped meanwhile is still read, by its own read-ahead.
+                    int64_t end = std::min(offset + 2 * window, files[members[m].index]->status.size);
+                    if (end <= offset || !platform::isInMemory(members[m].fd, end - 1)) {
+                        platform::readAhead(members[m].fd, offset, 2 * window);
+                    }
+                }
             }
         }
         for (size_t r = 0, open = runs.size(); r < open; ++r) {
@@ -214,19 +222,27 @@ std::vector<std::optional<std::string>> askCacheFirst(const std::vector<const Sc
 
 }  // namespace
 
-Digest ContentHash::sha256(const std::string& path, int64_t limit) {
+Digest ContentHash::sha256(const std::string& path, int64_t limit) { return sha256(path, limit, -1); }
+
+Digest ContentHash::sha256(const std::string& path, int64_t limit, int64_t listedSize) {
     platform::FileDescriptor fd = platform::openForReading(path, limit);
     // One context per thread, started afresh for every file.
     thread_local DigestContext context(EVP_MD_CTX_new());
     startDigest(context.get());
     auto buffer = chunkBuffer();
     int64_t remaining = limit;
+    // A file below the limit is asked for one byte more than it was listed with: getting exactly
+    // its listed size in one read means it ended there, and the read that would return nothing
+    // is spared. A byte more means it grew, and it is read on to the end or the limit.
+    const bool oneRead = listedSize >= 0 && listedSize < limit && listedSize < static_cast<int64_t>(chunkSize);
+    int64_t want = oneRead ? listedSize + 1 : std::min<int64_t>(remaining, chunkSize);
     while (remaining > 0) {
-        size_t want = static_cast<size_t>(std::min<int64_t>(remaining, chunkSize));
-        size_t got = platform::readSome(fd, path, buffer.first(want));
+        size_t got = platform::readSome(fd, path, buffer.first(static_cast<size_t>(want)));
         if (got == 0) break;
         EVP_DigestUpdate(context.get(), buffer.data(), got);
         remaining -= static_cast<int64_t>(got);
+        if (oneRead && static_cast<int64_t>(got) == listedSize && got < static_cast<size_t>(want)) break;
+        want = std::min<int64_t>(remaining, chunkSize);
     }
     return finish(context.get());
 }
@@ -275,7 +291,7 @@ std::vector<std::optional<std::string>> Hasher::digests(const std::vector<const 
         const ScannedFile& file = *files[i];
         if (reading) reading(file.path);
         try {
-            result[i] = digestText(ContentHash::sha256(file.path, limit));
+            result[i] = digestText(ContentHash::sha256(file.path, limit, file.status.size));
         } catch (const std::exception&) {
             return;  // unreadable or gone: no digest, so it matches nothing
         }

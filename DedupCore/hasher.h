@@ -30,6 +30,9 @@ inline constexpr int64_t fullLimit = std::numeric_limits<int64_t>::max();
 
 // The digest of the first `limit` bytes (all of a shorter file). Throws SystemError.
 Digest sha256(const std::string& path, int64_t limit);
+// The same for a file listed with `listedSize` bytes: a file below the limit is read in one call
+// when it still has that size. One that grew or shrank since is read to its end as any other.
+Digest sha256(const std::string& path, int64_t limit, int64_t listedSize);
 }  // namespace ContentHash
 
 namespace Hasher {

@@ -53,6 +53,10 @@ size_t readSome(const FileDescriptor& fd, const std::string& path, std::span<std
 // once, so that the disk works while the caller digests what it already has. Only a hint: never
 // fails.
 void readAhead(const FileDescriptor& fd, int64_t offset, int64_t length);
+// Whether the byte at `offset` is already in memory (or lies past the end), found without waiting
+// for the disk: a hint for whether to ask for read-ahead at all, which walks the page cache even
+// where everything is there already. Unknown reads as false.
+bool isInMemory(const FileDescriptor& fd, int64_t offset);
 
 // Writes the whole text to a temporary file beside `path`, flushes it and renames it over `path`,
 // so readers see the old or the new content, never a part. Throws SystemError.

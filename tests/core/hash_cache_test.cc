@@ -212,5 +212,40 @@ TEST_F(HashCacheBlocksTest, DatabaseFromBeforeKeptBlocksGetsTheirColumnsAndKeeps
     sqlite3_close(db);
 }
 
+TEST_F(HashCacheBlocksTest, WritesGatheredOutOfOrderKeepEachFilesOrderAndAreSeenAtOnce) {
+    HashCache cache(data_.path("hashes.sqlite"), journal());
+    // Files stored in falling inode order, more than one batch of them, each stored twice: its
+    // partial digest, then the whole digest of a newer version, which must drop the partial one.
+    std::vector<ScannedFile> files;
+    for (uint64_t i = 0; i < 5000; ++i) files.push_back(madeUp(900000 - 7 * i));
+    for (const auto& file : files) {
+        ScannedFile newer = file;
+        newer.status.modified.nanoseconds += 1;
+        cache.store("old " + std::to_string(file.status.inode), HashCache::Kind::partial, file);
+        cache.store("new " + std::to_string(file.status.inode), HashCache::Kind::full, newer);
+    }
+    // Asked at once, without a flush: what is still waiting to be written must answer too.
+    for (size_t i : {size_t{0}, size_t{2500}, size_t{4999}}) {
+        ScannedFile newer = files[i];
+        newer.status.modified.nanoseconds += 1;
+        std::string inode = std::to_string(files[i].status.inode);
+        EXPECT_EQ(cache.digest(HashCache::Kind::full, newer), "new " + inode);
+        EXPECT_FALSE(cache.digest(HashCache::Kind::partial, newer)) << "the older version's digest survived";
+        EXPECT_FALSE(cache.digest(HashCache::Kind::partial, files[i]));
+    }
+    // Facts of blocks stored after a digest of the same version keep the digest.
+    ScannedFile last = files.back();
+    last.status.modified.nanoseconds += 1;
+    cache.storeBlocks(last, shared(11), 0);
+    EXPECT_EQ(cache.blocks({&last}, 0)[0], shared(11));
+    EXPECT_EQ(cache.digest(HashCache::Kind::full, last), "new " + std::to_string(last.status.inode));
+
+    // Another connection sees them once they were flushed.
+    cache.store("late", HashCache::Kind::partial, real_);
+    cache.flush();
+    HashCache other(data_.path("hashes.sqlite"), journal());
+    EXPECT_EQ(other.digest(HashCache::Kind::partial, real_), "late");
+}
+
 }  // namespace
 }  // namespace dedup

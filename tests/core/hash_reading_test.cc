@@ -1,12 +1,15 @@
 // Reading for digests in bulk: many cache lookups answered in one pass, and sets of likely copies
 // read side by side, each file once.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 
 #include "hash_cache.h"
 #include "hasher.h"
 #include "locked.h"
+#include "platform/file_io.h"
 #include "support/test_files.h"
 #include "volumes.h"
 
@@ -130,6 +133,50 @@ TEST(HasherTest, SideBySideServesCachedDigestsAndReadsOnlyTheRest) {
     EXPECT_EQ(bytes.get(), 2 * 300000);
     // The digests read are cached for the next time.
     EXPECT_EQ(cache.digest(HashCache::Kind::full, files[2]), real);
+}
+
+TEST(HasherTest, FileThatGrewOrShrankSinceItWasListedIsDigestedAsItIsNow) {
+    test::TempDir dir;
+    std::string content = test::randomBytes(70000, 35);
+    // (bytes on disk, size the listing saw): unchanged, grown by a byte and by much, shrunk, and
+    // grown past the prefix limit from just below it.
+    const std::vector<std::pair<size_t, int64_t>> cases = {
+        {100, 100}, {101, 100}, {5000, 100}, {60, 100}, {70000, 65535}, {65536, 65535}, {1, 0}};
+    std::vector<ScannedFile> files;
+    for (size_t k = 0; k < cases.size(); ++k) {
+        std::string path = dir.path("f" + std::to_string(k));
+        test::writeFile(path, std::string_view(content).substr(0, cases[k].first));
+        files.push_back({path, FileStatus::read(path), {}});
+        files.back().status.size = cases[k].second;
+    }
+    for (int64_t limit : {ContentHash::partialLimit, ContentHash::fullLimit}) {
+        Locked<int64_t> bytes{0};
+        auto digests = Hasher::digests(files, limit, false, nullptr, bytes, nullptr, nullptr);
+        for (size_t k = 0; k < files.size(); ++k) {
+            ASSERT_TRUE(digests[k]) << k;
+            EXPECT_EQ(*digests[k], digestText(ContentHash::sha256(files[k].path, limit)))
+                << "file of " << cases[k].first << " bytes listed with " << cases[k].second << ", limit " << limit;
+        }
+    }
+}
+
+TEST(HasherTest, ReadAheadIsAskedOnlyForWhatIsNotInMemory) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+    std::string root = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::xfs), "in-memory");
+    std::string path = root + "/file";
+    test::writeRandomFile(path, 1 << 20, 36);
+    platform::syncFile(path);
+    auto fd = platform::openForReading(path);
+    // Just written: in memory, and so is anything past the end (there is nothing to wait for).
+    EXPECT_TRUE(platform::isInMemory(fd, 0));
+    EXPECT_TRUE(platform::isInMemory(fd, (1 << 20) - 1));
+    EXPECT_TRUE(platform::isInMemory(fd, 5 << 20));
+    // Dropped from memory: the disk would have to be read, so read-ahead is worth asking for.
+    ASSERT_EQ(::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_DONTNEED), 0);
+    EXPECT_FALSE(platform::isInMemory(fd, (1 << 20) - 1));
+    std::string bytes(4096, '\0');
+    ASSERT_EQ(::pread(fd.get(), bytes.data(), bytes.size(), 0), 4096);
+    EXPECT_TRUE(platform::isInMemory(fd, 0));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <array>
@@ -74,6 +75,17 @@ size_t readSome(const FileDescriptor& fd, const std::string& path, std::span<std
 
 void readAhead(const FileDescriptor& fd, int64_t offset, int64_t length) {
     ::posix_fadvise(fd.get(), offset, length, POSIX_FADV_WILLNEED);
+}
+
+bool isInMemory(const FileDescriptor& fd, int64_t offset) {
+    std::byte byte;
+    iovec one{&byte, 1};
+    // RWF_NOWAIT: answered from the page cache or refused with EAGAIN, never by reading the disk.
+    ssize_t n;
+    do {
+        n = ::preadv2(fd.get(), &one, 1, offset, RWF_NOWAIT);
+    } while (n < 0 && errno == EINTR);
+    return n >= 0;
 }
 
 void syncFile(const std::string& path) {
