@@ -58,6 +58,17 @@ private:
     std::vector<char> spins_;
 };
 
+// Keeps the extent facts just read of `which` files, in the order of the cache's records (by
+// inode), so that each of its pages is written once rather than once for every file on it.
+void storeBlocks(HashCache& cache, const std::vector<ScannedFile>& files, std::vector<uint32_t>& which, int64_t stamp) {
+    std::sort(which.begin(), which.end(), [&](uint32_t a, uint32_t b) {
+        const FileStatus& x = files[a].status;
+        const FileStatus& y = files[b].status;
+        return x.device != y.device ? x.device < y.device : x.inode < y.inode;
+    });
+    for (uint32_t i : which) cache.storeBlocks(files[i], HashCache::Blocks{files[i].clones}, stamp);
+}
+
 // A file still in the running, with the digest read so far (empty: none yet, or unreadable).
 struct Candidate {
     uint32_t file;
@@ -292,9 +303,11 @@ private:
             }
         });
         if (!cache) return;
+        std::vector<uint32_t> stored;
         for (uint32_t i = 0; i < files_.size(); ++i) {
-            if (read[i]) cache->storeBlocks(files_[i], HashCache::Blocks{files_[i].clones}, stamp);
+            if (read[i]) stored.push_back(i);
         }
+        storeBlocks(*cache, files_, stored, stamp);
     }
 
     std::vector<ScannedFile>& files_;
@@ -357,9 +370,8 @@ void readAcrossBlocks(std::vector<ScannedFile>& files, const std::vector<uint32_
         }
     }
     if (!cache) return;
-    for (uint32_t i : missing) {
-        if (read[i]) cache->storeBlocks(files[i], HashCache::Blocks{files[i].clones}, stamp);
-    }
+    std::erase_if(missing, [&](uint32_t i) { return !read[i]; });
+    storeBlocks(*cache, files, missing, stamp);
 }
 
 AcrossSets groupAcross(std::vector<ScannedFile>& files, const std::vector<uint32_t>& volumes,
