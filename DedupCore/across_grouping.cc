@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <map>
+#include <optional>
 #include <thread>
 
 #include "across_volumes.h"
@@ -10,6 +11,7 @@
 #include "hasher.h"
 #include "locked.h"
 #include "parallel.h"
+#include "platform/file_io.h"
 #include "platform/storage.h"
 
 namespace dedup {
@@ -101,6 +103,7 @@ public:
                 // Every lookup goes to the database then: slower, never another answer.
             }
         }
+        std::vector<std::vector<Candidate>> fromStart = readFromStart(candidates);
         digestPrefixes(candidates);
         AcrossSets result;
         std::vector<std::vector<Candidate>> whole;
@@ -113,8 +116,11 @@ public:
             }
         }
         digestWholeFiles(whole);
-        for (auto& part : whole) {
-            for (auto& run : spanningRuns(part)) result.sets.push_back(setOf(run));
+        digestFromStart(fromStart);
+        for (auto* parts : {&whole, &fromStart}) {
+            for (auto& part : *parts) {
+                for (auto& run : spanningRuns(part)) result.sets.push_back(setOf(run));
+            }
         }
         readCloneFacts(result.sets, result.blocksLeft);
         result.bytesRead = bytesRead_.get();
@@ -151,6 +157,110 @@ private:
             for (size_t k = start; k < end; ++k) result.push_back({order[k], {}});
         }
         return result;
+    }
+
+    // Takes out of `candidates` (sorted by size) the sizes best read from their start in one pass,
+    // each file once for both its digests and each set of copies digested once: sizes with a file
+    // the cache knows nothing of, and few enough files to be read side by side. The rest, all of
+    // whose prefixes the cache knows (a second search) or too many to be read side by side, are
+    // left to be read a prefix first.
+    std::vector<std::vector<Candidate>> readFromStart(std::vector<Candidate>& candidates) {
+        std::vector<char> known(candidates.size(), 0);
+        if (HashCache* cache = options_.cache) {
+            std::vector<HashCache::Lookup> lookups;
+            lookups.reserve(candidates.size());
+            for (const auto& c : candidates) {
+                bool small = file(c).status.size <= ContentHash::partialLimit;
+                lookups.push_back({small ? HashCache::Kind::full : HashCache::Kind::partial, &file(c)});
+            }
+            try {
+                auto digests = cache->digests(lookups);
+                for (size_t k = 0; k < digests.size(); ++k) known[k] = digests[k].has_value();
+            } catch (const std::exception&) {
+                // Read then, as if the cache knew nothing.
+            }
+        }
+        // From disk, files are read fastest each disk in the order of its inodes, which only
+        // reading them a prefix first allows; from memory, reading each once and digesting each
+        // set once is the faster way.
+        std::optional<bool> inMemory;  // asked only if some size needs it
+        std::vector<std::vector<Candidate>> parts;
+        std::vector<Candidate> rest;
+        auto sizeOf = [&](size_t k) { return file(candidates[k]).status.size; };
+        for (size_t start = 0, end = 0; start < candidates.size(); start = end) {
+            while (end < candidates.size() && sizeOf(end) == sizeOf(start)) ++end;
+            auto first = candidates.begin() + static_cast<ptrdiff_t>(start);
+            auto last = candidates.begin() + static_cast<ptrdiff_t>(end);
+            bool allKnown = std::all_of(known.begin() + static_cast<ptrdiff_t>(start),
+                                        known.begin() + static_cast<ptrdiff_t>(end), [](char k) { return k != 0; });
+            bool fromStart = !allKnown && end - start <= Hasher::filesSideBySide;
+            if (fromStart) {
+                if (!inMemory) inMemory = mostlyInMemory(candidates);
+                fromStart = *inMemory;
+            }
+            if (!fromStart) {
+                rest.insert(rest.end(), std::make_move_iterator(first), std::make_move_iterator(last));
+            } else {
+                parts.emplace_back(std::make_move_iterator(first), std::make_move_iterator(last));
+            }
+        }
+        candidates = std::move(rest);
+        return parts;
+    }
+
+    // Whether the candidates' bytes are in memory, as far as a few dozen of them, taken evenly,
+    // tell by their first and their last bytes: asking costs an open each, so not all are asked.
+    bool mostlyInMemory(const std::vector<Candidate>& candidates) const {
+        constexpr size_t asked = 48;
+        const size_t count = std::min(asked, candidates.size());
+        size_t there = 0, probed = 0;
+        for (size_t k = 0; k < count; ++k) {
+            const ScannedFile& f = file(candidates[k * candidates.size() / count]);
+            if (f.status.size == 0) continue;
+            try {
+                platform::FileDescriptor fd = platform::openForReading(f.path);
+                ++probed;
+                if (platform::isInMemory(fd, 0) && platform::isInMemory(fd, f.status.size - 1)) ++there;
+            } catch (const std::exception&) {
+                // gone or unreadable: says nothing either way
+            }
+        }
+        return probed == 0 || there * 8 >= probed * 7;
+    }
+
+    // Reads the parts readFromStart() chose, as digestWholeFiles() reads its own, from their start:
+    // a set of files whose first 64 KiB agree on one volume only is read no further, as it would
+    // not be after its prefix digests.
+    void digestFromStart(std::vector<std::vector<Candidate>>& parts) {
+        if (parts.empty() || cancelled()) return;
+        for (const auto& part : parts) {
+            for (const auto& c : part) disks_.of(volumes_[c.file], file(c).path);
+        }
+        size_t workers = disks_.anyDiskSpins() && options_.threads == 0 ? 1 : disks_.readers(options_.threads);
+        // The largest first, so that no long read is left for last while the other readers stand idle.
+        auto weight = [&](const std::vector<Candidate>& part) { return file(part.front()).status.size * std::ssize(part); };
+        std::stable_sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return weight(a) > weight(b); });
+        parallelFor(parts.size(), workers, [&](size_t p) {
+            if (cancelled()) return;
+            auto& part = parts[p];
+            std::vector<const ScannedFile*> list;
+            bool anySpins = false;
+            for (auto& c : part) {
+                list.push_back(&file(c));
+                anySpins = anySpins || disks_.spins(disks_.at(volumes_[c.file]));
+            }
+            reading(list.front()->path);
+            auto spans = [&](const std::vector<size_t>& agree) {
+                uint32_t volume = volumes_[part[agree.front()].file];
+                return std::any_of(agree.begin(), agree.end(), [&](size_t k) { return volumes_[part[k].file] != volume; });
+            };
+            std::vector<std::optional<std::string>> prefixes;
+            auto digests = Hasher::digestsFromStart(list, options_.cache, bytesRead_, [this] { return cancelled(); },
+                                                    anySpins ? spinningReadAhead : solidReadAhead, spans, prefixes);
+            for (size_t k = 0; k < part.size(); ++k) {
+                if (digests[k]) part[k].digest = std::move(*digests[k]);
+            }
+        });
     }
 
     // The prefix digest of every candidate: each disk by a reader of its own, all disks at once,

@@ -7,8 +7,10 @@
 #include <condition_variable>
 #include <cstring>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <thread>
 
 #include "hash_cache.h"
@@ -72,8 +74,17 @@ std::span<std::byte> secondChunkBuffer() {
 }
 
 // A short read is not the end of a file: fills the whole buffer unless the file ends first.
-size_t fill(const platform::FileDescriptor& fd, const std::string& path, std::span<std::byte> buffer) {
+// `listedEnd`, when the file was listed as ending within the buffer, is where: the first read asks
+// for one byte more, and getting exactly that many means it ended there, which spares the read
+// that would return nothing. A byte more means it grew, and the buffer is filled as any other.
+size_t fill(const platform::FileDescriptor& fd, const std::string& path, std::span<std::byte> buffer,
+            int64_t listedEnd = -1) {
     size_t total = 0;
+    if (listedEnd >= 0 && listedEnd < static_cast<int64_t>(buffer.size())) {
+        const auto expected = static_cast<size_t>(listedEnd);
+        total = platform::readSome(fd, path, buffer.first(expected + 1));
+        if (total == expected || total == 0) return total;
+    }
     while (total < buffer.size()) {
         size_t got = platform::readSome(fd, path, buffer.subspan(total));
         if (got == 0) break;
@@ -82,15 +93,21 @@ size_t fill(const platform::FileDescriptor& fd, const std::string& path, std::sp
     return total;
 }
 
-// Files read side by side hold one descriptor each; beyond this many they are taken in turns.
-constexpr size_t filesSideBySide = 32;
+// What a turn of side-by-side reading does after the first 64 KiB, if it is asked to stop there.
+struct PrefixStep {
+    // Told each set of files (indices into the files) that agree in their first 64 KiB and go on
+    // beyond them; false: read them no further, and give them no whole digest.
+    const std::function<bool(const std::vector<size_t>&)>& goOn;
+    std::vector<std::optional<std::string>>& prefixes;  // their prefix digests, at the files' indices
+};
 
 // One turn of Hasher::digestsSideBySide over files[i] for every i in `batch`. A run is a set of
 // files whose bytes agreed so far and so share one digest state; its first file is read into one
-// buffer, the others into a second one and compared with it.
+// buffer, the others into a second one and compared with it. With a `prefix` step the first read
+// stops at 64 KiB, where each run's state gives the prefix digest of all its files at once.
 void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::vector<size_t>& batch,
                       std::vector<std::optional<std::string>>& result, HashCache* cache, Locked<int64_t>& bytesRead,
-                      const std::function<bool()>& isCancelled, int64_t readAhead) {
+                      const std::function<bool()>& isCancelled, int64_t readAhead, const PrefixStep* prefix) {
     struct Member {
         size_t index;
         platform::FileDescriptor fd;
@@ -100,6 +117,7 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
         DigestContext context;
         std::vector<size_t> members;  // into `members` below
         bool ended = false;
+        bool stopped = false;  // left at the prefix: its files get no whole digest
     };
     std::vector<Member> members;
     members.reserve(batch.size());
@@ -122,13 +140,16 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
     constexpr auto chunk = static_cast<int64_t>(ContentHash::chunkSize);
     const int64_t window =
         std::min(readAhead, std::max(chunk, aheadForAll / std::max<int64_t>(std::ssize(members), 1) / chunk * chunk));
+    int64_t askedUpTo = 0;  // where the next window is asked for
     auto path = [&](size_t m) -> const std::string& { return files[members[m].index]->path; };
     auto anyOpen = [&] { return std::any_of(runs.begin(), runs.end(), [](const Run& r) { return !r.ended; }); };
 
-    for (int64_t offset = 0; anyOpen(); offset += static_cast<int64_t>(first.size())) {
+    for (int64_t offset = 0, step = 0; anyOpen(); offset += step) {
         if (isCancelled && isCancelled()) return;
-        if (window > 0 && offset % window == 0) {
+        step = prefix && offset == 0 ? ContentHash::partialLimit : chunk;
+        if (window > 0 && offset >= askedUpTo) {
             // Two windows ahead, so the next one is on its way while this one is digested.
+            askedUpTo = offset + window;
             for (const auto& run : runs) {
                 if (run.ended) continue;
                 for (size_t m : run.members) {
@@ -142,6 +163,9 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
                 }
             }
         }
+        const auto wanted = static_cast<size_t>(step);
+        // Where a file ends, if it was listed as ending within this step.
+        auto listedEnd = [&](size_t m) { return files[members[m].index]->status.size - offset; };
         for (size_t r = 0, open = runs.size(); r < open; ++r) {
             Run& run = runs[r];
             if (run.ended) continue;
@@ -149,7 +173,8 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
             std::optional<size_t> got;
             while (!got && !run.members.empty()) {
                 try {
-                    got = fill(members[run.members.front()].fd, path(run.members.front()), first);
+                    got = fill(members[run.members.front()].fd, path(run.members.front()), first.first(wanted),
+                               listedEnd(run.members.front()));
                     members[run.members.front()].read += static_cast<int64_t>(*got);
                 } catch (const std::exception&) {
                     run.members.erase(run.members.begin());
@@ -163,7 +188,7 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
                 size_t m = run.members[k];
                 size_t n = 0;
                 try {
-                    n = fill(members[m].fd, path(m), other);
+                    n = fill(members[m].fd, path(m), other.first(wanted), listedEnd(m));
                 } catch (const std::exception&) {
                     run.members.erase(run.members.begin() + static_cast<ptrdiff_t>(k));
                     continue;
@@ -174,7 +199,7 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
                     continue;
                 }
                 // Different from here on: it goes on alone, from the state of all the bytes before.
-                Run split{DigestContext(EVP_MD_CTX_new()), {m}, n < other.size()};
+                Run split{DigestContext(EVP_MD_CTX_new()), {m}, n < wanted};
                 if (!split.context || EVP_MD_CTX_copy_ex(split.context.get(), run.context.get()) != 1) {
                     throw std::runtime_error("SHA-256 state cannot be copied");
                 }
@@ -183,12 +208,44 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
                 run.members.erase(run.members.begin() + static_cast<ptrdiff_t>(k));
             }
             EVP_DigestUpdate(run.context.get(), first.data(), *got);
-            run.ended = *got < first.size();
+            run.ended = *got < wanted;
+        }
+        if (!prefix || offset != 0) continue;
+        // The files that go on past 64 KiB: each run's state so far is their prefix digest. Files
+        // that each differed from the first file but not from each other split off apart; having
+        // the same digest, they join again here. A file of 64 KiB exactly is whole already, and
+        // ends with the next read.
+        std::map<std::string, size_t> runOfPrefix;
+        for (size_t r = 0; r < runs.size(); ++r) {
+            Run& run = runs[r];
+            if (run.ended || run.members.empty()) continue;
+            if (files[members[run.members.front()].index]->status.size <= ContentHash::partialLimit) continue;
+            DigestContext copy(EVP_MD_CTX_new());
+            if (!copy || EVP_MD_CTX_copy_ex(copy.get(), run.context.get()) != 1) {
+                throw std::runtime_error("SHA-256 state cannot be copied");
+            }
+            auto [joined, isNew] = runOfPrefix.try_emplace(digestText(finish(copy.get())), r);
+            if (isNew) continue;
+            auto& into = runs[joined->second].members;
+            into.insert(into.end(), run.members.begin(), run.members.end());
+            run.members.clear();
+            run.ended = true;
+        }
+        for (const auto& [text, r] : runOfPrefix) {
+            Run& run = runs[r];
+            std::vector<size_t> indices;
+            for (size_t m : run.members) {
+                const ScannedFile& file = *files[members[m].index];
+                if (cache) cache->store(text, HashCache::Kind::partial, file);
+                prefix->prefixes[members[m].index] = text;
+                indices.push_back(members[m].index);
+            }
+            if (!prefix->goOn(indices)) run.ended = run.stopped = true;
         }
     }
     int64_t total = 0;
     for (auto& run : runs) {
-        if (run.members.empty()) continue;
+        if (run.members.empty() || run.stopped) continue;
         std::string text = digestText(finish(run.context.get()));
         for (size_t m : run.members) {
             const ScannedFile& file = *files[members[m].index];
@@ -344,10 +401,28 @@ std::vector<std::optional<std::string>> Hasher::digestsSideBySide(const std::vec
                                   unread.begin() + static_cast<ptrdiff_t>(std::min(unread.size(), start + filesSideBySide)));
         if (reading) reading(files[batch.front()]->path);
         try {
-            digestSideBySide(files, batch, result, cache, bytesRead, isCancelled, readAhead);
+            digestSideBySide(files, batch, result, cache, bytesRead, isCancelled, readAhead, nullptr);
         } catch (const std::exception&) {
             // No digest state to be had: these files stay without a digest and match nothing.
         }
+    }
+    return result;
+}
+
+std::vector<std::optional<std::string>> Hasher::digestsFromStart(
+    const std::vector<const ScannedFile*>& files, HashCache* cache, Locked<int64_t>& bytesRead,
+    const std::function<bool()>& isCancelled, int64_t readAhead,
+    const std::function<bool(const std::vector<size_t>&)>& goOn, std::vector<std::optional<std::string>>& prefixes) {
+    if (files.size() > filesSideBySide) throw std::invalid_argument("more files than are read side by side");
+    std::vector<std::optional<std::string>> result(files.size());
+    prefixes.assign(files.size(), std::nullopt);
+    std::vector<size_t> all(files.size());
+    for (size_t i = 0; i < files.size(); ++i) all[i] = i;
+    PrefixStep step{goOn, prefixes};
+    try {
+        digestSideBySide(files, all, result, cache, bytesRead, isCancelled, readAhead, &step);
+    } catch (const std::exception&) {
+        // No digest state to be had: these files stay without a digest and match nothing.
     }
     return result;
 }

@@ -36,6 +36,9 @@ Digest sha256(const std::string& path, int64_t limit, int64_t listedSize);
 }  // namespace ContentHash
 
 namespace Hasher {
+// Files read side by side hold one descriptor each; beyond this many they are taken in turns.
+inline constexpr size_t filesSideBySide = 32;
+
 // One optional digest text per file, at the same index; absent when the file could not be read or
 // cancellation came first. Never throws. Solid-state volumes are read by `workers` threads (0: one
 // per core); rotational ones by one thread in list order, unless `workers` says otherwise.
@@ -62,6 +65,18 @@ std::vector<std::optional<std::string>> digestsSideBySide(const std::vector<cons
                                                           const std::function<void(const std::string&)>& reading,
                                                           const std::function<bool()>& isCancelled,
                                                           int64_t readAhead = 0);
+
+// Reads at most `filesSideBySide` files of one size side by side from their start, none asked of
+// the cache: each file is read once for both its digests, and each set of files that agree is
+// digested once. The first 64 KiB are read first; the prefix digest of every file that goes on
+// beyond them is cached and set in `prefixes`, and `goOn` is asked of each set of such files that
+// agree so far (their indices): it ends the reading of sets that can no longer interest the
+// caller, which get no whole digest. Absent entries as for digests().
+std::vector<std::optional<std::string>> digestsFromStart(const std::vector<const ScannedFile*>& files,
+                                                         HashCache* cache, Locked<int64_t>& bytesRead,
+                                                         const std::function<bool()>& isCancelled, int64_t readAhead,
+                                                         const std::function<bool(const std::vector<size_t>&)>& goOn,
+                                                         std::vector<std::optional<std::string>>& prefixes);
 }  // namespace Hasher
 
 // Compares two files chunk by chunk. Throws SystemError when one cannot be opened or read.

@@ -96,13 +96,13 @@ files=$(wc -l <"$work/inodes.tsv")
 export DEDUP_DATA_DIR="$work/data"
 load_before="$(cut -d ' ' -f 1-3 /proc/loadavg)"
 drop_caches() { sync; echo 3 >/proc/sys/vm/drop_caches; }
-declare -A seconds kib cpu
+declare -A seconds kib cpu sys
 run() {  # NAME CONDITION COMMAND...: warm runs once untimed first; the fastest of $repeat kept
   local name="$1" condition="$2"
   shift 2
   local out="$work/$name.$condition.out" s k r
   [ "$condition" = cold ] || "$@" >/dev/null 2>&1 || true
-  seconds["$name.$condition"]="-" kib["$name.$condition"]=0 cpu["$name.$condition"]="-"
+  seconds["$name.$condition"]="-" kib["$name.$condition"]=0 cpu["$name.$condition"]="-" sys["$name.$condition"]="-"
   for ((r = 0; r < repeat; r++)); do
     [ "$condition" = warm ] || drop_caches
     /usr/bin/time -f '%e %M %U %S' -o "$work/time" "$@" >"$out" 2>"$work/stderr" || true
@@ -111,7 +111,7 @@ run() {  # NAME CONDITION COMMAND...: warm runs once untimed first; the fastest 
     if ! [[ "$s" =~ ^[0-9.]+$ ]]; then say "$name failed: $(tail -n 2 "$work/stderr")"; continue; fi
     if [ "${seconds[$name.$condition]}" = "-" ] || awk -v a="$s" -v b="${seconds[$name.$condition]}" 'BEGIN { exit !(a < b) }'; then
       seconds["$name.$condition"]="$s" kib["$name.$condition"]="$k"
-      cpu["$name.$condition"]="$(awk -v u="$u" -v s="$sy" 'BEGIN { printf "%.2f", u + s }')"
+      cpu["$name.$condition"]="$(awk -v u="$u" -v s="$sy" 'BEGIN { printf "%.2f", u + s }')" sys["$name.$condition"]="$sy"
     fi
   done
 }
@@ -204,6 +204,18 @@ for condition in cold warm; do
   # Processor time, which the other programs on a shared machine disturb far less than the clock.
   goal "--folders vs without, $condition, processor time" "$(ratio "${cpu[folders.$condition]}" "${cpu[across.$condition]}")" 1.10
 done
+# What no search that gives each set its SHA-256 can do without, warm: digesting one copy of each
+# set, here at OpenSSL's own speed, in processor seconds; half the fastest peer's time on this
+# machine's cores allows that many times its seconds in all. The peers digest with faster, weaker
+# hashes.
+one_copy="$(jq '[.files[].size] | add // 0' "$work/across.warm.out")"
+sha_rate="$(openssl speed -seconds 1 -bytes 262144 -evp sha256 2>/dev/null | awk '/^sha256/ { sub(/k$/, "", $2); print $2 * 1000 }')"
+if [[ "$sha_rate" =~ ^[0-9.]+$ ]] && [ -n "$best" ]; then
+  printf '  %-58s %s\n' "processor seconds, warm:" \
+    "$(awk -v b="$one_copy" -v r="$sha_rate" 'BEGIN { printf "%.2f", b / r }') SHA-256 of one copy of each set ($(awk -v b="$one_copy" 'BEGIN { printf "%.0f", b / 1e6 }') MB at $(awk -v r="$sha_rate" 'BEGIN { printf "%.0f", r / 1e6 }') MB/s)"
+  printf '  %-58s %s\n' "" "${cpu[across.warm]} dedup across in all, of which the kernel's listing and reading $(awk -v k="${sys[across.warm]}" 'BEGIN { printf "%.2f", k }')"
+  printf '  %-58s %s\n' "" "$(awk -v s="$best" -v n="$(nproc)" 'BEGIN { printf "%.2f", s / 2 * n }') half of $best_name's time on all $(nproc) cores"
+fi
 echo "  memory per file (dedup across --no-cache, warm)               $(awk -v k="${kib[across.warm]}" -v f="$files" 'BEGIN { printf "%.0f", k * 1024 / f }') bytes"
 for tool in jdupes rdfind rmlint; do
   if cmp -s "$work/sets.across" "$work/sets.$tool"; then

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "hash_cache.h"
@@ -158,6 +159,80 @@ TEST(HasherTest, FileThatGrewOrShrankSinceItWasListedIsDigestedAsItIsNow) {
                 << "file of " << cases[k].first << " bytes listed with " << cases[k].second << ", limit " << limit;
         }
     }
+    // The same read side by side from the start, where a file listed within the first step is
+    // asked for a byte more than its listed size too.
+    for (size_t k = 0; k < files.size(); ++k) {
+        Locked<int64_t> bytes{0};
+        std::vector<std::optional<std::string>> prefixes;
+        auto digests = Hasher::digestsFromStart({&files[k]}, nullptr, bytes, nullptr, 0,
+                                                [](const std::vector<size_t>&) { return true; }, prefixes);
+        EXPECT_EQ(digests.front(), digestText(ContentHash::sha256(files[k].path, ContentHash::fullLimit)))
+            << "file of " << cases[k].first << " bytes listed with " << cases[k].second;
+    }
+}
+
+TEST(HasherTest, ReadFromTheStartEachFileOnceForBothDigestsAndStopsWhereTheCallerLosesInterest) {
+    DEDUP_REQUIRE_VOLUME(test::LoopVolume::Kind::xfs);
+    std::string root = test::freshFolder(test::sharedVolume(test::LoopVolume::Kind::xfs), "from-start");
+    test::TempDir data;
+    HashCache cache(data.path("hashes.sqlite"));
+    constexpr size_t size = 600000;
+    std::string a = test::randomBytes(size, 40);
+    std::string b = a;
+    b.front() = static_cast<char>(b.front() ^ 1);
+    std::string c = a;
+    c.back() = static_cast<char>(c.back() ^ 1);
+    std::string d = test::randomBytes(size, 41);
+    // b1 and b2 each differ from the first file read, and split from it apart: they must still be
+    // found to be one set. d is alone, so is read no further than its prefix.
+    std::vector<std::pair<std::string, std::string>> made = {{"a", a}, {"b1", b}, {"c", c}, {"d", d}, {"b2", b}};
+    std::vector<ScannedFile> files;
+    for (const auto& [name, bytes] : made) {
+        test::writeFile(root + "/" + name, bytes);
+        files.push_back({root + "/" + name, FileStatus::read(root + "/" + name), {}});
+    }
+    std::vector<const ScannedFile*> pointers;
+    for (const auto& file : files) pointers.push_back(&file);
+    std::vector<std::vector<size_t>> asked;
+    auto goOn = [&](const std::vector<size_t>& agree) {
+        asked.push_back(agree);
+        std::sort(asked.back().begin(), asked.back().end());
+        return agree.size() >= 2;
+    };
+    Locked<int64_t> bytes{0};
+    std::vector<std::optional<std::string>> prefixes;
+    auto digests = Hasher::digestsFromStart(pointers, &cache, bytes, nullptr, int64_t{4} << 20, goOn, prefixes);
+
+    std::sort(asked.begin(), asked.end());
+    EXPECT_EQ(asked, (std::vector<std::vector<size_t>>{{0, 2}, {1, 4}, {3}}));
+    auto whole = [&](size_t i) { return digestText(ContentHash::sha256(files[i].path, ContentHash::fullLimit)); };
+    auto prefix = [&](size_t i) { return digestText(ContentHash::sha256(files[i].path, ContentHash::partialLimit)); };
+    EXPECT_EQ(digests, (std::vector<std::optional<std::string>>{whole(0), whole(1), whole(2), std::nullopt, whole(1)}));
+    EXPECT_NE(whole(0), whole(2));
+    for (size_t i = 0; i < files.size(); ++i) {
+        EXPECT_EQ(prefixes[i], prefix(i)) << files[i].path;
+        EXPECT_EQ(cache.digest(Kind::partial, files[i]), prefix(i)) << files[i].path;
+        EXPECT_EQ(cache.digest(Kind::full, files[i]), digests[i]) << files[i].path;
+    }
+    EXPECT_EQ(bytes.get(), 4 * static_cast<int64_t>(size) + ContentHash::partialLimit);
+
+    // Files whose whole is within the first step: no prefix of their own, nothing to ask.
+    asked.clear();
+    std::vector<ScannedFile> small;
+    for (size_t length : {size_t{0}, size_t{1000}, size_t{65536}}) {
+        for (const char* copy : {"x", "y"}) {
+            std::string path = root + "/" + copy + std::to_string(length);
+            test::writeFile(path, std::string_view(a).substr(0, length));
+            small.push_back({path, FileStatus::read(path), {}});
+        }
+    }
+    for (size_t k = 0; k < small.size(); k += 2) {
+        auto twins = Hasher::digestsFromStart({&small[k], &small[k + 1]}, nullptr, bytes, nullptr, 0, goOn, prefixes);
+        std::string expected = digestText(ContentHash::sha256(small[k].path, ContentHash::fullLimit));
+        EXPECT_EQ(twins, (std::vector<std::optional<std::string>>{expected, expected})) << small[k].path;
+        EXPECT_EQ(prefixes, (std::vector<std::optional<std::string>>(2))) << small[k].path;
+    }
+    EXPECT_TRUE(asked.empty());
 }
 
 TEST(HasherTest, ReadAheadIsAskedOnlyForWhatIsNotInMemory) {
