@@ -228,9 +228,9 @@ private:
         return probed == 0 || there * 8 >= probed * 7;
     }
 
-    // Reads the parts readFromStart() chose, as digestWholeFiles() reads its own, from their start:
-    // a set of files whose first 64 KiB agree on one volume only is read no further, as it would
-    // not be after its prefix digests.
+    // Reads the parts readFromStart() chose, as digestWholeFiles() reads its own, but from their
+    // start: a set of files whose first 64 KiB agree on one volume only is read no further, as it
+    // would not be after its prefix digests.
     void digestFromStart(std::vector<std::vector<Candidate>>& parts) {
         if (parts.empty() || cancelled()) return;
         for (const auto& part : parts) {
@@ -244,19 +244,16 @@ private:
             if (cancelled()) return;
             auto& part = parts[p];
             std::vector<const ScannedFile*> list;
-            bool anySpins = false;
-            for (auto& c : part) {
-                list.push_back(&file(c));
-                anySpins = anySpins || disks_.spins(disks_.at(volumes_[c.file]));
-            }
+            for (auto& c : part) list.push_back(&file(c));
             reading(list.front()->path);
             auto spans = [&](const std::vector<size_t>& agree) {
                 uint32_t volume = volumes_[part[agree.front()].file];
                 return std::any_of(agree.begin(), agree.end(), [&](size_t k) { return volumes_[part[k].file] != volume; });
             };
             std::vector<std::optional<std::string>> prefixes;
-            auto digests = Hasher::digestsFromStart(list, options_.cache, bytesRead_, [this] { return cancelled(); },
-                                                    anySpins ? spinningReadAhead : solidReadAhead, spans, prefixes);
+            // In memory, as these are: asking the disk for read-ahead would only cost a call per file.
+            auto digests = Hasher::digestsFromStart(list, options_.cache, bytesRead_, [this] { return cancelled(); }, 0,
+                                                    spans, prefixes);
             for (size_t k = 0; k < part.size(); ++k) {
                 if (digests[k]) part[k].digest = std::move(*digests[k]);
             }

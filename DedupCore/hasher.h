@@ -71,7 +71,8 @@ std::vector<std::optional<std::string>> digestsSideBySide(const std::vector<cons
 // digested once. The first 64 KiB are read first; the prefix digest of every file that goes on
 // beyond them is cached and set in `prefixes`, and `goOn` is asked of each set of such files that
 // agree so far (their indices): it ends the reading of sets that can no longer interest the
-// caller, which get no whole digest. Absent entries as for digests().
+// caller, which get no whole digest. Absent entries as for digests(); more files than
+// `filesSideBySide` throw std::invalid_argument.
 std::vector<std::optional<std::string>> digestsFromStart(const std::vector<const ScannedFile*>& files,
                                                          HashCache* cache, Locked<int64_t>& bytesRead,
                                                          const std::function<bool()>& isCancelled, int64_t readAhead,
