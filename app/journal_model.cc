@@ -81,6 +81,10 @@ QVariant JournalModel::data(const QModelIndex& idx, int role) const {
         case Qt::ToolTipRole:
             if (idx.column() == pathColumn) return displayPath(e->target);
             if (idx.column() == eventColumn && e->detail) return QString::fromStdString(*e->detail);
+            // A blank verdict is no verdict: only Verify checks a replaced file again.
+            if (idx.column() == verdictColumn && e->event == JournalEntry::Event::replaced && !findings_.contains(e->id)) {
+                return tr("Not checked yet: Verify checks every replaced file again.");
+            }
             return {};
         case Qt::TextAlignmentRole:
             if (idx.column() == freedColumn) return QVariant::fromValue(Qt::AlignRight | Qt::AlignVCenter);
@@ -92,7 +96,11 @@ QVariant JournalModel::data(const QModelIndex& idx, int role) const {
 }
 
 QVariant JournalModel::headerData(int section, Qt::Orientation orientation, int role) const {
-    if (orientation != Qt::Horizontal || role != Qt::DisplayRole) return {};
+    if (orientation != Qt::Horizontal) return {};
+    if (role == Qt::ToolTipRole && section == verdictColumn) {
+        return tr("What Verify found when it last checked each replaced file; blank until Verify is pressed.");
+    }
+    if (role != Qt::DisplayRole) return {};
     switch (section) {
         case timeColumn: return tr("When");
         case eventColumn: return tr("What happened");

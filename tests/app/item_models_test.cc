@@ -380,7 +380,11 @@ void ItemModelsTest::journalIsNewestFirstFilterableWithVerdicts() {
     QCOMPARE(m.index(1, JournalModel::eventColumn).data().toString(), QString("left alone: open in another app"));
     QCOMPARE(m.index(3, JournalModel::eventColumn).data().toString(), QString("started"));
 
+    // Before Verify, a replaced file's blank verdict says why it is blank.
+    QVERIFY(m.index(2, JournalModel::verdictColumn).data(Qt::ToolTipRole).toString().contains("Verify"));
+    QVERIFY(m.headerData(JournalModel::verdictColumn, Qt::Horizontal, Qt::ToolTipRole).toString().contains("Verify"));
     m.setFindings({{replaced, Journal::Finding::contentChanged}});
+    QVERIFY(m.index(2, JournalModel::verdictColumn).data(Qt::ToolTipRole).isNull());
     QCOMPARE(m.index(2, JournalModel::verdictColumn).data().toString(), QString("changed since"));
     QCOMPARE(m.index(1, JournalModel::verdictColumn).data().toString(), QString());
 
