@@ -5,7 +5,7 @@ cd "$(dirname "$0")"
 
 packages=(
   build-essential cmake ninja-build pkg-config
-  libsqlite3-dev libssl-dev nlohmann-json3-dev libcli11-dev libfmt-dev
+  libsqlite3-dev libssl-dev nlohmann-json3-dev libcli11-dev libfmt-dev libmimalloc-dev
   libacl1-dev libblkid-dev libbtrfsutil-dev libglib2.0-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   btrfs-progs xfsprogs e2fsprogs util-linux attr acl libcap2-bin

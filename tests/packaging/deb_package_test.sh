@@ -24,7 +24,7 @@ depends=$(dpkg-deb -f "$deb" Depends)
 echo "Depends: $depends"
 # What the two programs link, and the Qt plugins they load: without any of these they do not start.
 for needed in libc6 libstdc++6 libsqlite3-0 libssl3 libbtrfsutil1 libacl1 libblkid1 libglib2.0-0 \
-    libfmt9 libqt6core6 libqt6gui6 libqt6widgets6 libqt6dbus6 qt6-qpa-plugins libqt6svg6; do
+    libfmt9 libmimalloc2.0 libqt6core6 libqt6gui6 libqt6widgets6 libqt6dbus6 qt6-qpa-plugins libqt6svg6; do
     [[ ", $depends," == *", $needed "* || ", $depends," == *", $needed,"* ]] || fail "Depends does not name $needed"
 done
 # Build tools are never needed to run it.
