@@ -81,7 +81,7 @@ void writeAcrossJson(std::ostream& out, const AcrossResult& result) {
     std::string buffer;
     for (size_t i = 0; i < result.files.size(); ++i) {
         buffer.append(i > 0 ? ",\n" : "\n");
-        buffer.append(jsonLine(nlohmann::json(result.files[i])));
+        buffer.append(acrossGroupJsonLine(result.files[i]));
         if (buffer.size() >= flushAt) {
             out << buffer;
             buffer.clear();

@@ -135,6 +135,38 @@ public:
         out_.push_back('}');
     }
 
+    // Any text, valid UTF-8 or not: ASCII as string() writes it, the rest as jsonLine() writes
+    // it, invalid bytes replaced.
+    void anyText(const std::string& text) {
+        bool ascii = std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+        if (ascii) {
+            string(text);
+        } else {
+            out_.append(jsonLine(nlohmann::json(text)));
+        }
+    }
+
+    void acrossGroup(const AcrossFileGroup& g) {
+        out_.append("{\"digest\":");
+        string(g.digest);
+        out_.append(",\"files\":[");
+        for (size_t i = 0; i < g.files.size(); ++i) {
+            if (i > 0) out_.push_back(',');
+            string(pathText(g.files[i].path));
+        }
+        out_.append("],\"freedBytes\":");
+        number(g.freedBytes);
+        out_.append(",\"size\":");
+        number(g.size);
+        // Volume names are UUIDs in practice, but only the file system says so.
+        out_.append(",\"volumes\":[");
+        for (size_t i = 0; i < g.volumes.size(); ++i) {
+            if (i > 0) out_.push_back(',');
+            anyText(g.volumes[i]);
+        }
+        out_.append("]}");
+    }
+
 private:
     std::string& out_;
 };
@@ -144,6 +176,12 @@ private:
 std::string groupJsonLine(const DuplicateGroup& group) {
     std::string text;
     JsonAppender(text).group(group);
+    return text;
+}
+
+std::string acrossGroupJsonLine(const AcrossFileGroup& group) {
+    std::string text;
+    JsonAppender(text).acrossGroup(group);
     return text;
 }
 

@@ -6,6 +6,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "across_volumes.h"
 #include "duplicate_finder.h"
 
 namespace dedup::cli {
@@ -28,6 +29,8 @@ void printScanText(std::ostream& out, const ScanResult& result, const std::strin
 void writeScanJson(std::ostream& out, const ScanResult& result, const std::string& putRight = "");
 // One group as writeScanJson writes it: the same text as jsonLine(nlohmann::json(group)).
 std::string groupJsonLine(const DuplicateGroup& group);
+// One set of copies across disks, likewise: the same text as jsonLine(nlohmann::json(group)).
+std::string acrossGroupJsonLine(const AcrossFileGroup& group);
 
 // The text as one shell word: "dedup journal recover '/home/ana/My Photos'" can be pasted as it is.
 std::string shellQuoted(const std::string& text);

@@ -51,6 +51,10 @@ TEST(ScanJsonTest, GroupsAreWrittenAsTheJsonLibraryWritesThemForAnyName) {
 
     for (const auto& group : groups) {
         EXPECT_EQ(cli::groupJsonLine(group), cli::jsonLine(nlohmann::json(group)));
+        // The same names as a set of copies across disks, whose volumes are names too.
+        AcrossFileGroup across{group.digest, 4096, group.reclaimableBytes, group.files, {}};
+        for (const auto& file : group.files) across.volumes.push_back(file.path.substr(file.path.empty() ? 0 : 3));
+        EXPECT_EQ(cli::acrossGroupJsonLine(across), cli::jsonLine(nlohmann::json(across)));
     }
 
     ScanResult result;
