@@ -7,6 +7,7 @@
 #include <QCommandLineParser>
 #include <QMessageBox>
 
+#include "allocator.h"
 #include "app_model.h"
 #include "automation_client.h"
 #include "automation_service.h"
@@ -51,6 +52,7 @@ bool onlyPrints(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    dedup::releaseFreedMemoryAtOnce();
     nameApplication();
     const QCommandLineOption background("background", "Start without a window, as at login; ends at once unless "
                                                       "automatic reclaiming is on.");
