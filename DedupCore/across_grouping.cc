@@ -327,11 +327,18 @@ private:
     std::vector<std::vector<Candidate>> spanningRuns(std::vector<Candidate>& candidates) const {
         std::erase_if(candidates, [](const Candidate& c) { return c.digest.empty(); });
         auto sizeOf = [&](const Candidate& c) { return file(c).status.size; };
-        std::sort(candidates.begin(), candidates.end(), [&](const Candidate& a, const Candidate& b) {
-            if (sizeOf(a) != sizeOf(b)) return sizeOf(a) < sizeOf(b);
-            if (a.digest != b.digest) return a.digest < b.digest;
-            return a.file < b.file;
-        });
+        // They come in order of size: only each size's few files need sorting by digest.
+        auto bySize = [&](const Candidate& a, const Candidate& b) { return sizeOf(a) < sizeOf(b); };
+        if (!std::is_sorted(candidates.begin(), candidates.end(), bySize)) {
+            std::stable_sort(candidates.begin(), candidates.end(), bySize);
+        }
+        for (auto first = candidates.begin(); first != candidates.end();) {
+            auto last = std::find_if(first, candidates.end(), [&](const Candidate& c) { return sizeOf(c) != sizeOf(*first); });
+            std::sort(first, last, [](const Candidate& a, const Candidate& b) {
+                return a.digest != b.digest ? a.digest < b.digest : a.file < b.file;
+            });
+            first = last;
+        }
         std::vector<std::vector<Candidate>> runs;
         for (size_t start = 0, end = 0; start < candidates.size(); start = end) {
             while (end < candidates.size() && sizeOf(candidates[end]) == sizeOf(candidates[start]) &&

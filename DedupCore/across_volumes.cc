@@ -156,6 +156,10 @@ private:
                 });
             }
         }
+        size_t total = files_.size();
+        for (const auto& partial : partials) total += partial.files.size();
+        files_.reserve(total);
+        fileVolumes_.reserve(total);
         for (auto& partial : partials) merge(partial);
     }
 

@@ -71,6 +71,16 @@ public:
         out_.push_back('"');
     }
 
+    // A path in the form of path_text.h. Most are plain ASCII with no backslash, which that form
+    // leaves as they are: those are written without making the text first.
+    void path(const std::string& path) {
+        bool plain = std::all_of(path.begin(), path.end(), [](char c) {
+            auto byte = static_cast<unsigned char>(c);
+            return byte < 0x80 && byte != '\\';
+        });
+        string(plain ? std::string_view(path) : std::string_view(pathText(path)));
+    }
+
     void key(std::string_view name) {
         out_.push_back('"');
         out_.append(name);
@@ -97,7 +107,7 @@ public:
             out_.append("},");
         }
         key("path");
-        string(pathText(f.path));
+        path(f.path);
         const FileStatus& s = f.status;
         out_.append(",\"status\":{\"changed\":");
         timestamp(s.changed);
@@ -152,7 +162,7 @@ public:
         out_.append(",\"files\":[");
         for (size_t i = 0; i < g.files.size(); ++i) {
             if (i > 0) out_.push_back(',');
-            string(pathText(g.files[i].path));
+            path(g.files[i].path);
         }
         out_.append("],\"freedBytes\":");
         number(g.freedBytes);
