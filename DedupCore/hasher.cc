@@ -123,7 +123,7 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
     members.reserve(batch.size());
     for (size_t i : batch) {
         try {
-            members.push_back({i, platform::openForReading(files[i]->path)});
+            members.push_back({i, platform::openForReading(files[i]->path, files[i]->status.size)});
         } catch (const std::exception&) {
             // unreadable or gone: no digest, so it matches nothing
         }
