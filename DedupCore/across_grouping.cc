@@ -228,6 +228,20 @@ private:
         return probed == 0 || there * 8 >= probed * 7;
     }
 
+    // Runs `work` on each part, as many at a time as all their disks together bear (one where a
+    // disk spins: nearly every part has a copy on every disk, and a second part would make that
+    // disk's head jump between them), the largest first, so that no long read is left for last
+    // while the other readers stand idle. Every disk must be known to disks_ before.
+    template <typename Work>
+    void eachPartLargestFirst(std::vector<std::vector<Candidate>>& parts, Work work) {
+        size_t workers = disks_.anyDiskSpins() && options_.threads == 0 ? 1 : disks_.readers(options_.threads);
+        auto weight = [&](const std::vector<Candidate>& part) { return file(part.front()).status.size * std::ssize(part); };
+        std::stable_sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return weight(a) > weight(b); });
+        parallelFor(parts.size(), workers, [&](size_t p) {
+            if (!cancelled()) work(parts[p]);
+        });
+    }
+
     // Reads the parts readFromStart() chose, as digestWholeFiles() reads its own, but from their
     // start: a set of files whose first 64 KiB agree on one volume only is read no further, as it
     // would not be after its prefix digests.
@@ -236,13 +250,7 @@ private:
         for (const auto& part : parts) {
             for (const auto& c : part) disks_.of(volumes_[c.file], file(c).path);
         }
-        size_t workers = disks_.anyDiskSpins() && options_.threads == 0 ? 1 : disks_.readers(options_.threads);
-        // The largest first, so that no long read is left for last while the other readers stand idle.
-        auto weight = [&](const std::vector<Candidate>& part) { return file(part.front()).status.size * std::ssize(part); };
-        std::stable_sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return weight(a) > weight(b); });
-        parallelFor(parts.size(), workers, [&](size_t p) {
-            if (cancelled()) return;
-            auto& part = parts[p];
+        eachPartLargestFirst(parts, [&](std::vector<Candidate>& part) {
             std::vector<const ScannedFile*> list;
             for (auto& c : part) list.push_back(&file(c));
             reading(list.front()->path);
@@ -293,18 +301,10 @@ private:
 
     // The whole-file digests of the candidates of each part (files of one size whose prefixes
     // agree), read side by side: the copies on both disks are read at once, each disk asked for
-    // long stretches ahead. As many parts at a time as all their disks together bear; one at a
-    // time where a disk spins, as each part has a copy on nearly every disk and a second part would
-    // make that disk's head jump between them.
+    // long stretches ahead.
     void digestWholeFiles(std::vector<std::vector<Candidate>>& parts) {
         if (parts.empty() || cancelled()) return;
-        size_t workers = disks_.anyDiskSpins() && options_.threads == 0 ? 1 : disks_.readers(options_.threads);
-        auto weight = [&](const std::vector<Candidate>& part) { return file(part.front()).status.size * std::ssize(part); };
-        // The largest first, so that no long read is left for last while the other readers stand idle.
-        std::stable_sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return weight(a) > weight(b); });
-        parallelFor(parts.size(), workers, [&](size_t p) {
-            if (cancelled()) return;
-            auto& part = parts[p];
+        eachPartLargestFirst(parts, [&](std::vector<Candidate>& part) {
             std::vector<const ScannedFile*> list;
             bool anySpins = false;
             for (auto& c : part) {
