@@ -287,19 +287,14 @@ Digest ContentHash::sha256(const std::string& path, int64_t limit, int64_t liste
     thread_local DigestContext context(EVP_MD_CTX_new());
     startDigest(context.get());
     auto buffer = chunkBuffer();
-    int64_t remaining = limit;
-    // A file below the limit is asked for one byte more than it was listed with: getting exactly
-    // its listed size in one read means it ended there, and the read that would return nothing
-    // is spared. A byte more means it grew, and it is read on to the end or the limit.
-    const bool oneRead = listedSize >= 0 && listedSize < limit && listedSize < static_cast<int64_t>(chunkSize);
-    int64_t want = oneRead ? listedSize + 1 : std::min<int64_t>(remaining, chunkSize);
-    while (remaining > 0) {
-        size_t got = platform::readSome(fd, path, buffer.first(static_cast<size_t>(want)));
-        if (got == 0) break;
+    // Each step filled as fill() fills it: a file listed as ending within a step is read there in
+    // one call, and a step cut short is the file's end.
+    for (int64_t offset = 0; offset < limit;) {
+        const auto want = static_cast<size_t>(std::min<int64_t>(limit - offset, chunkSize));
+        size_t got = fill(fd, path, buffer.first(want), listedSize < 0 ? -1 : listedSize - offset);
         EVP_DigestUpdate(context.get(), buffer.data(), got);
-        remaining -= static_cast<int64_t>(got);
-        if (oneRead && static_cast<int64_t>(got) == listedSize && got < static_cast<size_t>(want)) break;
-        want = std::min<int64_t>(remaining, chunkSize);
+        offset += static_cast<int64_t>(got);
+        if (got < want) break;
     }
     return finish(context.get());
 }
