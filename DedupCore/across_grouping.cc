@@ -4,6 +4,8 @@
 #include <atomic>
 #include <map>
 #include <optional>
+#include <span>
+#include <string_view>
 #include <thread>
 
 #include "across_volumes.h"
@@ -103,6 +105,10 @@ public:
                 // Every lookup goes to the database then: slower, never another answer.
             }
         }
+        // Taken before any extent map is read: a reclaim sharing blocks meanwhile moves the stamp,
+        // and what is read now is kept under the old one, so it is read again next time.
+        if (options_.cache) stamp_ = options_.cache->replacementStamp();
+        mapRead_.assign(files_.size(), 0);
         std::vector<std::vector<Candidate>> fromStart = readFromStart(candidates);
         digestPrefixes(candidates);
         AcrossSets result;
@@ -144,26 +150,34 @@ private:
 
     // Files whose size some file on another volume has too: no other file can be a copy across disks.
     std::vector<Candidate> metOnAnotherVolume(const std::vector<uint32_t>& wanted) const {
-        std::vector<uint32_t> order(wanted);
-        auto sizeOf = [&](uint32_t i) { return files_[i].status.size; };
-        std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
-            return sizeOf(a) != sizeOf(b) ? sizeOf(a) < sizeOf(b) : volumes_[a] < volumes_[b];
+        // Sorted with their keys beside them: looking each file up for every comparison would
+        // make most of them wait on memory.
+        struct Keyed {
+            int64_t size;
+            uint32_t volume, file;
+        };
+        std::vector<Keyed> order;
+        order.reserve(wanted.size());
+        for (uint32_t i : wanted) order.push_back({files_[i].status.size, volumes_[i], i});
+        std::sort(order.begin(), order.end(), [](const Keyed& a, const Keyed& b) {
+            return a.size != b.size ? a.size < b.size : a.volume != b.volume ? a.volume < b.volume : a.file < b.file;
         });
         std::vector<Candidate> result;
         for (size_t start = 0, end = 0; start < order.size(); start = end) {
-            while (end < order.size() && sizeOf(order[end]) == sizeOf(order[start])) ++end;
+            while (end < order.size() && order[end].size == order[start].size) ++end;
             // Sorted by volume within a size: two volumes when the first and the last differ.
-            if (volumes_[order[start]] == volumes_[order[end - 1]]) continue;
-            for (size_t k = start; k < end; ++k) result.push_back({order[k], {}});
+            if (order[start].volume == order[end - 1].volume) continue;
+            for (size_t k = start; k < end; ++k) result.push_back({order[k].file, {}});
         }
         return result;
     }
 
     // Takes out of `candidates` (sorted by size) the sizes best read from their start in one pass,
     // each file once for both its digests and each set of copies digested once: sizes with a file
-    // the cache knows nothing of, and few enough files to be read side by side. The rest, all of
-    // whose prefixes the cache knows (a second search) or too many to be read side by side, are
-    // left to be read a prefix first.
+    // the cache knows nothing of, and either few enough files to be read side by side or files
+    // small enough to be whole at the first step. The rest, all of whose prefixes the cache knows
+    // (a second search) or too many large files to be read side by side, are left to be read a
+    // prefix first.
     std::vector<std::vector<Candidate>> readFromStart(std::vector<Candidate>& candidates) {
         std::vector<char> known(candidates.size(), 0);
         if (HashCache* cache = options_.cache) {
@@ -193,7 +207,8 @@ private:
             auto last = candidates.begin() + static_cast<ptrdiff_t>(end);
             bool allKnown = std::all_of(known.begin() + static_cast<ptrdiff_t>(start),
                                         known.begin() + static_cast<ptrdiff_t>(end), [](char k) { return k != 0; });
-            bool fromStart = !allKnown && end - start <= Hasher::filesSideBySide;
+            bool fromStart =
+                !allKnown && (end - start <= Hasher::filesSideBySide || sizeOf(start) <= ContentHash::partialLimit);
             if (fromStart) {
                 if (!inMemory) inMemory = mostlyInMemory(candidates);
                 fromStart = *inMemory;
@@ -232,10 +247,10 @@ private:
     // disk spins: nearly every part has a copy on every disk, and a second part would make that
     // disk's head jump between them), the largest first, so that no long read is left for last
     // while the other readers stand idle. Every disk must be known to disks_ before.
-    template <typename Work>
-    void eachPartLargestFirst(std::vector<std::vector<Candidate>>& parts, Work work) {
+    template <typename Parts, typename Work>
+    void eachPartLargestFirst(Parts& parts, Work work) {
         size_t workers = disks_.anyDiskSpins() && options_.threads == 0 ? 1 : disks_.readers(options_.threads);
-        auto weight = [&](const std::vector<Candidate>& part) { return file(part.front()).status.size * std::ssize(part); };
+        auto weight = [&](const auto& part) { return file(part.front()).status.size * std::ssize(part); };
         std::stable_sort(parts.begin(), parts.end(), [&](const auto& a, const auto& b) { return weight(a) > weight(b); });
         parallelFor(parts.size(), workers, [&](size_t p) {
             if (!cancelled()) work(parts[p]);
@@ -244,13 +259,26 @@ private:
 
     // Reads the parts readFromStart() chose, as digestWholeFiles() reads its own, but from their
     // start: a set of files whose first 64 KiB agree on one volume only is read no further, as it
-    // would not be after its prefix digests.
+    // would not be after its prefix digests. A size with more files than are read side by side
+    // holds small files only, whole at the first step, which no set stops: it is read in turns of
+    // that many, by name, so that the copies of one file mostly share a turn and are digested once.
     void digestFromStart(std::vector<std::vector<Candidate>>& parts) {
         if (parts.empty() || cancelled()) return;
-        for (const auto& part : parts) {
+        std::vector<std::span<Candidate>> turns;
+        for (auto& part : parts) {
             for (const auto& c : part) disks_.of(volumes_[c.file], file(c).path);
+            if (part.size() > Hasher::filesSideBySide) {
+                auto name = [&](const Candidate& c) {
+                    std::string_view path = file(c).path;
+                    return path.substr(path.rfind('/') + 1);
+                };
+                std::stable_sort(part.begin(), part.end(), [&](const Candidate& a, const Candidate& b) { return name(a) < name(b); });
+            }
+            for (size_t first = 0; first < part.size(); first += Hasher::filesSideBySide) {
+                turns.emplace_back(part.data() + first, std::min(Hasher::filesSideBySide, part.size() - first));
+            }
         }
-        eachPartLargestFirst(parts, [&](std::vector<Candidate>& part) {
+        eachPartLargestFirst(turns, [&](std::span<Candidate> part) {
             std::vector<const ScannedFile*> list;
             for (auto& c : part) list.push_back(&file(c));
             reading(list.front()->path);
@@ -258,10 +286,29 @@ private:
                 uint32_t volume = volumes_[part[agree.front()].file];
                 return std::any_of(agree.begin(), agree.end(), [&](size_t k) { return volumes_[part[k].file] != volume; });
             };
+            // A set of copies is open here already: its extent maps are read now rather than
+            // each copy opened again for them afterwards, in the order readCloneFacts() keeps.
+            auto readMaps = [&](const std::vector<size_t>& agree, const std::vector<const platform::FileDescriptor*>& open) {
+                if (!spans(agree)) return;
+                std::vector<size_t> order(agree.size());
+                for (size_t k = 0; k < order.size(); ++k) order[k] = k;
+                std::sort(order.begin(), order.end(), [&](size_t a, size_t b) { return part[agree[a]].file < part[agree[b]].file; });
+                for (size_t k : order) {
+                    ScannedFile& copy = files_[part[agree[k]].file];
+                    if (copy.status.links != 1) continue;
+                    try {
+                        copy.clones = CloneInfo::read(*open[k], copy.path);
+                    } catch (const std::exception&) {
+                        break;  // left to readCloneFacts(), which tries once more by its path
+                    }
+                    mapRead_[part[agree[k]].file] = 1;
+                    if (AcrossVolumes::freedByRemoving(copy) >= copy.status.size) break;
+                }
+            };
             std::vector<std::optional<std::string>> prefixes;
             // In memory, as these are: asking the disk for read-ahead would only cost a call per file.
             auto digests = Hasher::digestsFromStart(list, options_.cache, bytesRead_, [this] { return cancelled(); }, 0,
-                                                    spans, prefixes);
+                                                    spans, prefixes, readMaps);
             for (size_t k = 0; k < part.size(); ++k) {
                 if (digests[k]) part[k].digest = std::move(*digests[k]);
             }
@@ -372,28 +419,26 @@ private:
     void readCloneFacts(std::vector<AcrossSet>& sets, std::vector<char>& left) {
         left.assign(files_.size(), 0);
         auto freesAll = [&](uint32_t i) { return AcrossVolumes::freedByRemoving(files_[i]) >= files_[i].status.size; };
-        std::vector<char> asked(files_.size(), 0);
+        // Maps read while the files were open for their digests count as asked, and are kept.
+        std::vector<char> asked(mapRead_);
         HashCache* cache = options_.cache;
-        // Taken before any map is read: a reclaim sharing blocks meanwhile moves the stamp, and
-        // what is read now is kept under the old one, so it is read again next time.
-        const int64_t stamp = cache ? cache->replacementStamp() : 0;
         if (cache) {
             std::vector<const ScannedFile*> lookups;
             std::vector<uint32_t> which;
             for (const auto& set : sets) {
                 for (uint32_t i : set.members) {
-                    if (files_[i].status.links == 1 && !files_[i].clones) which.push_back(i);
+                    if (files_[i].status.links == 1 && !files_[i].clones && !asked[i]) which.push_back(i);
                 }
             }
             for (uint32_t i : which) lookups.push_back(&files_[i]);
-            auto known = cache->blocks(lookups, stamp);
+            auto known = cache->blocks(lookups, stamp_);
             for (size_t k = 0; k < which.size(); ++k) {
                 if (!known[k]) continue;
                 files_[which[k]].clones = std::move(known[k]->clones);
                 asked[which[k]] = 1;
             }
         }
-        std::vector<char> read(files_.size(), 0);
+        std::vector<char> read(std::move(mapRead_));
         parallelFor(sets.size(), disks_.readers(options_.threads), [&](size_t s) {
             auto& members = sets[s].members;
             bool done = std::any_of(members.begin(), members.end(), [&](uint32_t i) { return asked[i] && freesAll(i); });
@@ -421,7 +466,7 @@ private:
         for (uint32_t i = 0; i < files_.size(); ++i) {
             if (read[i]) stored.push_back(i);
         }
-        storeBlocks(*cache, files_, stored, stamp);
+        storeBlocks(*cache, files_, stored, stamp_);
     }
 
     std::vector<ScannedFile>& files_;
@@ -431,6 +476,10 @@ private:
     const CancelCallback& isCancelled_;
     std::atomic<bool> cancelled_{false};
     Disks disks_;  // of every candidate's volume, known before any reader starts
+    int64_t stamp_ = 0;  // the cache's replacement stamp before any extent map was read
+    // Per file: its extent map was read while it was open for its digest (each entry written by
+    // the one reader of the file's part).
+    std::vector<char> mapRead_;
     Locked<int64_t> bytesRead_{0};
     static constexpr uint32_t filesPerReport = 16;
     std::atomic<uint32_t> readingCount_{0};

@@ -15,6 +15,7 @@
 #include "across_grouping.h"
 #include "folder_prefetch.h"
 #include "hasher.h"
+#include "parallel.h"
 #include "path_names.h"
 #include "path_text.h"
 #include "platform/system.h"
@@ -571,18 +572,26 @@ private:
         result.trees = std::move(treeGroups_);
         result.nearlyIdentical = std::move(nearGroups_);
         // The files go into the groups rather than being copied: nothing needs them after this.
-        result.files.reserve(fileGroups_.size());
-        for (auto& group : fileGroups_) {
-            AcrossFileGroup& out = result.files.emplace_back();
-            out.digest = setDigests_[group.set];
-            out.size = files_[group.members.front()].status.size;
-            out.freedBytes = group.freedBytes;
-            out.files.reserve(group.members.size());
-            for (uint32_t i : group.members) {
-                out.files.push_back(std::move(files_[i]));
-                out.volumes.push_back(volumeNames_[fileVolumes_[i]]);
+        // Tens of thousands of groups are made on every core, each its own share of them, as
+        // each file and digest belongs to one group.
+        result.files.resize(fileGroups_.size());
+        constexpr size_t groupsPerShare = 4096;
+        parallelFor((fileGroups_.size() + groupsPerShare - 1) / groupsPerShare, workersFor(0, false), [&](size_t share) {
+            const size_t end = std::min(fileGroups_.size(), (share + 1) * groupsPerShare);
+            for (size_t g = share * groupsPerShare; g < end; ++g) {
+                const FileGroup& group = fileGroups_[g];
+                AcrossFileGroup& out = result.files[g];
+                out.digest = std::move(setDigests_[group.set]);
+                out.size = files_[group.members.front()].status.size;
+                out.freedBytes = group.freedBytes;
+                out.files.reserve(group.members.size());
+                out.volumes.reserve(group.members.size());
+                for (uint32_t i : group.members) {
+                    out.files.push_back(std::move(files_[i]));
+                    out.volumes.push_back(volumeNames_[fileVolumes_[i]]);
+                }
             }
-        }
+        });
         result.filesSeen = static_cast<int64_t>(files_.size());
         result.bytesRead = bytesRead_;
         result.unreadableFolders = std::move(unreadable_);

@@ -12,6 +12,10 @@
 
 namespace dedup {
 
+namespace platform {
+class FileDescriptor;
+}
+
 // A file time as the file system stores it.
 struct Timestamp {
     int64_t seconds = 0;
@@ -95,6 +99,8 @@ struct CloneInfo {
     // Reads the extent map; a file of holes alone gets `noBlocks`. Throws SystemError("open"/"fiemap", path, errno) when the file cannot
     // be opened or the call fails for a reason other than "not supported".
     static std::optional<CloneInfo> read(const std::string& path);
+    // The same of a file open already, `path` naming it in errors: spares opening it again.
+    static std::optional<CloneInfo> read(const platform::FileDescriptor& fd, const std::string& path);
 };
 
 // One regular file found by a scan: a snapshot of its path and status at that moment.

@@ -107,7 +107,8 @@ struct PrefixStep {
 // stops at 64 KiB, where each run's state gives the prefix digest of all its files at once.
 void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::vector<size_t>& batch,
                       std::vector<std::optional<std::string>>& result, HashCache* cache, Locked<int64_t>& bytesRead,
-                      const std::function<bool()>& isCancelled, int64_t readAhead, const PrefixStep* prefix) {
+                      const std::function<bool()>& isCancelled, int64_t readAhead, const PrefixStep* prefix,
+                      const Hasher::WhileOpen* whileOpen = nullptr) {
     struct Member {
         size_t index;
         platform::FileDescriptor fd;
@@ -243,7 +244,9 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
             if (!prefix->goOn(indices)) run.ended = run.stopped = true;
         }
     }
-    int64_t total = 0;
+    // Files that split apart and agree again (small ones, never joined at a prefix) have runs of
+    // their own but one digest: the sets told to `whileOpen` are by digest.
+    std::map<std::string, std::vector<size_t>> agreeing;
     for (auto& run : runs) {
         if (run.members.empty() || run.stopped) continue;
         std::string text = digestText(finish(run.context.get()));
@@ -252,7 +255,22 @@ void digestSideBySide(const std::vector<const ScannedFile*>& files, const std::v
             if (cache) cache->store(text, HashCache::Kind::full, file);
             result[members[m].index] = text;
         }
+        if (whileOpen && *whileOpen) {
+            auto& set = agreeing[text];
+            set.insert(set.end(), run.members.begin(), run.members.end());
+        }
     }
+    for (const auto& [text, set] : agreeing) {
+        if (set.size() < 2) continue;
+        std::vector<size_t> indices;
+        std::vector<const platform::FileDescriptor*> open;
+        for (size_t m : set) {
+            indices.push_back(members[m].index);
+            open.push_back(&members[m].fd);
+        }
+        (*whileOpen)(indices, open);
+    }
+    int64_t total = 0;
     for (const auto& member : members) total += member.read;
     bytesRead.with([&](int64_t& sum) { sum += total; });
 }
@@ -407,7 +425,8 @@ std::vector<std::optional<std::string>> Hasher::digestsSideBySide(const std::vec
 std::vector<std::optional<std::string>> Hasher::digestsFromStart(
     const std::vector<const ScannedFile*>& files, HashCache* cache, Locked<int64_t>& bytesRead,
     const std::function<bool()>& isCancelled, int64_t readAhead,
-    const std::function<bool(const std::vector<size_t>&)>& goOn, std::vector<std::optional<std::string>>& prefixes) {
+    const std::function<bool(const std::vector<size_t>&)>& goOn, std::vector<std::optional<std::string>>& prefixes,
+    const WhileOpen& whileOpen) {
     if (files.size() > filesSideBySide) throw std::invalid_argument("more files than are read side by side");
     std::vector<std::optional<std::string>> result(files.size());
     prefixes.assign(files.size(), std::nullopt);
@@ -415,7 +434,7 @@ std::vector<std::optional<std::string>> Hasher::digestsFromStart(
     for (size_t i = 0; i < files.size(); ++i) all[i] = i;
     PrefixStep step{goOn, prefixes};
     try {
-        digestSideBySide(files, all, result, cache, bytesRead, isCancelled, readAhead, &step);
+        digestSideBySide(files, all, result, cache, bytesRead, isCancelled, readAhead, &step, &whileOpen);
     } catch (const std::exception&) {
         // No digest state to be had: these files stay without a digest and match nothing.
     }

@@ -72,12 +72,17 @@ std::vector<std::optional<std::string>> digestsSideBySide(const std::vector<cons
 // beyond them is cached and set in `prefixes`, and `goOn` is asked of each set of such files that
 // agree so far (their indices): it ends the reading of sets that can no longer interest the
 // caller, which get no whole digest. Absent entries as for digests(); more files than
-// `filesSideBySide` throw std::invalid_argument.
+// `filesSideBySide` throw std::invalid_argument. `whileOpen`, if set, is told each set of two or
+// more files read to their end that agree throughout, with their descriptors at the same
+// positions, before they are closed: what else the caller wants of them needs no open of its own.
+using WhileOpen = std::function<void(const std::vector<size_t>& agree,
+                                     const std::vector<const platform::FileDescriptor*>& open)>;
 std::vector<std::optional<std::string>> digestsFromStart(const std::vector<const ScannedFile*>& files,
                                                          HashCache* cache, Locked<int64_t>& bytesRead,
                                                          const std::function<bool()>& isCancelled, int64_t readAhead,
                                                          const std::function<bool(const std::vector<size_t>&)>& goOn,
-                                                         std::vector<std::optional<std::string>>& prefixes);
+                                                         std::vector<std::optional<std::string>>& prefixes,
+                                                         const WhileOpen& whileOpen = {});
 }  // namespace Hasher
 
 // Compares two files chunk by chunk. Throws SystemError when one cannot be opened or read.

@@ -62,6 +62,20 @@ std::string pathText(std::string_view path) {
     return text;
 }
 
+bool isOwnText(std::string_view path) {
+    for (size_t i = 0; i < path.size();) {
+        if (static_cast<unsigned char>(path[i]) < 0x80) {
+            if (path[i] == '\\') return false;
+            ++i;
+            continue;
+        }
+        size_t length = validSequence(path.substr(i));
+        if (length == 0) return false;
+        i += length;
+    }
+    return true;
+}
+
 std::string pathFromText(std::string_view text) {
     std::string path;
     path.reserve(text.size());

@@ -17,6 +17,8 @@
 namespace dedup {
 
 std::string pathText(std::string_view path);
+// Whether pathText(path) is the path itself (valid UTF-8, no backslash), asked without making it.
+bool isOwnText(std::string_view path);
 std::string pathFromText(std::string_view text);
 
 template <typename Paths>

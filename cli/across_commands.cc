@@ -71,28 +71,6 @@ void printAcross(std::ostream& out, const AcrossResult& result) {
         << " on different disks; removing one copy of each frees " << formatBytes(total) << ".\n";
 }
 
-// The result's JSON, the same document as nlohmann::json(result) gives, written one group of files
-// at a time: a tree of the whole would take more memory than the search itself.
-void writeAcrossJson(std::ostream& out, const AcrossResult& result) {
-    out << "{\"bytesRead\":" << result.bytesRead << ",\"cancelled\":" << (result.cancelled ? "true" : "false")
-        << ",\"files\":[";
-    // Written some tens of kilobytes at a time, so no more than that is held beside the result.
-    constexpr size_t flushAt = 64 << 10;
-    std::string buffer;
-    for (size_t i = 0; i < result.files.size(); ++i) {
-        buffer.append(i > 0 ? ",\n" : "\n");
-        buffer.append(acrossGroupJsonLine(result.files[i]));
-        if (buffer.size() >= flushAt) {
-            out << buffer;
-            buffer.clear();
-        }
-    }
-    out << buffer << "],\"filesSeen\":" << result.filesSeen
-        << ",\"nearlyIdentical\":" << jsonLine(nlohmann::json(result.nearlyIdentical))
-        << ",\"trees\":" << jsonLine(nlohmann::json(result.trees))
-        << ",\"unreadableFolders\":" << jsonLine(nlohmann::json(pathTexts(result.unreadableFolders))) << "}\n";
-}
-
 int runAcross(const AcrossArguments& arguments) {
     auto roots = checkedRoots(arguments.roots);
     std::unique_ptr<HashCache> cache = openDigestCache(arguments.noCache);

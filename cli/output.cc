@@ -6,12 +6,14 @@
 #include <cctype>
 #include <cstring>
 #include <map>
+#include <thread>
 
 #include <fmt/format.h>
 
 #include <nlohmann/json.hpp>
 
 #include "byte_format.h"
+#include "parallel.h"
 #include "path_text.h"
 #include "reclaim_plan.h"
 #include "replaceability.h"
@@ -71,14 +73,24 @@ public:
         out_.push_back('"');
     }
 
-    // A path in the form of path_text.h. Most are plain ASCII with no backslash, which that form
-    // leaves as they are: those are written without making the text first.
+    // A path in the form of path_text.h. Most are valid UTF-8 with no backslash, which that form
+    // leaves as they are, and hold nothing JSON escapes: those are copied as they stand. The first
+    // test looks at every byte, with no early way out, so that the compiler takes many at a time;
+    // only a name beyond ASCII is then looked at sequence by sequence.
     void path(const std::string& path) {
-        bool plain = std::all_of(path.begin(), path.end(), [](char c) {
+        bool escaped = false, beyondAscii = false;
+        for (char c : path) {
             auto byte = static_cast<unsigned char>(c);
-            return byte < 0x80 && byte != '\\';
-        });
-        string(plain ? std::string_view(path) : std::string_view(pathText(path)));
+            escaped |= byte < 0x20 || byte == '"' || byte == '\\';
+            beyondAscii |= byte >= 0x80;
+        }
+        if (!escaped && (!beyondAscii || isOwnText(path))) {
+            out_.push_back('"');
+            out_.append(path);
+            out_.push_back('"');
+            return;
+        }
+        string(isOwnText(path) ? std::string_view(path) : std::string_view(pathText(path)));
     }
 
     void key(std::string_view name) {
@@ -193,6 +205,37 @@ std::string acrossGroupJsonLine(const AcrossFileGroup& group) {
     std::string text;
     JsonAppender(text).acrossGroup(group);
     return text;
+}
+
+void writeAcrossJson(std::ostream& out, const AcrossResult& result) {
+    // Keys in sorted order, as every JSON this system writes.
+    out << "{\"bytesRead\":" << result.bytesRead << ",\"cancelled\":" << (result.cancelled ? "true" : "false")
+        << ",\"files\":[";
+    // The text of tens of thousands of groups takes a good share of a search from memory, all on
+    // one core: blocks of groups are made on every core, a round of them at a time, and written in
+    // order, so that no more than one round's text (a few megabytes) is held beside the result.
+    constexpr size_t groupsPerBlock = 1024;
+    const size_t workers = std::max(1u, std::thread::hardware_concurrency());
+    std::vector<std::string> blocks(2 * workers);
+    const size_t count = result.files.size();
+    for (size_t first = 0; first < count; first += blocks.size() * groupsPerBlock) {
+        const size_t round = std::min(blocks.size(), (count - first + groupsPerBlock - 1) / groupsPerBlock);
+        parallelFor(round, workers, [&](size_t b) {
+            std::string& text = blocks[b];
+            text.clear();
+            JsonAppender json(text);
+            const size_t begin = first + b * groupsPerBlock;
+            for (size_t i = begin; i < std::min(count, begin + groupsPerBlock); ++i) {
+                text.append(i > 0 ? ",\n" : "\n");
+                json.acrossGroup(result.files[i]);
+            }
+        });
+        for (size_t b = 0; b < round; ++b) out << blocks[b];
+    }
+    const auto text = jsonLine;
+    out << "],\"filesSeen\":" << result.filesSeen << ",\"nearlyIdentical\":" << text(nlohmann::json(result.nearlyIdentical))
+        << ",\"trees\":" << text(nlohmann::json(result.trees))
+        << ",\"unreadableFolders\":" << text(nlohmann::json(pathTexts(result.unreadableFolders))) << "}\n";
 }
 
 void writeScanJson(std::ostream& out, const ScanResult& result, const std::string& putRight) {

@@ -31,6 +31,9 @@ void writeScanJson(std::ostream& out, const ScanResult& result, const std::strin
 std::string groupJsonLine(const DuplicateGroup& group);
 // One set of copies across disks, likewise: the same text as jsonLine(nlohmann::json(group)).
 std::string acrossGroupJsonLine(const AcrossFileGroup& group);
+// The AcrossResult's JSON, the same document as nlohmann::json(result), each group of files on a
+// line of its own; written a few blocks of groups at a time.
+void writeAcrossJson(std::ostream& out, const AcrossResult& result);
 
 // The text as one shell word: "dedup journal recover '/home/ana/My Photos'" can be pasted as it is.
 std::string shellQuoted(const std::string& text);

@@ -2,6 +2,7 @@
 // nlohmann's serializer gives for the same values.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 #include <sstream>
 
@@ -69,6 +70,29 @@ TEST(ScanJsonTest, GroupsAreWrittenAsTheJsonLibraryWritesThemForAnyName) {
     EXPECT_EQ(parsed.at("groups").get<std::vector<DuplicateGroup>>(), groups);
     EXPECT_EQ(parsed.at("filesSeen"), 12);
     EXPECT_EQ(parsed.at("unreadableFiles"), nlohmann::json::array({"/t/locked\\xe9"}));
+}
+
+TEST(AcrossJsonTest, ManyGroupsMadeOnEveryCoreComeOutWholeAndInOrder) {
+    // More groups than one round of blocks holds, the last block part full, so that a group lost,
+    // doubled or out of order at a block's or a round's edge shows.
+    AcrossResult result;
+    for (uint64_t i = 0; i < 9000; ++i) {
+        AcrossFileGroup group{std::string(64, "0123456789abcdef"[i % 16]), static_cast<int64_t>(i), 9000 - static_cast<int64_t>(i), {}, {}};
+        group.files = {fileAt("/a/" + std::to_string(i), 2 * i), fileAt("/b/" + std::to_string(i) + (i % 7 == 0 ? "\xe9\"" : ""), 2 * i + 1)};
+        group.volumes = {"one", "two"};
+        result.files.push_back(std::move(group));
+    }
+    result.trees.push_back({"d", 10, 2, 10, {"/a/t", "/b/t"}, {"one", "two"}});
+    result.nearlyIdentical.push_back({{"/a/n", "/b/n"}, 3, 30, {"x"}, {}, {"y\xff"}});
+    result.filesSeen = 18'002;
+    result.bytesRead = 7;
+    result.unreadableFolders = {"/a/locked"};
+    std::ostringstream out;
+    cli::writeAcrossJson(out, result);
+    EXPECT_EQ(nlohmann::json::parse(out.str()), nlohmann::json(result));
+    // One line per group between the document's first line and its last.
+    const std::string text = out.str();
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 9000 + 1);
 }
 
 }  // namespace

@@ -26,6 +26,15 @@ TEST(PathTextTest, EveryNameComesBackExactlyAndUtf8StandsAsItIs) {
         EXPECT_EQ(text.find_first_of("\xc0\xed\xf4\xe2"), std::string::npos) << text;
     }
     EXPECT_EQ(pathText("/caf\xe9\\x"), "/caf\\xe9\\\\x");
+    // The quick test agrees with the text made, for every name above and every byte.
+    for (std::string name : {"/Fotos/été 2024.jpg", "/emoji/\xf0\x9f\x93\xb7.jpg", "", "/\xc0\xaf", "/\xed\xa0\x80",
+                             "/\xf4\x90\x80\x80", "/\xe2\x82", "/\\x41", "/caf\xe9"}) {
+        EXPECT_EQ(isOwnText(name), pathText(name) == name) << name;
+    }
+    for (int b = 1; b < 256; ++b) {
+        std::string name = "/\xc3\xa9" + std::string(1, static_cast<char>(b));
+        EXPECT_EQ(isOwnText(name), pathText(name) == name) << b;
+    }
     // Text written before the form existed, with a lone backslash, reads as it did.
     EXPECT_EQ(pathFromText("C:\\dir\\x"), "C:\\dir\\x");
 }

@@ -59,8 +59,9 @@ uint64_t mix(uint64_t hash, uint64_t value) {
 
 }  // namespace
 
-std::optional<CloneInfo> CloneInfo::read(const std::string& path) {
-    auto fd = platform::openForReading(path, 0);
+std::optional<CloneInfo> CloneInfo::read(const std::string& path) { return read(platform::openForReading(path, 0), path); }
+
+std::optional<CloneInfo> CloneInfo::read(const platform::FileDescriptor& fd, const std::string& path) {
     auto info = platform::cloneInfoOf(fd, path);
     if (info) return info;
     // No extent at all: either the file system keeps no map, or the file holds no block. Asked
