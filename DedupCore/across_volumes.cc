@@ -324,19 +324,16 @@ private:
             Folder& folder = folders_[i];
             if (!folder.candidate) continue;
             std::vector<TreeItem> items;
+            items.reserve(folder.entries.size());
             bool matchable = true;
-            std::set<uint32_t> ownFiles;
+            // Two names of one file in a folder count its bytes once.
+            std::vector<uint32_t> ownFiles;
             for (const auto& entry : folder.entries) {
                 TreeItem item{entry.kind, entry.name, {}};
                 if (entry.kind == TreeItem::Kind::file) {
                     item.payload = digestOf(entry.index);
                     if (item.payload.empty()) matchable = false;
-                    const ScannedFile& file = files_[entry.index];
-                    if (ownFiles.insert(entry.index).second) {
-                        folder.bytes += file.status.size;
-                        folder.freed += AcrossVolumes::freedByRemoving(file);
-                        folder.blocksLeft = folder.blocksLeft || blocksLeft_[entry.index];
-                    }
+                    ownFiles.push_back(entry.index);
                     folder.fileCount += 1;
                 } else if (entry.kind == TreeItem::Kind::folder) {
                     const Folder& sub = folders_[entry.index];
@@ -350,6 +347,13 @@ private:
                     item.payload = entry.linkTarget;
                 }
                 items.push_back(std::move(item));
+            }
+            std::sort(ownFiles.begin(), ownFiles.end());
+            ownFiles.erase(std::unique(ownFiles.begin(), ownFiles.end()), ownFiles.end());
+            for (uint32_t i : ownFiles) {
+                folder.bytes += files_[i].status.size;
+                folder.freed += AcrossVolumes::freedByRemoving(files_[i]);
+                folder.blocksLeft = folder.blocksLeft || blocksLeft_[i];
             }
             if (matchable) folder.digest = treeDigest(std::move(items));
         }
@@ -467,12 +471,55 @@ private:
         return total;
     }
 
-    // Every file below a folder by its path relative to it.
-    void filesBelow(uint32_t folder, const std::string& prefix, std::map<std::string, uint32_t>& out) const {
+    // The path of every file below a folder, relative to the folder the comparison started from.
+    void filesBelow(uint32_t folder, const std::string& prefix, std::vector<std::string>& out) const {
         for (const auto& entry : folders_[folder].entries) {
             std::string rel = prefix.empty() ? entry.name : prefix + "/" + entry.name;
-            if (entry.kind == TreeItem::Kind::file) out.emplace(rel, entry.index);
+            if (entry.kind == TreeItem::Kind::file) out.push_back(std::move(rel));
             if (entry.kind == TreeItem::Kind::folder) filesBelow(entry.index, rel, out);
+        }
+    }
+
+    // Compares the files below two folders by their paths relative to them, walking both trees
+    // side by side: an entry is looked up by its name in the other folder, so that only the paths
+    // of what differs are spelled out (two copies of a large tree hold hundreds of thousands).
+    void compareBelow(uint32_t a, uint32_t b, const std::string& prefix, AcrossNearGroup& near) {
+        auto counts = [](const Entry& e) { return e.kind == TreeItem::Kind::file || e.kind == TreeItem::Kind::folder; };
+        auto byName = [&](uint32_t folder) {
+            std::unordered_map<std::string_view, const Entry*> names;
+            for (const auto& entry : folders_[folder].entries) {
+                if (counts(entry)) names.emplace(entry.name, &entry);
+            }
+            return names;
+        };
+        const auto inA = byName(a), inB = byName(b);
+        auto rel = [&](const std::string& name) { return prefix.empty() ? name : prefix + "/" + name; };
+        // What one side alone holds under a name: the file, or every file below the folder.
+        auto alone = [&](const Entry& entry, std::vector<std::string>& out) {
+            if (entry.kind == TreeItem::Kind::file) out.push_back(rel(entry.name));
+            if (entry.kind == TreeItem::Kind::folder) filesBelow(entry.index, rel(entry.name), out);
+        };
+        for (const auto& [name, entry] : inA) {
+            auto found = inB.find(name);
+            if (found == inB.end()) {
+                alone(*entry, near.onlyInFirst);
+                continue;
+            }
+            const Entry& twin = *found->second;
+            if (entry->kind != twin.kind) {
+                alone(*entry, near.onlyInFirst);
+                alone(twin, near.onlyInSecond);
+            } else if (entry->kind == TreeItem::Kind::folder) {
+                compareBelow(entry->index, twin.index, rel(entry->name), near);
+            } else if (sameFile(entry->index, twin.index)) {
+                near.sameFiles += 1;
+                near.sameBytes += files_[entry->index].status.size;
+            } else {
+                near.changed.push_back(rel(entry->name));
+            }
+        }
+        for (const auto& [name, entry] : inB) {
+            if (!inA.contains(name)) alone(*entry, near.onlyInSecond);
         }
     }
 
@@ -519,25 +566,10 @@ private:
     }
 
     void comparePair(uint32_t a, uint32_t b) {
-        std::map<std::string, uint32_t> left, right;
-        filesBelow(a, "", left);
-        filesBelow(b, "", right);
         AcrossNearGroup near;
         near.folders = {folders_[a].path, folders_[b].path};
-        for (const auto& [rel, i] : left) {
-            auto it = right.find(rel);
-            if (it == right.end()) {
-                near.onlyInFirst.push_back(rel);
-            } else if (sameFile(i, it->second)) {
-                near.sameFiles += 1;
-                near.sameBytes += files_[i].status.size;
-            } else {
-                near.changed.push_back(rel);
-            }
-        }
-        for (const auto& [rel, i] : right) {
-            if (!left.contains(rel)) near.onlyInSecond.push_back(rel);
-        }
+        compareBelow(a, b, "", near);
+        for (auto* paths : {&near.onlyInFirst, &near.onlyInSecond, &near.changed}) std::sort(paths->begin(), paths->end());
         int64_t differing = static_cast<int64_t>(near.onlyInFirst.size() + near.onlyInSecond.size() + near.changed.size());
         // Mostly the same: at least as many files alike as differing, and something differs.
         if (near.sameFiles == 0 || differing == 0 || near.sameFiles < differing) return;

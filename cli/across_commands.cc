@@ -81,8 +81,9 @@ int runAcross(const AcrossArguments& arguments) {
     options.threads = arguments.threads;
     platform::installInterruptHandlers();
     ProgressLine progress;
-    AcrossResult result = AcrossVolumes::find(
-        roots, options, [&](const ScanProgress& p) { progress.scan(p); }, [] { return platform::interrupted(); });
+    auto found = std::make_unique<AcrossResult>(AcrossVolumes::find(
+        roots, options, [&](const ScanProgress& p) { progress.scan(p); }, [] { return platform::interrupted(); }));
+    const AcrossResult& result = *found;
     progress.clear();
     if (cache) cache->flush();
     if (arguments.json) {
@@ -91,7 +92,11 @@ int runAcross(const AcrossArguments& arguments) {
         if (result.cancelled) std::cout << "Cancelled: what was found so far follows.\n";
         printAcross(std::cout, result);
     }
-    return result.cancelled ? interruptedByUser : success;
+    const int code = result.cancelled ? interruptedByUser : success;
+    // The result holds every file found, and the command ends once it is printed: the system takes
+    // its memory back at once, sooner than it is freed name by name (a fiftieth of a large search).
+    static_cast<void>(found.release());
+    return code;
 }
 
 // Absolute, but the last part as the user wrote it: a link given here is refused, never followed.

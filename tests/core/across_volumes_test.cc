@@ -262,6 +262,10 @@ TEST(AcrossVolumesTest, TreeDiffersByOneByteOneEntryOrOneNameOrLinkTargetAndSays
              fs::remove(t + "/to-sort");
              test::writeFile(t + "/to-sort", "");
          }},
+        {"folder for file", [](const std::string& t) {
+             fs::remove(t + "/2024/trip/notes.txt");
+             test::writeFile(t + "/2024/trip/notes.txt/dawn.txt", "hill at dawn");
+         }},
         {"link target", [](const std::string& t) {
              fs::remove(t + "/cover.jpg");
              fs::create_symlink("2024/trip/hill.jpg", t + "/cover.jpg");
@@ -275,7 +279,7 @@ TEST(AcrossVolumesTest, TreeDiffersByOneByteOneEntryOrOneNameOrLinkTargetAndSays
         apply(disks.right + "/Photos");
         auto result = search({disks.left, disks.right}, true);
         EXPECT_FALSE(reportsTree(result, disks.left + "/Photos", disks.right + "/Photos"));
-        if (what == "one byte" || what == "extra empty file" || what == "renamed file") {
+        if (what == "one byte" || what == "extra empty file" || what == "renamed file" || what == "folder for file") {
             // Mostly the same: said as nearly identical, with what differs.
             ASSERT_EQ(result.nearlyIdentical.size(), 1u);
             const auto& near = result.nearlyIdentical.front();
@@ -290,6 +294,11 @@ TEST(AcrossVolumesTest, TreeDiffersByOneByteOneEntryOrOneNameOrLinkTargetAndSays
             if (what == "renamed file") {
                 EXPECT_EQ(near.onlyInFirst, Paths{"2024/beach.jpg"});
                 EXPECT_EQ(near.onlyInSecond, Paths{"2024/Beach.jpg"});
+            }
+            if (what == "folder for file") {
+                EXPECT_EQ(near.onlyInFirst, Paths{"2024/trip/notes.txt"});
+                EXPECT_EQ(near.onlyInSecond, Paths{"2024/trip/notes.txt/dawn.txt"});
+                EXPECT_EQ(near.sameFiles, 3);
             }
         }
     }
