@@ -74,9 +74,8 @@ public:
     }
 
     // A path in the form of path_text.h. Most are valid UTF-8 with no backslash, which that form
-    // leaves as they are, and hold nothing JSON escapes: those are copied as they stand. The first
-    // test looks at every byte, with no early way out, so that the compiler takes many at a time;
-    // only a name beyond ASCII is then looked at sequence by sequence.
+    // leaves as they are, and hold nothing JSON escapes: those are copied as they stand. One pass
+    // over the bytes tells both; only a name beyond ASCII is then looked at sequence by sequence.
     void path(const std::string& path) {
         bool escaped = false, beyondAscii = false;
         for (char c : path) {
