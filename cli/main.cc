@@ -1,10 +1,29 @@
 // The dedup command: finds files of identical content and gives back the space of the extra copies.
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <iostream>
 #include <string>
 
 #include "allocator.h"
 #include "command_line.h"
 #include "exit_codes.h"
+
+namespace {
+
+// What a command printed must reach whoever reads it: a report cut short by a full disk is a
+// failure to say, not a success with half a list. Flushed here, while an error can still be told.
+int afterOutput(int code) {
+    errno = 0;
+    std::cout.flush();
+    bool flushed = std::fflush(stdout) == 0;
+    if (flushed && !std::cout.fail() && !std::ferror(stdout)) return code;
+    std::cerr << "dedup: the output could not be written"
+              << (errno != 0 ? std::string(": ") + std::strerror(errno) : std::string()) << "\n";
+    return code == dedup::cli::success ? dedup::cli::failure : code;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     using namespace dedup::cli;
@@ -29,12 +48,12 @@ int main(int argc, char** argv) {
             return usage;
         }
         int code = app.exit(error);
-        return code == 0 ? success : usage;
+        return code == 0 ? afterOutput(success) : usage;
     }
 
     try {
         for (const auto& command : commands) {
-            if (command.subcommand->parsed()) return command.run();
+            if (command.subcommand->parsed()) return afterOutput(command.run());
         }
     } catch (const CommandError& error) {
         std::cerr << "dedup: " << error.what() << "\n";

@@ -112,6 +112,13 @@ TEST_F(ScanCommandTest, BadInputGetsAClearErrorAndItsExitCode) {
     auto broken = dedup({"scan", "--min-size", "1", tree_.path()});
     EXPECT_EQ(broken.exitCode, 0);
     EXPECT_NE(broken.stderrText.find("digest cache cannot be opened"), std::string::npos) << broken.stderrText;
+
+    // A report that cannot be written (a full disk) fails, and says so, rather than end as if the
+    // whole list had been given.
+    auto full = test::runCommand(
+        {"/bin/sh", "-c", std::string(DEDUP_BINARY) + " scan --json --min-size 1 '" + tree_.path() + "' >/dev/full"});
+    EXPECT_EQ(full.exitCode, 1);
+    EXPECT_NE(full.stderrText.find("dedup: the output could not be written"), std::string::npos) << full.stderrText;
 }
 
 TEST_F(ScanCommandTest, RootGivenThroughALinkIsScannedWhereItPoints) {
